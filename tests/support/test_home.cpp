@@ -1,0 +1,39 @@
+#include "support/test_home.h"
+
+#include <cstdlib>
+#include <stdexcept>
+#include <unistd.h>
+
+namespace qbtest {
+
+ScopedHome::ScopedHome() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "qbtest-XXXXXX").string();
+  if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
+  path_ = pattern;
+  if (const char* old = std::getenv("QUILLBOX_HOME")) {
+    previous_ = old;
+    hadPrevious_ = true;
+  }
+  setenv("QUILLBOX_HOME", path_.c_str(), 1);
+}
+
+ScopedHome::~ScopedHome() {
+  if (hadPrevious_)
+    setenv("QUILLBOX_HOME", previous_.c_str(), 1);
+  else
+    unsetenv("QUILLBOX_HOME");
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+std::filesystem::path BinDir() {
+  if (const char* dir = std::getenv("QUILLBOX_BUILD_BIN")) return dir;
+  return std::filesystem::path(QUILLBOX_DEFAULT_BIN_DIR);
+}
+
+std::filesystem::path SourceDir() {
+  if (const char* dir = std::getenv("QUILLBOX_SOURCE_DIR")) return dir;
+  return std::filesystem::path(QUILLBOX_DEFAULT_SOURCE_DIR);
+}
+
+}  // namespace qbtest
