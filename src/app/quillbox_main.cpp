@@ -1,11 +1,4 @@
-// Placeholder entry point until the instance roles land.
-#include <cstdio>
-#include <cstring>
+// The program: every role of an instance starts here.
+#include "app/entry.h"
 
-int main(int argc, char** argv) {
-  if (argc > 1 && std::strcmp(argv[1], "/?") == 0) {
-    std::fprintf(stderr, "Quillbox: usage text follows with the command line.\n");
-    return 0;
-  }
-  return 0;
-}
+int main(int argc, char** argv) { return qb::app::QuillboxEntry(argc, argv); }

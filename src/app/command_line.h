@@ -1,0 +1,22 @@
+#pragma once
+// `main` of the command-line instance: the choice of role, the parse of the
+// switches and the decision after the walk. Returns the signed code that
+// ProcessError turns into the exit code.
+#include <cstdint>
+
+#include "app/invocation.h"
+
+namespace qb::app {
+
+int32_t QuillboxMain(int argc, char** argv);
+
+// The switch walk alone: fills `inv`; true when the walk went through every
+// argument, else false with the code `main` returns in `code` (33 for
+// "/?", 0 after a relaunch, ...).
+bool ParseSwitches(int argc, char** argv, Invocation* inv, int32_t* code);
+int32_t ParseSwitchesOrEnd(int argc, char** argv, Invocation* inv);
+
+// The decision after the walk; runs the mapping or the child.
+int32_t DecideAfterWalk(Invocation* inv);
+
+}  // namespace qb::app

@@ -1,0 +1,70 @@
+#include "app/entry.h"
+
+#include <cstring>
+
+#include "app/command_line.h"
+#include "app/invocation.h"
+#include "app/main_codes.h"
+#include "app/neighbours.h"
+#include "app/process_error.h"
+#include "app/super_globals.h"
+#include "app/unmount.h"
+#include "diag/trace.h"
+#include "platform/system/session_signals.h"
+#include "ui/message_box.h"
+
+namespace qb::app {
+namespace {
+
+constexpr const char* kTag = "M01@QuillboxEntry: ";
+
+int32_t RunCommandLine(int argc, char** argv) {
+  // The session-end watcher stands for the hidden event-handler window.
+  sys::SessionSignalWatcher sessionEnd;
+  sessionEnd.Start(OnSessionEnd);
+  const bool quiet = HasQuietSwitch(argc, argv);
+  int32_t code = QuillboxMain(argc, argv);
+  int32_t exitCode = ProcessError(quiet, code);
+  sessionEnd.Stop();
+  return exitCode;
+}
+
+int32_t RunInteractive(CSuperGlobals* globals) {
+  if (globals->GetMainHWND()) {
+    Trace(kTag, "Main window 0x%08X runs already", static_cast<uint32_t>(globals->GetMainHWND()));
+    return 0;
+  }
+  // The main window is not part of this build: show how the command line
+  // is used instead.
+  Trace(kTag, "No main window in this build");
+  ui::MessageBox("Quillbox", UsageText(), ui::Icon::kInformation, ui::Buttons::kOk, ui::Answer::kOk, true);
+  return 0;
+}
+
+}  // namespace
+
+int QuillboxEntry(int argc, char** argv) {
+  // Before any thread starts, so that only the watcher takes these signals.
+  sys::BlockSessionSignals();
+  CSuperGlobals globals;
+  SetSuperGlobals(&globals);
+  const bool agent = argc == 3 && std::strcmp(argv[1], "/b") == 0;
+  globals.Init(agent);
+  if (!globals.IsInitialized()) {
+    globals.DeInit();
+    SetSuperGlobals(nullptr);
+    return kExitNoSharedState;
+  }
+  Trace(kTag, "ENTER argc=%d", argc);
+  ProcessStorageLists().Clear();
+  nb::StartDeviceAccess();
+  int32_t exitCode = argc > 1 ? RunCommandLine(argc, argv) : RunInteractive(&globals);
+  nb::StopDeviceAccess();
+  ProcessStorageLists().Clear();
+  Trace(kTag, "RETURN: RC=0x%08X (%s)", static_cast<uint32_t>(exitCode), CodeToName(exitCode));
+  globals.DeInit();
+  SetSuperGlobals(nullptr);
+  return exitCode;
+}
+
+}  // namespace qb::app

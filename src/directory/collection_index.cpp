@@ -1,0 +1,101 @@
+#include "directory/collection_index.h"
+
+#include "common/strings.h"
+
+DeletedFlag& DeletedFlag::operator=(uint32_t value) {
+  m_value = value;
+  if (value && m_owner) m_owner->NoteDeleted(m_item);
+  return *this;
+}
+
+namespace qb::directory {
+
+uint32_t KeyHash(std::string_view key) {
+  uint32_t h = 2166136261u;
+  for (char c : key) {
+    h ^= static_cast<uint8_t>(qb::ToUpperAZ(c));
+    h *= 16777619u;
+  }
+  return h;
+}
+
+void CollectionIndex::Attach(DirectoryItem* item) {
+  item->bDeleted.m_owner = this;
+  item->bDeleted.m_item = item;
+  File(item);
+  if (item->bDeleted) NoteDeleted(item);
+}
+
+void CollectionIndex::Remove(Map* map, uint32_t hash, DirectoryItem* item) {
+  auto [it, end] = map->equal_range(hash);
+  for (; it != end; ++it) {
+    if (it->second == item) {
+      map->erase(it);
+      return;
+    }
+  }
+}
+
+void CollectionIndex::Unfile(DirectoryItem* item) {
+  DirectoryItemLinks& l = item->links;
+  if (l.inItemID) Remove(&byItemID_, l.hItemID, item);
+  if (l.inUniqueID) Remove(&byUniqueID_, l.hUniqueID, item);
+  if (l.inFullName) Remove(&byFullName_, l.hFullName, item);
+  l.inItemID = l.inUniqueID = l.inFullName = 0;
+}
+
+void CollectionIndex::File(DirectoryItem* item) {
+  Unfile(item);
+  DirectoryItemLinks& l = item->links;
+  if (item->sItemID) {
+    l.hItemID = KeyHash(*item->sItemID);
+    byItemID_.emplace(l.hItemID, item);
+    l.inItemID = 1;
+  }
+  l.hUniqueID = KeyHash(item->sUniqueID);
+  byUniqueID_.emplace(l.hUniqueID, item);
+  l.inUniqueID = 1;
+  l.hFullName = KeyHash(item->sFullName);
+  byFullName_.emplace(l.hFullName, item);
+  l.inFullName = 1;
+}
+
+template <class Field>
+DirectoryItem* CollectionIndex::Find(const Map& map, std::string_view key, Field field,
+                                     const Accept& accept) {
+  DirectoryItem* best = nullptr;
+  auto [it, end] = map.equal_range(KeyHash(key));
+  for (; it != end; ++it) {
+    DirectoryItem* item = it->second;
+    if (best && best->links.order < item->links.order) continue;
+    const std::string* value = field(item);
+    if (!value || !qb::EqualsNoCaseAZ(*value, key)) continue;
+    if (accept && !accept(item)) continue;
+    best = item;
+  }
+  return best;
+}
+
+DirectoryItem* CollectionIndex::FindByItemID(std::string_view id, const Accept& accept) const {
+  return Find(byItemID_, id,
+              [](const DirectoryItem* i) { return i->sItemID ? &*i->sItemID : nullptr; }, accept);
+}
+
+DirectoryItem* CollectionIndex::FindByUniqueID(std::string_view id, const Accept& accept) const {
+  return Find(byUniqueID_, id, [](const DirectoryItem* i) { return &i->sUniqueID; }, accept);
+}
+
+DirectoryItem* CollectionIndex::FindByFullName(std::string_view name, const Accept& accept) const {
+  return Find(byFullName_, name, [](const DirectoryItem* i) { return &i->sFullName; }, accept);
+}
+
+DirectoryItem* CollectionIndex::FirstDeleted() {
+  while (!deleted_.empty()) {
+    DirectoryItem* item = deleted_.begin()->second;
+    if (item->bDeleted) return item;
+    deleted_.erase(deleted_.begin());  // cleared again since it was noted
+  }
+  return nullptr;
+}
+
+}  // namespace qb::directory

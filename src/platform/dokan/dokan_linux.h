@@ -1,0 +1,59 @@
+#pragma once
+// What the drive layer offers beyond the Dokan calls on Linux: the mount
+// point of a letter, the free-letter test and drive types (GetDriveTypeW),
+// the forced removal of a hung drive (DefineDosDeviceW with
+// DDD_REMOVE_DEFINITION) and the cache invalidation that stands for the
+// shell refresh.
+#include <cstdint>
+#include <filesystem>
+#include <string_view>
+
+namespace qb::dokan {
+
+// Drive types, with the values of GetDriveTypeW.
+enum DriveType : unsigned {
+  DRIVE_UNKNOWN = 0,
+  DRIVE_NO_ROOT_DIR = 1,
+  DRIVE_REMOVABLE = 2,
+  DRIVE_FIXED = 3,
+  DRIVE_REMOTE = 4,
+  DRIVE_CDROM = 5,
+  DRIVE_RAMDISK = 6,
+};
+
+// The letter of a mount point "X:\\", "X:" or "X" in upper case, or 0 when
+// it names no letter A-Z.
+char LetterOfMountPoint(std::string_view mountPoint);
+
+// <drives root>/<LETTER> (the letter in upper case).
+std::filesystem::path MountPointOf(char letter);
+
+// GetDriveTypeW of "X:\\". C is the system disk (fixed). A letter served by
+// this library is removable (or fixed / remote, as its mount options said); a
+// foreign mount at the mount point has the type of its file system; a link,
+// folder or file that another program put at the mount point is fixed; a
+// stale mount of a killed server and an empty place have no root folder.
+// Never touches a mounted file system (a hung server cannot block it).
+unsigned GetDriveType(char letter);
+
+// The free-letter test: true when the drive type is below removable.
+bool IsDriveLetterFree(char letter);
+
+// The removal that does not depend on the server: detaches the mount at once
+// (lazy unmount) and aborts its FUSE connection, so that every request
+// waiting on a hung server ends and the server's DokanMain returns when it
+// runs again. Also cleans a stale mount point. True when nothing of the
+// letter stays mounted.
+bool ForceRemoveMountPoint(char letter);
+
+// Makes every program see a change that was made behind the kernel's back:
+// drops the kernel's cached entry, attributes and data of `path` (backslash
+// form, "\DCIM\a.jpg") and of its folder, on the drive of `letter` served by
+// this process. Never blocks a request: the work is queued to the drive's
+// notifier thread; with waitMs > 0 the call waits that long for it to be
+// done. True when the drive is served here (and, with a wait, when the
+// invalidation was done in time). Safe from any thread, also from inside an
+// operation of the table.
+bool InvalidatePath(char letter, std::string_view path, uint32_t waitMs = 0);
+
+}  // namespace qb::dokan

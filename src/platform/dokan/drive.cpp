@@ -1,0 +1,270 @@
+#include "platform/dokan/drive.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <filesystem>
+
+#include "diag/trace.h"
+#include "platform/dokan/dokan_linux.h"
+#include "platform/dokan/letter_state.h"
+#include "platform/dokan/mount_table.h"
+
+namespace qb::dokan {
+namespace {
+
+constexpr const char* kTag = "K1@DokanMain: ";
+constexpr int kMaxThreads = 16;
+constexpr int kIdleThreads = 4;
+constexpr auto kNotifierPoll = std::chrono::milliseconds(500);
+constexpr auto kNotifierStopLimit = std::chrono::milliseconds(2000);
+
+// Mount options take commas and backslashes as separators and escapes.
+std::string OptionText(const std::string& s) {
+  std::string out;
+  for (char c : s) {
+    if (c == ',' || c == '\\') out.push_back('\\');
+    if (static_cast<unsigned char>(c) >= 0x20) out.push_back(c);
+  }
+  return out;
+}
+
+std::string SubtypeOf(const std::string& fileSystemName) {
+  std::string out;
+  for (char c : fileSystemName)
+    if (std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-')
+      out.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
+  return out.empty() ? "dokan" : out;
+}
+
+}  // namespace
+
+Drive::Drive(char letter, DOKAN_OPTIONS* options, const DOKAN_OPERATIONS& operations)
+    : letter_(letter), options_(options), table_(operations) {
+  owner_.uid = getuid();
+  owner_.gid = getgid();
+  mountPoint_ = MountPointOf(letter).string();
+}
+
+Drive::~Drive() {
+  StopNotifier();
+  CloseRemainingOpens();
+}
+
+int Drive::Run() {
+  const LetterInfo before = InspectLetter(letter_);
+  if (before.state != LetterState::kEmpty && before.state != LetterState::kOursStale) {
+    Trace(kTag, "Drive letter '%c' is taken (%d)", letter_, static_cast<int>(before.state));
+    return DOKAN_MOUNT_ERROR;
+  }
+  std::optional<LetterClaim> claim = LetterClaim::Take(letter_);
+  if (!claim) {
+    Trace(kTag, "Drive letter '%c' is held by another server", letter_);
+    return DOKAN_MOUNT_ERROR;
+  }
+  // Under the claim nobody else of ours mounts the letter; what is still
+  // recorded there was left by a killed server.
+  CleanStale(letter_, before);
+  std::error_code ec;
+  std::filesystem::create_directory(mountPoint_, ec);
+  if (!std::filesystem::is_directory(mountPoint_, ec) || !std::filesystem::is_empty(mountPoint_, ec)) {
+    Trace(kTag, "Mount point \"%s\" cannot be used", mountPoint_.c_str());
+    return DOKAN_MOUNT_ERROR;
+  }
+  claim->WriteRecord({getpid(), 0, 0, options_->Options});
+  const int mounted = Mount();
+  if (mounted != DOKAN_SUCCESS) {
+    std::filesystem::remove(mountPoint_, ec);
+    return mounted;
+  }
+  claim->WriteRecord({getpid(), 0, connection_, options_->Options});
+  RegisterDrive(letter_, this);
+  StartNotifier();
+  DOKAN_FILE_INFO info{};
+  info.DokanOptions = options_;
+  table_.Mounted(options_->MountPoint ? options_->MountPoint : "", &info);
+  Serve();
+  UnregisterDrive(letter_);
+  StopNotifier();
+  TearDown();
+  table_.Unmounted(&info);
+  std::filesystem::remove(mountPoint_, ec);
+  return DOKAN_SUCCESS;
+}
+
+int Drive::Mount() {
+  // The names of the mount table come from the file system's own answer.
+  VolumeInfo volume;
+  DOKAN_FILE_INFO info{};
+  info.DokanOptions = options_;
+  table_.Volume(&volume, &info);
+  if (volume.volumeName.empty()) volume.volumeName = "DOKAN";
+  std::string opts = "fsname=" + OptionText(volume.volumeName) +
+                     ",subtype=" + SubtypeOf(volume.fileSystemName) + ",default_permissions";
+  if (options_->Options & DOKAN_OPTION_WRITE_PROTECT) opts += ",ro";
+  std::vector<std::string> words{"quillbox-drive", "-o", opts};
+  std::vector<char*> argv;
+  for (std::string& w : words) argv.push_back(w.data());
+  fuse_args args = FUSE_ARGS_INIT(static_cast<int>(argv.size()), argv.data());
+  session_ = fuse_session_new(&args, &BridgeOperations(), sizeof(fuse_lowlevel_ops), this);
+  if (!session_) {
+    Trace(kTag, "fuse_session_new failed");
+    return DOKAN_MOUNT_ERROR;
+  }
+  if (fuse_session_mount(session_, mountPoint_.c_str()) != 0) {
+    Trace(kTag, "Mount of \"%s\" failed", mountPoint_.c_str());
+    fuse_session_destroy(session_);
+    session_ = nullptr;
+    return DOKAN_MOUNT_ERROR;
+  }
+  if (auto m = FindMount(mountPoint_)) connection_ = m->minor;
+  Trace(kTag, "Mounted '%c' at \"%s\" (connection %u)", letter_, mountPoint_.c_str(), connection_);
+  return DOKAN_SUCCESS;
+}
+
+void Drive::Serve() {
+  int rc;
+  if (options_->SingleThread) {
+    rc = fuse_session_loop(session_);
+  } else {
+    fuse_loop_config* config = fuse_loop_cfg_create();
+    fuse_loop_cfg_set_max_threads(config, kMaxThreads);
+    fuse_loop_cfg_set_idle_threads(config, kIdleThreads);
+    rc = fuse_session_loop_mt(session_, config);
+    fuse_loop_cfg_destroy(config);
+  }
+  Trace(kTag, "Session of '%c' ended: %d", letter_, rc);
+}
+
+void Drive::TearDown() {
+  // Windows closes every handle of a removed drive: the file system sees
+  // Cleanup and CloseFile for opens that the kernel never released.
+  CloseRemainingOpens();
+  if (auto m = FindMount(mountPoint_); m && m->minor == connection_)
+    fuse_session_unmount(session_);
+  if (notifierGone_ && !notifierGone_->finished) {
+    // A notifier stuck in the kernel still uses the session: keep it.
+    Trace(kTag, "Notifier still busy; session kept");
+  } else {
+    fuse_session_destroy(session_);
+  }
+  session_ = nullptr;
+}
+
+void Drive::CloseRemainingOpens() {
+  std::set<Open*> left;
+  {
+    std::lock_guard lock(opensMutex_);
+    left.swap(opens_);
+  }
+  for (Open* open : left) {
+    std::string path;
+    if (PathOf(open->node, &path) != 0) path = "\\";
+    table_.Cleanup(path, &open->info);
+    table_.Close(path, &open->info);
+    delete open;
+  }
+}
+
+Open* Drive::Register(std::unique_ptr<Open> open) {
+  std::lock_guard lock(opensMutex_);
+  Open* raw = open.release();
+  opens_.insert(raw);
+  return raw;
+}
+
+// ---------------------------------------------------------------------------
+// Invalidation
+
+void Drive::StartNotifier() {
+  notifyStop_ = false;
+  notifierGone_ = std::make_shared<InvalidationTicket>();
+  auto gone = notifierGone_;
+  notifier_ = std::thread([this, gone] {
+    NotifierLoop();
+    std::lock_guard lock(gone->mutex);
+    gone->finished = true;
+    gone->done.notify_all();
+  });
+}
+
+void Drive::StopNotifier() {
+  if (!notifier_.joinable()) return;
+  {
+    std::lock_guard lock(notifyMutex_);
+    notifyStop_ = true;
+  }
+  notifyWake_.notify_all();
+  std::unique_lock lock(notifierGone_->mutex);
+  if (notifierGone_->done.wait_for(lock, kNotifierStopLimit, [&] { return notifierGone_->finished; })) {
+    lock.unlock();
+    notifier_.join();
+  } else {
+    lock.unlock();
+    notifier_.detach();
+  }
+}
+
+std::shared_ptr<InvalidationTicket> Drive::QueueInvalidation(const std::string& path) {
+  auto ticket = std::make_shared<InvalidationTicket>();
+  {
+    std::lock_guard lock(notifyMutex_);
+    if (notifyStop_) return nullptr;
+    notifyQueue_.emplace_back(path, ticket);
+  }
+  notifyWake_.notify_one();
+  return ticket;
+}
+
+void Drive::NotifierLoop() {
+  std::unique_lock lock(notifyMutex_);
+  while (!notifyStop_) {
+    if (notifyQueue_.empty()) {
+      notifyWake_.wait_for(lock, kNotifierPoll);
+      continue;
+    }
+    auto [path, ticket] = std::move(notifyQueue_.front());
+    notifyQueue_.pop_front();
+    lock.unlock();
+    ApplyInvalidation(path);
+    {
+      std::lock_guard done(ticket->mutex);
+      ticket->finished = true;
+    }
+    ticket->done.notify_all();
+    lock.lock();
+  }
+  for (auto& [path, ticket] : notifyQueue_) {
+    std::lock_guard done(ticket->mutex);
+    ticket->done.notify_all();  // never finished: the drive is going
+  }
+  notifyQueue_.clear();
+}
+
+void Drive::ApplyInvalidation(const std::string& path) {
+  // Walk the known nodes down the path; what the kernel never saw needs
+  // nothing.
+  uint64_t parent = NodeTable::kRoot, node = NodeTable::kRoot;
+  std::string name;
+  size_t pos = 1;
+  while (pos <= path.size() && node != 0) {
+    const size_t next = std::min(path.find('\\', pos), path.size());
+    if (next == pos) break;
+    name = path.substr(pos, next - pos);
+    parent = node;
+    node = nodes_.Find(parent, name);
+    pos = next + 1;
+  }
+  if (name.empty()) {
+    fuse_lowlevel_notify_inval_inode(session_, NodeTable::kRoot, 0, 0);
+    return;
+  }
+  if (node == 0 && pos <= path.size()) return;  // a folder above it is unknown
+  fuse_lowlevel_notify_inval_entry(session_, parent, name.c_str(), name.size());
+  if (node) fuse_lowlevel_notify_inval_inode(session_, node, 0, 0);
+  fuse_lowlevel_notify_inval_inode(session_, parent, 0, 0);
+}
+
+}  // namespace qb::dokan

@@ -1,0 +1,150 @@
+#pragma once
+// One mounted drive: the FUSE session of a letter, the opens of the kernel,
+// and the translation of every kernel request into the calls of the
+// operation table that Windows would make for it.
+//
+// Locks, in the order in which they may be nested:
+//   ActiveDrives' registry mutex (dokan_linux.cpp) -> notifyMutex_;
+//   opensMutex_, Open::mutex and the node table's mutex are leaves: no
+//   operation of the table is ever called while one of them is held.
+#define FUSE_USE_VERSION 312
+#include <fuse3/fuse_lowlevel.h>
+
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/dokan/attributes.h"
+#include "platform/dokan/dokan.h"
+#include "platform/dokan/node_table.h"
+#include "platform/dokan/operation_table.h"
+
+namespace qb::dokan {
+
+// One open of the kernel (a file or folder handle of Windows).
+struct Open {
+  std::mutex mutex;      // guards info between requests of this open
+  DOKAN_FILE_INFO info;  // Context and flags of the open
+  uint64_t node = 0;
+  bool directory = false;
+  std::vector<WIN32_FIND_DATAW> listing;  // folder snapshot, taken at offset 0
+};
+
+// A finished invalidation, for callers that wait for it.
+struct InvalidationTicket {
+  std::mutex mutex;
+  std::condition_variable done;
+  bool finished = false;
+};
+
+class Drive {
+ public:
+  Drive(char letter, DOKAN_OPTIONS* options, const DOKAN_OPERATIONS& operations);
+  ~Drive();
+  Drive(const Drive&) = delete;
+  Drive& operator=(const Drive&) = delete;
+
+  // Mounts, serves until the mount is removed, tears down. A DOKAN_* code.
+  int Run();
+
+  std::shared_ptr<InvalidationTicket> QueueInvalidation(const std::string& path);
+
+  // Request translations: each answers 0 or an errno. Defined in
+  // drive_requests.cpp; the FUSE callbacks in fuse_bridge.cpp call them.
+  int Lookup(fuse_req_t req, uint64_t parent, const char* name, fuse_entry_param* e);
+  void Forget(uint64_t node, uint64_t count) { nodes_.Forget(node, count); }
+  int GetAttr(fuse_req_t req, uint64_t node, Open* open, struct stat* st);
+  int SetAttr(fuse_req_t req, uint64_t node, const struct stat* attr, int toSet, Open* open,
+              struct stat* st);
+  int MakeDirectory(fuse_req_t req, uint64_t parent, const char* name, fuse_entry_param* e);
+  int Unlink(fuse_req_t req, uint64_t parent, const char* name, bool directory);
+  int Rename(fuse_req_t req, uint64_t parent, const char* name, uint64_t newParent,
+             const char* newName, unsigned flags);
+  int OpenFile(fuse_req_t req, uint64_t node, int flags, Open** out);
+  int CreateFile(fuse_req_t req, uint64_t parent, const char* name, mode_t mode, int flags,
+                 fuse_entry_param* e, Open** out);
+  int Read(fuse_req_t req, Open* open, size_t size, off_t offset, std::vector<char>* out);
+  int Write(fuse_req_t req, Open* open, const char* buffer, size_t size, off_t offset,
+            size_t* written);
+  int Flush(fuse_req_t req, Open* open);
+  void Release(Open* open);
+  int OpenDirectory(fuse_req_t req, uint64_t node, Open** out);
+  // Fills `buffer` from `offset`; with `plus` every entry carries its
+  // attributes, so that the kernel needs no lookup for it.
+  int ReadDirectory(fuse_req_t req, Open* open, size_t size, off_t offset, bool plus,
+                    std::vector<char>* buffer);
+  int StatFs(fuse_req_t req, struct statvfs* st);
+  // Drops an open whose reply did not reach the kernel.
+  void Abandon(Open* open, bool countedLookup);
+
+  bool Debug() const { return (options_->Options & (DOKAN_OPTION_DEBUG | DOKAN_OPTION_STDERR)) != 0; }
+  char Letter() const { return letter_; }
+
+ private:
+  // A handle that lives for one request (lookup, stat, unlink, rename...).
+  struct TempHandle {
+    std::string path;
+    DOKAN_FILE_INFO info;
+    bool open = false;
+  };
+
+  int Mount();
+  void Serve();
+  void TearDown();
+  void CloseRemainingOpens();
+  void StartNotifier();
+  void StopNotifier();
+  void NotifierLoop();
+  void ApplyInvalidation(const std::string& path);
+
+  DOKAN_FILE_INFO NewInfo(fuse_req_t req) const;
+  DOKAN_FILE_INFO Begin(fuse_req_t req, Open* open) const;
+  void End(Open* open, const DOKAN_FILE_INFO& info) const;
+  Open* Register(std::unique_ptr<Open> open);
+  NTSTATUS OpenTemp(fuse_req_t req, const std::string& path, ACCESS_MASK access, ULONG options,
+                    bool directory, TempHandle* handle);
+  void CloseTemp(TempHandle* handle);
+  int QueryByPath(fuse_req_t req, const std::string& path, BY_HANDLE_FILE_INFORMATION* out);
+  int ChildPath(uint64_t parent, const char* name, std::string* path) const;
+  int PathOf(uint64_t node, std::string* path) const;
+  void EntryOf(uint64_t node, const BY_HANDLE_FILE_INFORMATION& info, fuse_entry_param* e) const;
+  int ApplySetAttr(const std::string& path, const struct stat* attr, int toSet,
+                   DOKAN_FILE_INFO* info);
+
+  // Set once before the session starts; no lock needed.
+  const char letter_;
+  DOKAN_OPTIONS* const options_;
+  const OperationTable table_;
+  Owner owner_;
+  std::string mountPoint_;
+  unsigned connection_ = 0;
+  fuse_session* session_ = nullptr;
+
+  NodeTable nodes_;  // its own leaf lock
+
+  std::mutex opensMutex_;  // guards opens_
+  std::set<Open*> opens_;  // owned; freed by Release, Abandon or the teardown
+
+  std::mutex notifyMutex_;  // guards the three fields below
+  std::condition_variable notifyWake_;
+  std::deque<std::pair<std::string, std::shared_ptr<InvalidationTicket>>> notifyQueue_;
+  bool notifyStop_ = false;
+  std::thread notifier_;
+  std::shared_ptr<InvalidationTicket> notifierGone_;  // set when the notifier thread ends
+};
+
+// The FUSE operation table of the bridge (fuse_bridge.cpp).
+const fuse_lowlevel_ops& BridgeOperations();
+// True while this thread answers a kernel request.
+bool InsideRequest();
+
+// Drives served by this process, by letter (dokan_linux.cpp).
+void RegisterDrive(char letter, Drive* drive);
+void UnregisterDrive(char letter);
+
+}  // namespace qb::dokan

@@ -1,0 +1,131 @@
+#include "platform/dokan/node_table.h"
+
+#include <vector>
+
+namespace qb::dokan {
+
+NodeTable::NodeTable() {
+  Node root;
+  root.lookups = 1;  // the kernel never forgets the root
+  nodes_.emplace(kRoot, root);
+}
+
+std::string NodeTable::JoinPath(const std::string& parentPath, const std::string& name) {
+  return parentPath == "\\" ? "\\" + name : parentPath + "\\" + name;
+}
+
+uint64_t NodeTable::Obtain(uint64_t parent, const std::string& name, bool countLookup) {
+  std::lock_guard lock(mutex_);
+  auto p = nodes_.find(parent);
+  if (p == nodes_.end()) return 0;
+  auto it = byName_.find({parent, name});
+  uint64_t id;
+  if (it != byName_.end()) {
+    id = it->second;
+  } else {
+    id = next_++;
+    Node n;
+    n.parent = parent;
+    n.name = name;
+    nodes_.emplace(id, n);
+    ++p->second.children;
+    byName_[{parent, name}] = id;
+  }
+  if (countLookup) ++nodes_[id].lookups;
+  return id;
+}
+
+uint64_t NodeTable::Find(uint64_t parent, const std::string& name) const {
+  std::lock_guard lock(mutex_);
+  auto it = byName_.find({parent, name});
+  return it == byName_.end() ? 0 : it->second;
+}
+
+void NodeTable::Forget(uint64_t node, uint64_t count) {
+  std::lock_guard lock(mutex_);
+  auto it = nodes_.find(node);
+  if (it == nodes_.end() || node == kRoot) return;
+  it->second.lookups = it->second.lookups > count ? it->second.lookups - count : 0;
+  ReleaseIfUnusedLocked(node);
+}
+
+void NodeTable::ReleaseIfUnusedLocked(uint64_t node) {
+  while (node != kRoot) {
+    auto it = nodes_.find(node);
+    if (it == nodes_.end() || it->second.lookups > 0 || it->second.children > 0) return;
+    const Node n = it->second;
+    nodes_.erase(it);
+    auto named = byName_.find({n.parent, n.name});
+    if (named != byName_.end() && named->second == node) byName_.erase(named);
+    auto p = nodes_.find(n.parent);
+    if (p == nodes_.end()) return;
+    --p->second.children;
+    node = n.parent;  // the parent may now be unused as well
+  }
+}
+
+std::optional<std::string> NodeTable::PathOfLocked(uint64_t node) const {
+  std::vector<const std::string*> parts;
+  while (node != kRoot) {
+    auto it = nodes_.find(node);
+    if (it == nodes_.end()) return std::nullopt;
+    parts.push_back(&it->second.name);
+    node = it->second.parent;
+  }
+  if (parts.empty()) return std::string("\\");
+  std::string path;
+  for (auto it = parts.rbegin(); it != parts.rend(); ++it) path += "\\" + **it;
+  return path;
+}
+
+std::optional<std::string> NodeTable::PathOf(uint64_t node) const {
+  std::lock_guard lock(mutex_);
+  return PathOfLocked(node);
+}
+
+std::optional<uint64_t> NodeTable::ParentOf(uint64_t node) const {
+  std::lock_guard lock(mutex_);
+  auto it = nodes_.find(node);
+  if (it == nodes_.end()) return std::nullopt;
+  return it->second.parent;
+}
+
+void NodeTable::Unlinked(uint64_t parent, const std::string& name) {
+  std::lock_guard lock(mutex_);
+  auto it = byName_.find({parent, name});
+  if (it == byName_.end()) return;
+  nodes_[it->second].linked = false;
+  byName_.erase(it);
+}
+
+void NodeTable::Renamed(uint64_t parent, const std::string& name, uint64_t newParent,
+                        const std::string& newName) {
+  std::lock_guard lock(mutex_);
+  auto target = byName_.find({newParent, newName});
+  if (target != byName_.end()) {
+    nodes_[target->second].linked = false;
+    byName_.erase(target);
+  }
+  auto it = byName_.find({parent, name});
+  if (it == byName_.end()) return;
+  const uint64_t id = it->second;
+  byName_.erase(it);
+  Node& n = nodes_[id];
+  if (n.parent != newParent) {
+    auto oldP = nodes_.find(n.parent);
+    if (oldP != nodes_.end()) --oldP->second.children;
+    ++nodes_[newParent].children;
+    const uint64_t old = n.parent;
+    n.parent = newParent;
+    ReleaseIfUnusedLocked(old);
+  }
+  nodes_[id].name = newName;
+  byName_[{newParent, newName}] = id;
+}
+
+size_t NodeTable::Size() const {
+  std::lock_guard lock(mutex_);
+  return nodes_.size();
+}
+
+}  // namespace qb::dokan

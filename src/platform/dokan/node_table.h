@@ -1,0 +1,63 @@
+#pragma once
+// The kernel's inode numbers of the drive and the paths they stand for. A
+// node lives while the kernel holds lookups of it or of a child; its path is
+// built from its parent's path and its name, so a renamed folder carries its
+// whole subtree along.
+//
+// Lock: mutex_ guards everything; it is a leaf lock (nothing is called while
+// it is held).
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+namespace qb::dokan {
+
+class NodeTable {
+ public:
+  static constexpr uint64_t kRoot = 1;
+
+  NodeTable();
+
+  // The node of (parent, name), made when missing; with `countLookup` the
+  // kernel's lookup count grows by one. 0 when the parent is unknown.
+  uint64_t Obtain(uint64_t parent, const std::string& name, bool countLookup);
+  // The node of (parent, name) if there is one, else 0.
+  uint64_t Find(uint64_t parent, const std::string& name) const;
+  // The kernel forgets `count` lookups of the node.
+  void Forget(uint64_t node, uint64_t count);
+  // Path on the drive in backslash form; nullopt for an unknown node.
+  std::optional<std::string> PathOf(uint64_t node) const;
+  std::optional<uint64_t> ParentOf(uint64_t node) const;
+  // The name (parent, name) is gone (unlink, rmdir).
+  void Unlinked(uint64_t parent, const std::string& name);
+  // The name moved; a node that the target name had is unlinked.
+  void Renamed(uint64_t parent, const std::string& name, uint64_t newParent,
+               const std::string& newName);
+  size_t Size() const;
+
+  // Backslash path of a child of `parentPath`.
+  static std::string JoinPath(const std::string& parentPath, const std::string& name);
+
+ private:
+  struct Node {
+    uint64_t parent = 0;
+    std::string name;
+    uint64_t lookups = 0;
+    uint64_t children = 0;  // nodes that name this one as parent
+    bool linked = true;     // (parent, name) still leads here
+  };
+  using Key = std::pair<uint64_t, std::string>;
+
+  void ReleaseIfUnusedLocked(uint64_t node);
+  std::optional<std::string> PathOfLocked(uint64_t node) const;
+
+  mutable std::mutex mutex_;
+  uint64_t next_ = kRoot + 1;
+  std::unordered_map<uint64_t, Node> nodes_;
+  std::map<Key, uint64_t> byName_;
+};
+
+}  // namespace qb::dokan

@@ -1,0 +1,239 @@
+// inotify on a simulated device's folder, turned into object events.
+#include "platform/portable/sim_watcher.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <vector>
+
+#include "diag/trace.h"
+#include "platform/portable/sim_devices.h"
+#include "platform/portable/sim_state.h"
+
+namespace fs = std::filesystem;
+
+namespace qb::portable::sim {
+namespace {
+
+constexpr uint32_t kDeviceMask = IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_DELETE_SELF | IN_MOVE_SELF;
+constexpr uint32_t kContentMask = IN_CREATE | IN_DELETE | IN_CLOSE_WRITE | IN_ATTRIB | IN_MOVED_FROM | IN_MOVED_TO |
+                                  IN_ONLYDIR | IN_DONT_FOLLOW | IN_EXCL_UNLINK;
+
+bool IsUnder(const std::string& rel, const std::string& dir) {
+  return rel.size() > dir.size() && rel.compare(0, dir.size(), dir) == 0 && rel[dir.size()] == '/';
+}
+
+bool IsOurFile(const std::string& name) { return name.rfind(kStorageFile, 0) == 0; }
+
+}  // namespace
+
+SimWatcher::SimWatcher(SimDeviceState* state) : state_(state) {}
+
+SimWatcher::~SimWatcher() {
+  Stop();
+  if (inotify_ >= 0) close(inotify_);
+  if (wake_ >= 0) close(wake_);
+}
+
+bool SimWatcher::Start() {
+  inotify_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  wake_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  if (inotify_ < 0 || wake_ < 0) return false;
+  int wd = inotify_add_watch(inotify_, state_->Folder().c_str(), kDeviceMask);
+  if (wd < 0) return false;
+  wdToRel_[wd] = "";
+  for (const auto& storage : state_->Spec().storages) WatchTree(storage.folder, false);
+  thread_ = std::thread([this] { Run(); });
+  return true;
+}
+
+void SimWatcher::Stop() {
+  stop_ = true;
+  if (!thread_.joinable()) return;
+  if (OnWatcherThread())
+    thread_.detach();  // the last reference went away inside a sink
+  else
+    thread_.join();
+}
+
+void SimWatcher::Post(PortableDeviceValues params) {
+  {
+    std::lock_guard<std::mutex> lock(queueMutex_);
+    posted_.push_back(std::move(params));
+  }
+  uint64_t one = 1;
+  ssize_t n = write(wake_, &one, sizeof one);
+  (void)n;
+}
+
+void SimWatcher::Run() {
+  std::vector<char> buf(64 * 1024);
+  while (!stop_) {
+    pollfd fds[2] = {{inotify_, POLLIN, 0}, {wake_, POLLIN, 0}};
+    int n = poll(fds, 2, 200);
+    if (n <= 0) continue;
+    try {
+      if (fds[1].revents & POLLIN) {
+        uint64_t count;
+        ssize_t r = read(wake_, &count, sizeof count);
+        (void)r;
+        DrainPosted();
+      }
+      if (fds[0].revents & POLLIN) {
+        ssize_t len;
+        while ((len = read(inotify_, buf.data(), buf.size())) > 0) {
+          if (!gone_) ProcessBatch(buf.data(), len);
+        }
+      }
+    } catch (...) {
+      Trace("SW1@SimWatcher::Run: ", "failure while raising events; going on");
+    }
+  }
+}
+
+void SimWatcher::DrainPosted() {
+  std::deque<PortableDeviceValues> items;
+  {
+    std::lock_guard<std::mutex> lock(queueMutex_);
+    items.swap(posted_);
+  }
+  for (const auto& p : items) state_->Deliver(p);
+}
+
+void SimWatcher::WatchTree(const std::string& rel, bool announce) {
+  int wd = inotify_add_watch(inotify_, state_->PathOf(rel).c_str(), kContentMask);
+  if (wd < 0) return;
+  wdToRel_[wd] = rel;
+  std::error_code ec;
+  std::vector<std::pair<std::string, bool>> children;
+  for (const auto& entry : fs::directory_iterator(state_->PathOf(rel), ec)) {
+    std::string name = entry.path().filename().string();
+    if (IsOurFile(name)) continue;
+    std::error_code ec2;
+    children.emplace_back(rel + "/" + name, entry.is_directory(ec2) && !entry.is_symlink(ec2));
+  }
+  for (const auto& [child, dir] : children) {
+    bool known = state_->KnowsPath(child);
+    if (announce && !known) Raise(WPD_EVENT_OBJECT_ADDED, state_->IdForPath(child), child, dir);
+    if (dir) WatchTree(child, announce);
+  }
+}
+
+bool SimWatcher::CheckDeviceGone() {
+  if (gone_) return true;
+  std::error_code ec;
+  const fs::path& f = state_->Folder();
+  if (fs::exists(f / kDeviceFile, ec) && !fs::exists(f / kDisconnectedFile, ec)) return false;
+  gone_ = true;
+  state_->MarkRemoved();
+  PortableDeviceValues v;
+  v.SetGuidValue(WPD_EVENT_PARAMETER_EVENT_ID, WPD_EVENT_DEVICE_REMOVED);
+  v.SetStringValue(WPD_EVENT_PARAMETER_PNP_DEVICE_ID, state_->PnpId());
+  state_->Deliver(v);
+  return true;
+}
+
+void SimWatcher::Raise(const GUID& event, const std::string& id, const std::string& rel, bool folder) {
+  if (id.empty()) return;
+  IndexEntry e = state_->EntryOf(id);
+  e.id = id;
+  state_->Deliver(state_->ObjectEvent(event, e, rel, folder));
+}
+
+void SimWatcher::ProcessBatch(const char* buf, ssize_t len) {
+  if (CheckDeviceGone()) return;
+  std::map<uint32_t, PendingMove> moves;
+  for (const char* p = buf; p < buf + len;) {
+    const auto* ev = reinterpret_cast<const inotify_event*>(p);
+    p += sizeof(inotify_event) + ev->len;
+    if (ev->mask & IN_IGNORED) {
+      wdToRel_.erase(ev->wd);
+      continue;
+    }
+    auto it = wdToRel_.find(ev->wd);
+    if (it == wdToRel_.end()) continue;
+    std::string name = ev->len ? std::string(ev->name) : std::string();
+    if (it->second.empty()) {  // the device folder itself
+      if (CheckDeviceGone()) return;
+      continue;
+    }
+    if (name.empty() || (it->second.find('/') == std::string::npos && IsOurFile(name))) continue;
+    std::string rel = it->second + "/" + name;
+    bool dir = (ev->mask & IN_ISDIR) != 0;
+    if (ev->mask & IN_CREATE) OnCreate(rel, dir);
+    if (ev->mask & IN_CLOSE_WRITE) {
+      bool added = pendingCreate_.erase(rel) != 0;
+      Raise(added ? WPD_EVENT_OBJECT_ADDED : WPD_EVENT_OBJECT_UPDATED, state_->IdForPath(rel), rel, false);
+    }
+    if ((ev->mask & IN_ATTRIB) && !pendingCreate_.count(rel)) {
+      struct stat st;
+      if (lstat(state_->PathOf(rel).c_str(), &st) == 0)
+        Raise(WPD_EVENT_OBJECT_UPDATED, state_->IdForPath(rel), rel, dir);
+    }
+    if (ev->mask & IN_DELETE) OnDelete(rel, dir);
+    if (ev->mask & IN_MOVED_FROM) moves[ev->cookie] = PendingMove{rel, dir};
+    if (ev->mask & IN_MOVED_TO) {
+      auto m = moves.find(ev->cookie);
+      if (m != moves.end()) {
+        OnMoved(m->second.rel, rel, dir);
+        moves.erase(m);
+      } else {
+        Raise(WPD_EVENT_OBJECT_ADDED, state_->IdForPath(rel), rel, dir);
+        if (dir) WatchTree(rel, true);
+      }
+    }
+  }
+  for (const auto& [cookie, m] : moves) OnDelete(m.rel, m.dir);  // moved out of the device
+}
+
+void SimWatcher::OnCreate(const std::string& rel, bool dir) {
+  if (dir) {
+    Raise(WPD_EVENT_OBJECT_ADDED, state_->IdForPath(rel), rel, true);
+    WatchTree(rel, true);
+    return;
+  }
+  struct stat st;
+  if (lstat(state_->PathOf(rel).c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
+    Raise(WPD_EVENT_OBJECT_ADDED, state_->IdForPath(rel), rel, false);
+    return;
+  }
+  pendingCreate_[rel] = true;  // announced once its writer closes it
+}
+
+void SimWatcher::OnDelete(const std::string& rel, bool dir) {
+  pendingCreate_.erase(rel);
+  IndexEntry e = state_->TakeRemovedEntry(rel);
+  if (dir) {
+    DropWatchesUnder(rel);
+    state_->ForgetPath(rel, false);
+  }
+  if (!e.id.empty()) state_->Deliver(state_->ObjectEvent(WPD_EVENT_OBJECT_REMOVED, e, rel, dir));
+}
+
+void SimWatcher::OnMoved(const std::string& from, const std::string& to, bool dir) {
+  if (pendingCreate_.erase(from)) pendingCreate_[to] = true;
+  bool wasKnown = state_->KnowsPath(to) || state_->KnowsPath(from);
+  if (!state_->KnowsPath(to)) state_->RenamePath(from, to);
+  if (dir) RenameWatches(from, to);
+  Raise(wasKnown ? WPD_EVENT_OBJECT_UPDATED : WPD_EVENT_OBJECT_ADDED, state_->IdForPath(to), to, dir);
+}
+
+void SimWatcher::DropWatchesUnder(const std::string& rel) {
+  for (auto it = wdToRel_.begin(); it != wdToRel_.end();) {
+    if (it->second == rel || IsUnder(it->second, rel))
+      it = wdToRel_.erase(it);
+    else
+      ++it;
+  }
+}
+
+void SimWatcher::RenameWatches(const std::string& from, const std::string& to) {
+  for (auto& [wd, rel] : wdToRel_)
+    if (rel == from || IsUnder(rel, from)) rel = to + rel.substr(from.size());
+}
+
+}  // namespace qb::portable::sim

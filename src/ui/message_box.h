@@ -1,0 +1,25 @@
+#pragma once
+// Message boxes and questions. With a display and the Qt widgets a real
+// QMessageBox is shown; without a display the box becomes one line on
+// standard error, "title: text", and a question takes its default answer.
+#include <string>
+
+namespace qb::ui {
+
+enum class Icon { kInformation, kWarning, kQuestion };
+enum class Buttons { kOk, kYesNo };
+enum class Answer { kOk, kYes, kNo };
+
+// True when a display can be reached and the widgets are built in.
+bool HasDisplay();
+
+// Shows `text` under `title`; returns the answer (the default one without a
+// display). With `keepLines` the text keeps its line breaks on standard
+// error (the usage text); otherwise they become blanks.
+Answer MessageBox(const std::string& title, const std::string& text, Icon icon, Buttons buttons,
+                  Answer defaultAnswer, bool keepLines = false);
+
+// The left Shift key is held down (false without a display).
+bool IsLeftShiftHeld();
+
+}  // namespace qb::ui
