@@ -1,32 +1,40 @@
 #include "diag/log_file.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <ctime>
 #include <fcntl.h>
-#include <fstream>
 #include <link.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fstream>
 
 #include "platform/system/paths.h"
 
 namespace qb::diag {
 namespace {
 
-constexpr const char* kDoubleRule = "=============================================================\r\n";
-constexpr const char* kSingleRule = "-------------------------------------------------------------\r\n";
+constexpr const char* kDoubleRule =
+    "=============================================================\r\n";
+constexpr const char* kSingleRule =
+    "-------------------------------------------------------------\r\n";
 constexpr size_t kModuleNameWidth = 18;
 // The programs of ours that live in the executable's folder.
 constexpr const char* kOwnModules[] = {"quillbox", "quillbox-simdev", "quillbox-probe"};
 // The file-system library version our programs are built for.
 constexpr uint32_t kBuiltForFuseVersion = 231;
 // Where the dynamic loader finds libfuse3 when this process has not loaded it.
-constexpr const char* kLibraryFolders[] = {"/lib/x86_64-linux-gnu", "/usr/lib/x86_64-linux-gnu",
-                                           "/lib/aarch64-linux-gnu", "/usr/lib/aarch64-linux-gnu",
-                                           "/usr/lib64", "/lib64", "/usr/lib", "/usr/local/lib"};
+constexpr const char* kLibraryFolders[] = {"/lib/x86_64-linux-gnu",
+                                           "/usr/lib/x86_64-linux-gnu",
+                                           "/lib/aarch64-linux-gnu",
+                                           "/usr/lib/aarch64-linux-gnu",
+                                           "/usr/lib64",
+                                           "/lib64",
+                                           "/usr/lib",
+                                           "/usr/local/lib"};
 
 bool EqualsIgnoringCase(const std::string& a, const char* b) {
   if (a.size() != std::strlen(b)) return false;
@@ -102,10 +110,10 @@ std::filesystem::path FuseLibraryPath() {
 // The kernel's FUSE driver: present with /dev/fuse, versioned as the kernel.
 ModuleVersion FuseDriverVersion() {
   ModuleVersion version;
-  struct stat st{};
+  struct stat st {};
   if (stat("/dev/fuse", &st) != 0) return version;
   version.state = ModuleVersion::State::kNoVersionInfo;
-  struct utsname names{};
+  struct utsname names {};
   if (uname(&names) == 0) VersionFromSuffix(names.release, &version);
   return version;
 }
@@ -116,7 +124,8 @@ std::string OsPrettyName() {
   while (std::getline(in, line)) {
     if (line.rfind("PRETTY_NAME=", 0) != 0) continue;
     std::string value = line.substr(12);
-    if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'')) value = value.substr(1, value.size() - 2);
+    if (value.size() >= 2 && (value.front() == '"' || value.front() == '\''))
+      value = value.substr(1, value.size() - 2);
     return value;
   }
   return {};
@@ -124,7 +133,7 @@ std::string OsPrettyName() {
 
 std::string OsLine() {
   std::string line = "OS version        : ";
-  struct utsname names{};
+  struct utsname names {};
   bool wide = sizeof(void*) == 8;
   if (uname(&names) == 0) {
     line += names.sysname;
@@ -194,9 +203,9 @@ std::filesystem::path LogFilePath(const LogFileOptions& options) {
 }
 
 bool RotateLogFile(const std::filesystem::path& file) {
-  struct stat st{};
+  struct stat st {};
   if (stat(file.c_str(), &st) != 0) return false;
-  struct tm local{};
+  struct tm local {};
   if (!localtime_r(&st.st_mtim.tv_sec, &local)) return false;
   char stamp[96];
   snprintf(stamp, sizeof stamp, ".%04d-%02d-%02d-%02d-%02d-%02d.log", local.tm_year + 1900,
@@ -213,8 +222,8 @@ std::string VersionLine(const std::string& name, const ModuleVersion& version,
   char text[96];
   switch (version.state) {
     case ModuleVersion::State::kVersion:
-      snprintf(text, sizeof text, " %d.%d (%s %d)", version.major, version.minor,
-               buildWord.c_str(), version.build);
+      snprintf(text, sizeof text, " %d.%d (%s %d)", version.major, version.minor, buildWord.c_str(),
+               version.build);
       line += text;
       break;
     case ModuleVersion::State::kNotFound:
@@ -258,8 +267,8 @@ std::string SettingLine(const LogSetting& setting) {
 std::string LogHeader(const LogFileOptions& options) {
   std::string header = kDoubleRule;
   header += OwnModuleLines(options);
-  header += VersionLine("libfuse3.so", VersionOfLibrary(FuseLibraryPath()), options.buildWord,
-                        true, options.fuseLibraryVersion);
+  header += VersionLine("libfuse3.so", VersionOfLibrary(FuseLibraryPath()), options.buildWord, true,
+                        options.fuseLibraryVersion);
   header += VersionLine("fuse (kernel)", FuseDriverVersion(), options.buildWord, true,
                         options.fuseDriverVersion);
   header += kSingleRule;

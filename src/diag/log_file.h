@@ -21,9 +21,9 @@ constexpr uint32_t kRegQword = 11;
 
 // One value under the program's settings key, for the header.
 struct LogSetting {
-  std::string name;   // empty: the unnamed value, printed "@"
+  std::string name;  // empty: the unnamed value, printed "@"
   uint32_t type = kRegSz;
-  std::string text;   // kRegSz
+  std::string text;     // kRegSz
   uint64_t number = 0;  // kRegDword, kRegQword
 };
 

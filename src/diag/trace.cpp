@@ -1,11 +1,12 @@
 // The trace call and the start and stop of this process's log writer.
 #include "diag/trace.h"
 
+#include <fcntl.h>
+
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <memory>
 #include <mutex>
 

@@ -39,11 +39,11 @@ void AppendLine(std::string& out, const TraceSlot& slot, const LineClock& clock,
   if (slot.headerFlag) {
     const SYSTEMTIME& t = slot.localTime;
     const std::string fraction = SecondFraction(clock, slot.counter, t.wMilliseconds);
-    const int n = snprintf(prefix, sizeof prefix,
-                           "0x%016llX, %04d-%02d-%02d %02d:%02d:%02d.%s [PID=0x%08X;TID=0x%08X]: ",
-                           static_cast<unsigned long long>(slot.counter), t.wYear, t.wMonth,
-                           t.wDay, t.wHour, t.wMinute, t.wSecond, fraction.c_str(),
-                           slot.processId, slot.threadId);
+    const int n =
+        snprintf(prefix, sizeof prefix,
+                 "0x%016llX, %04d-%02d-%02d %02d:%02d:%02d.%s [PID=0x%08X;TID=0x%08X]: ",
+                 static_cast<unsigned long long>(slot.counter), t.wYear, t.wMonth, t.wDay, t.wHour,
+                 t.wMinute, t.wSecond, fraction.c_str(), slot.processId, slot.threadId);
     out.append(prefix, static_cast<size_t>(n));
   }
   if (waits > 0) {

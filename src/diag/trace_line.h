@@ -12,7 +12,7 @@ namespace qb::diag {
 
 // The clock facts the prefix needs, fixed when tracing starts.
 struct LineClock {
-  int64_t frequency = 0;     // counts per second; 0 when not available
+  int64_t frequency = 0;       // counts per second; 0 when not available
   double subSecondOffset = 0;  // see SubSecondOffset
 };
 

@@ -1,10 +1,11 @@
 #include "diag/trace_ring.h"
 
-#include <cstring>
-#include <ctime>
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+
+#include <cstring>
+#include <ctime>
 
 #include "platform/system/clock.h"
 
@@ -56,10 +57,10 @@ SYSTEMTIME LocalTimeNow() {
     SYSTEMTIME st{};
   };
   thread_local Cache cache;
-  struct timespec now{};
+  struct timespec now {};
   clock_gettime(CLOCK_REALTIME, &now);
   if (now.tv_sec != cache.second) {
-    struct tm local{};
+    struct tm local {};
     if (localtime_r(&now.tv_sec, &local)) {
       cache.st.wYear = static_cast<uint16_t>(local.tm_year + 1900);
       cache.st.wMonth = static_cast<uint16_t>(local.tm_mon + 1);

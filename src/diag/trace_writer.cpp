@@ -1,15 +1,16 @@
 #include "diag/trace_writer.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <chrono>
-#include <unistd.h>
 
 #include "platform/system/named_mutex.h"
 
 namespace qb::diag {
 namespace {
 
-constexpr uint32_t kIdleWaitMs = 1000;       // the writer looks at stop at least this often
+constexpr uint32_t kIdleWaitMs = 1000;  // the writer looks at stop at least this often
 constexpr uint32_t kSharedStepMs = 100;
 constexpr uint32_t kSharedGiveUpMs = 5000;
 constexpr int kFilledWaits = 100;
@@ -167,7 +168,8 @@ bool TraceWriter::Stop() {
     return false;
   }
   // The writer has ended; what producers left behind is written here.
-  const bool held = sharedMutex_ && sharedMutex_->Lock(1000) == qb::sys::NamedMutex::LockResult::kAcquired;
+  const bool held =
+      sharedMutex_ && sharedMutex_->Lock(1000) == qb::sys::NamedMutex::LockResult::kAcquired;
   Drain(false);
   if (held) sharedMutex_->Unlock();
   return true;

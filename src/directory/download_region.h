@@ -3,10 +3,11 @@
 // (pRegionsToDownload). The regions themselves belong to the read path: it
 // derives its record (end offset, done event, status) from DownloadRegionBase,
 // so the tree can own and free them without knowing their fields.
-#include "common/ptr_list.h"
+#include "directory/owned_list.h"
 
 struct DownloadRegionBase {
   virtual ~DownloadRegionBase() = default;
 };
 
-using DownloadRegionList = PtrList<DownloadRegionBase>;
+// Owned by the item; an empty list costs no array.
+using DownloadRegionList = OwnedList<DownloadRegionBase>;

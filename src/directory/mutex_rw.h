@@ -12,7 +12,25 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <semaphore>
+
+namespace qb::directory {
+
+// A binary semaphore in one 32-bit word: 0 free, 1 taken, 2 taken with
+// waiters. Any thread may release it. Taking and giving it back without
+// contention costs no system call.
+class LightSemaphore {
+ public:
+  void Acquire();
+  bool TryAcquire();
+  // Polls until the deadline; for the bounded variants only.
+  bool TryAcquireUntil(std::chrono::steady_clock::time_point deadline);
+  void Release();
+
+ private:
+  std::atomic<uint32_t> m_state{0};
+};
+
+}  // namespace qb::directory
 
 class CMutexRW {
  public:
@@ -37,8 +55,8 @@ class CMutexRW {
   int32_t ReaderCount() const { return m_nReaders.load(std::memory_order_relaxed); }
 
  private:
-  std::binary_semaphore m_hReaderCount{1};  // guards m_nReaders
-  std::binary_semaphore m_hWriter{1};       // held by a writer or by the readers as a group
+  qb::directory::LightSemaphore m_hReaderCount;  // guards m_nReaders
+  qb::directory::LightSemaphore m_hWriter;       // held by a writer or by the readers as a group
   std::atomic<int32_t> m_nReaders{0};       // changed only under m_hReaderCount
 };
 

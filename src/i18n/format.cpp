@@ -63,19 +63,23 @@ std::string PrintChecked(const char* format, ...) {
   return out;
 }
 
-using Value = std::variant<const char*, int>;
+using Value = std::variant<const char*, int, unsigned>;
 
-Value ValueOf(const I18nArg& a) {
+// The argument as printf expects it for its conversion letter.
+Value ValueOf(const I18nArg& a, char letter) {
   if (a.Kind() == I18N_KIND_STRING) return a.Str();
+  if (letter == 'u' || letter == 'x' || letter == 'X') return static_cast<unsigned>(a.Num());
   return static_cast<int>(a.Num());
 }
 
-std::string Apply(const char* format, const std::vector<I18nArg>& args) {
+std::string Apply(const char* format, const std::string& letters,
+                  const std::vector<I18nArg>& args) {
   if (args.empty()) return PrintChecked(format);
   if (args.size() == 1)
-    return std::visit([&](auto a) { return PrintChecked(format, a); }, ValueOf(args[0]));
+    return std::visit([&](auto a) { return PrintChecked(format, a); },
+                      ValueOf(args[0], letters[0]));
   return std::visit([&](auto a, auto b) { return PrintChecked(format, a, b); },
-                    ValueOf(args[0]), ValueOf(args[1]));
+                    ValueOf(args[0], letters[0]), ValueOf(args[1], letters[1]));
 }
 
 // Formats `text`; a loaded text without printf conversions has its "#n"
@@ -97,7 +101,7 @@ bool FormatText(const char* text, std::vector<I18nArg> args, bool loaded, std::s
     if (!ParseConversions(format, &letters)) return false;
   }
   if (!ConversionsMatch(letters, args)) return false;
-  *out = Apply(format, args);
+  *out = Apply(format, letters, args);
   return true;
 }
 

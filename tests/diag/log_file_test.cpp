@@ -1,13 +1,13 @@
 #include "diag/log_file.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <ctime>
-#include <fcntl.h>
 #include <fstream>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "diag/log_reading.h"
 #include "support/test_home.h"
@@ -47,7 +47,7 @@ void WriteText(const std::filesystem::path& path, const std::string& text) {
 
 // Sets the file's last-write time to a local time of the current zone.
 void SetLocalMtime(const std::filesystem::path& path, int y, int mo, int d, int h, int mi, int s) {
-  struct tm local{};
+  struct tm local {};
   local.tm_year = y - 1900;
   local.tm_mon = mo - 1;
   local.tm_mday = d;
@@ -195,9 +195,10 @@ TEST(LogFile, LaterInstancesAppendWithoutRotationOrHeader) {
   close(first);
   close(second);
   EXPECT_EQ(ReadWholeFile(qb::diag::LogFilePath(options)), header + "b\r\na\r\n");
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(qb::diag::LogFolder(options.cacheRoot)),
-                          std::filesystem::directory_iterator()),
-            1);
+  EXPECT_EQ(
+      std::distance(std::filesystem::directory_iterator(qb::diag::LogFolder(options.cacheRoot)),
+                    std::filesystem::directory_iterator()),
+      1);
 }
 
 }  // namespace

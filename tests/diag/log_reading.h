@@ -31,14 +31,15 @@ struct TraceLine {
   uint64_t counter = 0;
   std::string date, time, fraction;
   uint32_t pid = 0, tid = 0;
-  std::string text;  // after the prefix (and the wait mark, if any)
+  int waits = 0;     // the writer's 10-ms waits for the slot ("##%d## "), 0 without a mark
+  std::string text;  // after the prefix and the wait mark
 };
 
 // Parses one trace line; false when it is not one.
 inline bool ParseTraceLine(const std::string& line, TraceLine* out) {
   static const std::regex kLine(
       "^0x([0-9A-F]{16}), (\\d{4}-\\d{2}-\\d{2}) (\\d{2}:\\d{2}:\\d{2})\\.(\\d{6}) "
-      "\\[PID=0x([0-9A-F]{8});TID=0x([0-9A-F]{8})\\]: (.*)$");
+      "\\[PID=0x([0-9A-F]{8});TID=0x([0-9A-F]{8})\\]: (?:##(\\d+)## )?(.*)$");
   std::smatch m;
   if (!std::regex_match(line, m, kLine)) return false;
   out->counter = std::stoull(m[1], nullptr, 16);
@@ -47,7 +48,8 @@ inline bool ParseTraceLine(const std::string& line, TraceLine* out) {
   out->fraction = m[4];
   out->pid = static_cast<uint32_t>(std::stoul(m[5], nullptr, 16));
   out->tid = static_cast<uint32_t>(std::stoul(m[6], nullptr, 16));
-  out->text = m[7];
+  out->waits = m[7].matched ? std::stoi(m[7]) : 0;
+  out->text = m[8];
   return true;
 }
 

@@ -1,9 +1,9 @@
 #include "platform/system/named_mutex.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
-#include <unistd.h>
 
 namespace {
 

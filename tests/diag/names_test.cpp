@@ -1,9 +1,9 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstring>
-#include <fcntl.h>
 #include <string>
-#include <unistd.h>
 
 #include "diag/key_names.h"
 #include "diag/log_reading.h"
@@ -15,8 +15,10 @@
 
 namespace {
 
-constexpr GUID kIidWiaDevMgr = {0x5EB2502A, 0x8CF1, 0x11D1, {0xBF, 0x92, 0x00, 0x60, 0x08, 0x1E, 0xD8, 0x11}};
-constexpr GUID kUnknown = {0x01234567, 0x89AB, 0xCDEF, {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF}};
+constexpr GUID kIidWiaDevMgr = {
+    0x5EB2502A, 0x8CF1, 0x11D1, {0xBF, 0x92, 0x00, 0x60, 0x08, 0x1E, 0xD8, 0x11}};
+constexpr GUID kUnknown = {
+    0x01234567, 0x89AB, 0xCDEF, {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF}};
 
 TEST(CodeToName, KnownCodesByTheirLoggedNames) {
   EXPECT_STREQ(CodeToName(E_INVALIDARG), "E_INVALIDARG");
@@ -44,7 +46,8 @@ TEST(GuidToName, InterfaceIdsAndDeviceKeys) {
   EXPECT_STREQ(GuidToName(nullptr, kIidWiaDevMgr, kNoPropertyId), "IID_IWiaDevMgr");
   EXPECT_STREQ(GuidToName(nullptr, WPD_OBJECT_NAME.fmtid, WPD_OBJECT_NAME.pid), "WPD_OBJECT_NAME");
   EXPECT_STREQ(GuidToName(nullptr, WPD_OBJECT_ID.fmtid, WPD_OBJECT_ID.pid), "WPD_OBJECT_ID");
-  EXPECT_STREQ(GuidToName(nullptr, WPD_EVENT_OBJECT_ADDED, kNoPropertyId), "WPD_EVENT_OBJECT_ADDED");
+  EXPECT_STREQ(GuidToName(nullptr, WPD_EVENT_OBJECT_ADDED, kNoPropertyId),
+               "WPD_EVENT_OBJECT_ADDED");
   EXPECT_STREQ(GuidToName(nullptr, WPD_EVENT_OBJECT_ADDED, 0), "WPD_EVENT_OBJECT_ADDED");
 }
 
@@ -58,7 +61,8 @@ TEST(GuidToName, EveryNameOfTheDeviceTableIsFound) {
 
 TEST(GuidToName, UnknownGuidsInRegistryForm) {
   EXPECT_STREQ(GuidToName(nullptr, kUnknown, 5), "{01234567-89AB-CDEF-0123-456789ABCDEF}.5");
-  EXPECT_STREQ(GuidToName(nullptr, kUnknown, kNoPropertyId), "{01234567-89AB-CDEF-0123-456789ABCDEF}");
+  EXPECT_STREQ(GuidToName(nullptr, kUnknown, kNoPropertyId),
+               "{01234567-89AB-CDEF-0123-456789ABCDEF}");
   // A known property set with an id it does not have.
   const std::string unknownId = GuidToName(nullptr, WPD_OBJECT_NAME.fmtid, 999);
   EXPECT_EQ(unknownId, qb::sys::FormatGuid(WPD_OBJECT_NAME.fmtid) + ".999");
@@ -85,7 +89,9 @@ TEST(GuidToName, WithATextWritesATraceLine) {
 
 std::string Text(const PROPVARIANT& v) { return FormatPropVariant(v); }
 
-PROPVARIANT Of(uint16_t vt, decltype(PROPVARIANT::value) value) { return PROPVARIANT{vt, value, {}}; }
+PROPVARIANT Of(uint16_t vt, decltype(PROPVARIANT::value) value) {
+  return PROPVARIANT{vt, value, {}};
+}
 
 TEST(FormatPropVariant, ScalarTypes) {
   EXPECT_EQ(Text(PROPVARIANT{}), "");

@@ -1,21 +1,20 @@
 // The trace call end to end: lines go through the ring and the writer into
 // the log file; TraceStop writes out everything before the file is read.
-#include "diag/trace.h"
-
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
-#include <map>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
+
+#include <map>
+#include <thread>
 #include <vector>
 
 #include "diag/log_file.h"
-#include "diag/trace_line.h"
 #include "diag/log_reading.h"
+#include "diag/trace.h"
+#include "diag/trace_line.h"
 #include "platform/system/named_mutex.h"
 #include "support/test_home.h"
 
@@ -88,7 +87,8 @@ TEST(TraceLog, ManyThreadsBelowCapacityLoseNothingAndKeepTheirOrder) {
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([t] {
-      for (int i = 0; i < kPerThread; ++i) Trace("T1@Worker: ", "thread=%d line=%d %s", t, i, std::string(120, 'q').c_str());
+      for (int i = 0; i < kPerThread; ++i)
+        Trace("T1@Worker: ", "thread=%d line=%d %s", t, i, std::string(120, 'q').c_str());
     });
   }
   for (auto& thread : threads) thread.join();
@@ -199,7 +199,24 @@ TEST(TraceLine, WaitMarkFollowsThePrefix) {
   qb::diag::AppendLine(out, slot, qb::diag::LineClock{}, 7);
   TraceLine line;
   ASSERT_TRUE(ParseTraceLine(SplitCrLf(out)[0], &line)) << out;
-  EXPECT_EQ(line.text, "##7## W1@Slow: late");
+  EXPECT_EQ(line.waits, 7);
+  EXPECT_EQ(line.text, "W1@Slow: late");
+}
+
+TEST(TraceLog, AWriterMutexHeldByADeadInstanceLosesNoLines) {
+  const std::string name = "/QuillboxTraceDead." + std::to_string(getpid());
+  auto mutex = qb::sys::NamedMutex::Create(name);
+  ASSERT_TRUE(mutex);
+  // An instance that died while holding it: the count stays at 0.
+  ASSERT_EQ(mutex->Lock(0), qb::sys::NamedMutex::LockResult::kAcquired);
+  TraceStartOptions options;
+  options.writerMutex = mutex.get();
+  TracedFile file(options);
+  ASSERT_TRUE(file.Started());
+  for (int i = 0; i < 100; ++i) Trace("D1@Dead: ", "%d", i);
+  const auto lines = file.StopAndRead();  // Stop waits its limit, then writes anyway
+  EXPECT_EQ(lines.size(), 100u);
+  qb::sys::NamedMutex::Remove(name);
 }
 
 // ---- Two instances, one file ---------------------------------------------------
@@ -226,7 +243,9 @@ pid_t StartSecondInstance(const qb::diag::LogFileOptions& options, const std::st
 int WaitForExit(pid_t child, int timeoutMs) {
   const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
   if (pidfd >= 0) {
-    struct pollfd p{pidfd, POLLIN, 0};
+    struct pollfd p {
+      pidfd, POLLIN, 0
+    };
     poll(&p, 1, timeoutMs);
     close(pidfd);
   }

@@ -1,6 +1,7 @@
 #include "diag/trace_ring.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -8,7 +9,6 @@
 #include <memory>
 #include <string>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -98,7 +98,8 @@ TEST(TraceRing, FullRingDropsTheLineAndKeepsTheOthers) {
   EXPECT_TRUE(PutText(*ring, "after the drop"));
   EXPECT_FALSE(PutText(*ring, "full again"));
 
-  for (uint32_t i = 1; i < kRingSlots - 1; ++i) ASSERT_EQ(TakeFilled(*ring), "line " + std::to_string(i));
+  for (uint32_t i = 1; i < kRingSlots - 1; ++i)
+    ASSERT_EQ(TakeFilled(*ring), "line " + std::to_string(i));
   EXPECT_EQ(TakeFilled(*ring), "after the drop");
   EXPECT_FALSE(ring->HasPending());
 }

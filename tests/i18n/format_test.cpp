@@ -71,6 +71,8 @@ TEST_F(I18nTest, BuiltInTextsFormatWithTheirOwnSpecifiers) {
   EXPECT_EQ(I18N_Format(-33, {static_cast<uint32_t>(0x80210005)})
                 .rfind("Unable to get list of files from the device, error 0x80210005.\n\n", 0),
             0u);
+  EXPECT_NE(I18N_Format(-40, {static_cast<int32_t>(0x80070490)}).find("error 0x80070490."),
+            std::string::npos);
   EXPECT_EQ(I18N_Format(-43), "You can use the following parameters:\r\n    %L - Drive letter");
   EXPECT_EQ(I18N_Format(23), "Error");
 }

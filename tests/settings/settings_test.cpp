@@ -205,8 +205,7 @@ TEST_F(Settings, TextSettingsAreCutToTheBuffer) {
 
   EXPECT_EQ(Registry_Get_LngFile(&buffer, qb::kMaxPath), nullptr);
   User().SetString("LngFile", "Deutsch.lng");
-  EXPECT_EQ(Registry_Get_LngFile(&buffer, qb::kMaxPath),
-            buffer.c_str());
+  EXPECT_NE(Registry_Get_LngFile(&buffer, qb::kMaxPath), nullptr);
   EXPECT_EQ(buffer, (qb::sys::CommonAppDataDir() / "Quillbox" / "Deutsch.lng").string());
   EXPECT_EQ(Registry_Get_LngFile(&buffer, qb::kMaxPath - 1), nullptr) << "needs room for 260";
 }
@@ -274,6 +273,25 @@ TEST_F(Settings, DumpListsEveryUserValue) {
   Registry_DumpSettings(file);
   fclose(file);
   EXPECT_EQ(ReadFile(out).substr(0, 34), "Flags=0x00000203\r\n@=unnamed\r\nTimes");
+}
+
+TEST_F(Settings, UnreadableHiveGivesDefaultsAndIsKept) {
+  const std::string bad = "Windows Registry Editor Version 5.00\n[HKEY_CURRENT_USER\\SOFTWARE\\Quillbox]\n"
+                          "\"Flags\"=dword:00000001\n\"CacheSize\"=dword:\n";
+  fs::create_directories(qb::sys::UserHivePath().parent_path());
+  std::ofstream(qb::sys::UserHivePath()) << bad;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(Registry_Get_Flags(), 2u);
+  EXPECT_EQ(Registry_Get_CacheSize(), 100u);
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find("line 4"), std::string::npos) << err;
+  int aside = 0;
+  for (const auto& entry : fs::directory_iterator(home_.Path()))
+    if (entry.path().filename().string().starts_with("user.reg.corrupt-")) {
+      ++aside;
+      EXPECT_EQ(ReadFile(entry.path()), bad);
+    }
+  EXPECT_EQ(aside, 1);
 }
 
 }  // namespace

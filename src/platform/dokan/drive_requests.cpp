@@ -482,7 +482,7 @@ int Drive::ReadDirectory(fuse_req_t req, Open* open, size_t size, off_t offset, 
                                     &e, static_cast<off_t>(i + 1));
       if (need > size - used) break;
     } else {
-      if (!e.attr.st_ino) e.attr.st_ino = ino ? ino : FUSE_UNKNOWN_INO;
+      if (!e.attr.st_ino) e.attr.st_ino = ino ? ino : 0xffffffffu;
       need = fuse_add_direntry(req, buffer->data() + used, size - used, d.cFileName.c_str(),
                                &e.attr, static_cast<off_t>(i + 1));
       if (need > size - used) break;

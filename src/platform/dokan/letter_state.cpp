@@ -1,6 +1,7 @@
 #include "platform/dokan/letter_state.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>

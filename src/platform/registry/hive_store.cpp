@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <vector>
 
 #include "diag/trace.h"
 #include "platform/registry/hive_lock.h"
@@ -51,9 +52,19 @@ void Forget(HiveState& s) {
   s.seen = {};
 }
 
-void Report(const std::string& line) {
-  fprintf(stderr, "quillbox: %s\n", line.c_str());
-  Trace("Q60@HiveStore: ", "%s", line.c_str());
+// Reports wait until the hive's mutex is released: the trace log may read
+// the registry itself.
+thread_local std::vector<std::string> t_reports;
+
+void Report(const std::string& line) { t_reports.push_back(line); }
+
+void FlushReports() {
+  std::vector<std::string> reports;
+  reports.swap(t_reports);
+  for (const std::string& line : reports) {
+    fprintf(stderr, "quillbox: %s\n", line.c_str());
+    Trace("Q60@HiveStore: ", "%s", line.c_str());
+  }
 }
 
 std::string CorruptName(const std::filesystem::path& path) {
@@ -113,6 +124,7 @@ DWORD Load(HiveState& s, Hive hive, bool locked) {
     Report(Format("the registry file %s cannot be opened (%s); defaults are used", s.path.c_str(), strerror(error)));
     Forget(s);
     s.loaded = s.exists = s.unusable = true;
+    stat(s.path.c_str(), &s.seen);  // report a file once, not on every read
     return ERROR_SUCCESS;
   }
   std::string text;
@@ -205,22 +217,7 @@ DWORD Write(HiveState& s, Hive hive) {
   return ERROR_SUCCESS;
 }
 
-}  // namespace
-
-std::filesystem::path HivePath(Hive hive) {
-  return hive == Hive::kCurrentUser ? sys::UserHivePath() : sys::MachineHivePath();
-}
-
-DWORD ReadHive(Hive hive, const std::function<DWORD(const HiveKey& root)>& read) {
-  HiveState& s = StateOf(hive);
-  std::lock_guard<std::mutex> guard(s.mutex);
-  Refresh(s, hive, false);
-  return read(s.root);
-}
-
-DWORD ChangeHive(Hive hive, const std::function<DWORD(HiveKey& root, bool* changed)>& change) {
-  HiveState& s = StateOf(hive);
-  std::lock_guard<std::mutex> guard(s.mutex);
+DWORD ChangeLocked(HiveState& s, Hive hive, const std::function<DWORD(HiveKey& root, bool* changed)>& change) {
   HiveLock lock(HivePath(hive));
   if (lock.Result() != ERROR_SUCCESS) return lock.Result();
   Refresh(s, hive, true);
@@ -230,10 +227,39 @@ DWORD ChangeHive(Hive hive, const std::function<DWORD(HiveKey& root, bool* chang
   if (rc != ERROR_SUCCESS || !changed) return rc;
   const DWORD written = Write(s, hive);
   if (written != ERROR_SUCCESS) {
-    Trace("Q61@HiveStore::Write: ", "cannot write %s: RC=0x%08X", s.path.c_str(), written);
+    Report(Format("the registry file %s cannot be written: error %u", s.path.c_str(), written));
     Forget(s);  // the tree holds a change the file lacks: read the file again next time
   }
   return written;
+}
+
+}  // namespace
+
+std::filesystem::path HivePath(Hive hive) {
+  return hive == Hive::kCurrentUser ? sys::UserHivePath() : sys::MachineHivePath();
+}
+
+DWORD ReadHive(Hive hive, const std::function<DWORD(const HiveKey& root)>& read) {
+  HiveState& s = StateOf(hive);
+  DWORD rc;
+  {
+    std::lock_guard<std::mutex> guard(s.mutex);
+    Refresh(s, hive, false);
+    rc = read(s.root);
+  }
+  FlushReports();
+  return rc;
+}
+
+DWORD ChangeHive(Hive hive, const std::function<DWORD(HiveKey& root, bool* changed)>& change) {
+  HiveState& s = StateOf(hive);
+  DWORD rc;
+  {
+    std::lock_guard<std::mutex> guard(s.mutex);
+    rc = ChangeLocked(s, hive, change);
+  }
+  FlushReports();
+  return rc;
 }
 
 }  // namespace qb::reg

@@ -1,8 +1,9 @@
 #include "platform/system/named_mutex.h"
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <ctime>
-#include <fcntl.h>
 
 namespace qb::sys {
 
@@ -38,7 +39,7 @@ bool NamedMutex::Remove(const std::string& name) {
 NamedMutex::~NamedMutex() { sem_close(sem_); }
 
 NamedMutex::LockResult NamedMutex::Lock(uint32_t timeoutMs) {
-  struct timespec deadline{};
+  struct timespec deadline {};
   clock_gettime(CLOCK_MONOTONIC, &deadline);
   deadline.tv_sec += timeoutMs / 1000;
   deadline.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1'000'000;

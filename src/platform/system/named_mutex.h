@@ -8,9 +8,10 @@
 // docs/diag.md for that and for the stronger recovery schemes that were
 // weighed. The object is not re-entrant: a second Lock in the same holder
 // waits for itself until its limit.
+#include <semaphore.h>
+
 #include <cstdint>
 #include <memory>
-#include <semaphore.h>
 #include <string>
 
 namespace qb::sys {

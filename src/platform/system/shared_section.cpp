@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <thread>
 
 #include "platform/system/paths.h"
@@ -56,7 +57,12 @@ class GuardLock {
 std::string SharedSection::LockFilePath(const std::string& name) {
   std::string base = name;
   while (!base.empty() && base.front() == '/') base.erase(0, 1);
-  return (TempDir() / (base + ".lock")).string();
+  // Beside the drives root: the user's runtime folder (or QUILLBOX_HOME),
+  // which goes with the session.
+  std::filesystem::path folder = DrivesRoot().parent_path();
+  std::error_code ec;
+  std::filesystem::create_directories(folder, ec);
+  return (folder / (base + ".lock")).string();
 }
 
 SharedSection::~SharedSection() { Close(); }
@@ -117,7 +123,12 @@ void SharedSection::Close() {
   if (lockFd_ >= 0) {
     GuardLock guard(LockFilePath(name_) + ".guard");
     // The last holder removes the name; the content is not persistent.
-    if (guard.Held() && flock(lockFd_, LOCK_EX | LOCK_NB) == 0) shm_unlink(name_.c_str());
+    if (guard.Held() && flock(lockFd_, LOCK_EX | LOCK_NB) == 0) {
+      shm_unlink(name_.c_str());
+      // Openers open the lock file only under the guard, so no one can be
+      // about to lock the file that goes here.
+      unlink(LockFilePath(name_).c_str());
+    }
     close(lockFd_);
     lockFd_ = -1;
   }

@@ -1,7 +1,7 @@
 #pragma once
 // A named block of memory shared by every instance of a user's session
 // (POSIX shared memory). It lives while an instance holds it: each holder
-// keeps a shared flock on a lock file beside it, and an opener that finds no
+// keeps a shared flock on a lock file (in the runtime folder), and an opener that finds no
 // holder (all ended, also by a crash) treats the section as new and zeroes it.
 //
 // Lock order: the guard lock (held only inside Open and Close) is taken

@@ -95,6 +95,27 @@ TEST(HiveFormat, RoundTripKeepsTypesOrderAndEmptyKeys) {
     EXPECT_LE(end - start, 80u) << "long line at " << start;
 }
 
+TEST(HiveFormat, OddKeyAndValueNamesRoundTrip) {
+  const std::vector<std::string> names = {"a]", " lead", "trail ", "-dash", ";semi", "@", "\xC3\xBC", "q\"uote"};
+  HiveKey root;
+  HiveKey* parent = root.AddSubkey("Names", nullptr);
+  for (const std::string& name : names) {
+    parent->AddSubkey(name, nullptr)->values.push_back(Value(name, REG_SZ, Bytes(name + "\\")));
+  }
+  const HiveKey back = MustParse(SerializeHive(root, "HKEY_CURRENT_USER"));
+  const HiveKey* names2 = back.FindSubkey("Names");
+  ASSERT_NE(names2, nullptr);
+  EXPECT_EQ(names2->subkeys.size(), names.size());
+  for (const std::string& name : names) {
+    const HiveKey* key = names2->FindSubkey(name);
+    ASSERT_NE(key, nullptr) << name;
+    EXPECT_EQ(key->name, name);
+    ASSERT_EQ(key->values.size(), 1u) << name;
+    EXPECT_EQ(key->values[0].name, name);
+    EXPECT_EQ(Text(key->values[0]), name + "\\");
+  }
+}
+
 TEST(HiveFormat, SubkeysEnumerateIgnoringCase) {
   const HiveKey tree = MustParse(
       "Windows Registry Editor Version 5.00\n"

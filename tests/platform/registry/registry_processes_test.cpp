@@ -11,6 +11,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/registry/hive_format.h"
@@ -132,6 +133,32 @@ TEST(RegistryProcesses, ConcurrentWritersLoseNothingAndNeverTearTheFile) {
     EXPECT_EQ(name.find(".tmp."), std::string::npos) << "left behind: " << name;
     EXPECT_EQ(name.find(".corrupt-"), std::string::npos) << name;
   }
+}
+
+TEST(RegistryProcesses, ThreadsOfOneProcessShareTheHiveSafely) {
+  qbtest::ScopedHome home;
+  constexpr int kThreads = 4, kEach = 10;
+  std::vector<std::thread> threads;
+  std::vector<DWORD> failures(kThreads, 0);
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t, &failures] {
+      Key key;
+      if (key.Create(HKEY_CURRENT_USER, "SOFTWARE\\Quillbox\\Threads", KEY_ALL_ACCESS) != ERROR_SUCCESS) ++failures[t];
+      for (int i = 0; i < kEach; ++i) {
+        DWORD back = 0;
+        const std::string name = "t" + std::to_string(t) + "_" + std::to_string(i);
+        if (key.SetDword(name, static_cast<DWORD>(i)) != ERROR_SUCCESS) ++failures[t];
+        if (key.GetDword(name, &back) != ERROR_SUCCESS || back != static_cast<DWORD>(i)) ++failures[t];
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(failures, std::vector<DWORD>(kThreads, 0));
+  Key key;
+  ASSERT_EQ(key.Open(HKEY_CURRENT_USER, "SOFTWARE\\Quillbox\\Threads", KEY_READ), ERROR_SUCCESS);
+  DWORD values = 0;
+  key.QueryInfo(nullptr, &values);
+  EXPECT_EQ(values, static_cast<DWORD>(kThreads * kEach));
 }
 
 }  // namespace

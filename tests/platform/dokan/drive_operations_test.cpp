@@ -1,0 +1,266 @@
+// Ordinary file operations made by other processes on a mounted test drive,
+// and the calls that each of them makes reach the operation table with.
+#include <gtest/gtest.h>
+
+#include "drive_harness.h"
+#include "platform/dokan/dokan_linux.h"
+#include "support/test_home.h"
+
+namespace qbtest {
+namespace {
+
+class DriveOperations : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    drive_ = std::make_unique<InProcessDrive>('Q', false);
+    ASSERT_TRUE(drive_->Start());
+    root_ = drive_->Path();
+  }
+  void TearDown() override {
+    if (drive_) {
+      EXPECT_EQ(DOKAN_SUCCESS, drive_->Stop());
+    }
+    drive_.reset();
+  }
+  MemFs& Fs() { return drive_->Fs(); }
+  int Sh(const std::string& command, std::string* out = nullptr) { return RunShell(command, out); }
+  std::string At(const std::string& rel) const { return Quote(root_ + "/" + rel); }
+  // Waits until the calls of `path` contain `ops` in order (the kernel sends
+  // the end of a handle after close(2) has returned).
+  bool WaitForCalls(const std::string& path, const std::vector<std::string>& ops) {
+    return WaitUntil([&] { return HasInOrder(CallsFor(Fs().Calls(), path), ops); }, 5000);
+  }
+
+  ScopedHome home_;  // declared first: the drive goes before the home
+  std::unique_ptr<InProcessDrive> drive_;
+  std::string root_;
+};
+
+TEST_F(DriveOperations, CopyInAndOutKeepsTheBytesAndOpensAsWindowsWould) {
+  const std::string local = (home_ / "src.bin").string();
+  ASSERT_EQ(0, Sh("head -c 300000 /dev/urandom > " + Quote(local)));
+  Fs().ClearCalls();
+  ASSERT_EQ(0, Sh("cp " + Quote(local) + " " + At("a.bin")));
+  ASSERT_TRUE(WaitForCalls("\\a.bin", {"ZwCreateFile", "WriteFile", "Cleanup", "CloseFile"}))
+      << OpNames(CallsFor(Fs().Calls(), "\\a.bin"));
+  const auto calls = CallsFor(Fs().Calls(), "\\a.bin");
+  const FsCall* create = nullptr;
+  for (const FsCall& c : calls)
+    if (c.op == "ZwCreateFile" && DetailValue(c, "disp") == std::to_string(FILE_CREATE)) create = &c;
+  ASSERT_NE(nullptr, create) << OpNames(calls);
+  EXPECT_EQ(std::to_string(CREATE_NEW), DetailValue(*create, "win32disp"));
+  EXPECT_NE("0", DetailValue(*create, "pid"));
+
+  ASSERT_EQ(0, Sh("cmp " + Quote(local) + " " + At("a.bin")));
+  ASSERT_EQ(0, Sh("cp " + At("a.bin") + " " + Quote((home_ / "back.bin").string()) + " && cmp " +
+                  Quote(local) + " " + Quote((home_ / "back.bin").string())));
+}
+
+
+TEST_F(DriveOperations, MkdirPTouchAndUnicodeNamesBecomeCreates) {
+  Fs().ClearCalls();
+  ASSERT_EQ(0, Sh("mkdir -p " + At("d1/d2/d3")));
+  EXPECT_TRUE(Fs().Exists("\\d1\\d2\\d3"));
+  const auto calls = CallsFor(Fs().Calls(), "\\d1\\d2");
+  ASSERT_TRUE(HasInOrder(calls, {"ZwCreateFile", "GetFileInformation", "Cleanup", "CloseFile"}))
+      << OpNames(calls);
+  bool created = false;
+  for (const FsCall& c : calls)
+    if (c.op == "ZwCreateFile" && DetailValue(c, "disp") == std::to_string(FILE_CREATE)) {
+      created = true;
+      EXPECT_NE(0u, std::stoul(DetailValue(c, "opts"), nullptr, 16) & FILE_DIRECTORY_FILE)
+          << c.detail;
+      EXPECT_EQ("1", DetailValue(c, "dir"));
+    }
+  EXPECT_TRUE(created);
+  ASSERT_EQ(0, Sh("mkdir -p " + At("d1/d2")));  // exists: no error
+
+  const std::string name = "Gr\xC3\xBC\xC3\x9F" "e.txt";
+  ASSERT_EQ(0, Sh("touch -d '2001-02-03 04:05:06 UTC' " + At("d1/" + name)));
+  std::string out;
+  ASSERT_EQ(0, Sh("stat -c %Y " + At("d1/" + name), &out));
+  EXPECT_EQ("981173106\n", out);
+  const auto touched = CallsFor(Fs().Calls(), "\\d1\\" + name);
+  ASSERT_TRUE(HasInOrder(touched, {"ZwCreateFile", "SetFileTime"})) << OpNames(touched);
+  for (const FsCall& c : touched)
+    if (c.op == "SetFileTime") {
+      EXPECT_EQ("-", DetailValue(c, "c"));
+      EXPECT_EQ(std::to_string((981173106ull + 11644473600ull) * 10000000ull), DetailValue(c, "w"));
+    }
+  ASSERT_EQ(0, Sh("ls " + At("d1"), &out));
+  EXPECT_NE(std::string::npos, out.find(name));
+}
+
+TEST_F(DriveOperations, ListingALargeFolderCostsOneFindFilesNotOneRequestPerFile) {
+  ASSERT_EQ(0, Sh("mkdir " + At("big")));
+  for (int i = 0; i < 300; ++i)
+    ASSERT_TRUE(Fs().PutFile("\\big\\f" + std::to_string(i) + ".txt", std::string(i, 'x')));
+  Fs().ClearCalls();
+  std::string out;
+  ASSERT_EQ(0, Sh("ls -l " + At("big"), &out));
+  EXPECT_NE(std::string::npos, out.find(" 299 ")) << out;  // f299.txt with its size
+  const auto calls = Fs().Calls();
+  int finds = 0, perFile = 0;
+  for (const FsCall& c : calls) {
+    if (c.op == "FindFiles") ++finds;
+    if (c.path.rfind("\\big\\", 0) == 0) ++perFile;
+  }
+  EXPECT_GE(finds, 1);
+  EXPECT_LT(perFile, 10) << "requests per file: " << perFile;
+
+  ASSERT_EQ(0, Sh("find " + At("big") + " -type f | wc -l", &out));
+  EXPECT_EQ("300\n", out);
+}
+
+TEST_F(DriveOperations, DfShowsTheVolumeAndTheMountTableItsNames) {
+  Fs().ClearCalls();
+  std::string out;
+  ASSERT_EQ(0, Sh("df -P -k " + At(""), &out));
+  EXPECT_NE(std::string::npos, out.find("1048576")) << out;  // 1 GiB in 1K blocks
+  EXPECT_TRUE(HasInOrder(Fs().Calls(), {"GetDiskFreeSpace", "GetVolumeInformation"}));
+  ASSERT_EQ(0, Sh("grep -F " + Quote(" " + root_ + " ") + " /proc/self/mounts", &out));
+  EXPECT_NE(std::string::npos, out.find("Test\\040Volume " + root_ + " fuse.memfs ")) << out;
+  EXPECT_EQ(qb::dokan::DRIVE_REMOVABLE, qb::dokan::GetDriveType('Q'));
+  EXPECT_FALSE(qb::dokan::IsDriveLetterFree('Q'));
+}
+
+TEST_F(DriveOperations, MoveRenamesWithReplaceAndCarriesFolders) {
+  ASSERT_EQ(0, Sh("mkdir -p " + At("m/sub") + " && echo one > " + At("m/sub/a.txt") +
+                  " && echo two > " + At("b.txt") + " && echo three > " + At("c.txt")));
+  Fs().ClearCalls();
+  ASSERT_EQ(0, Sh("mv " + At("b.txt") + " " + At("c.txt")));
+  const auto calls = CallsFor(Fs().Calls(), "\\b.txt");
+  ASSERT_TRUE(HasInOrder(calls, {"ZwCreateFile", "MoveFile", "Cleanup", "CloseFile"}))
+      << OpNames(calls);
+  for (const FsCall& c : calls)
+    if (c.op == "MoveFile") {
+      EXPECT_EQ("\\c.txt replace=1", c.detail);
+    }
+  std::string content;
+  ASSERT_TRUE(Fs().Read("\\c.txt", &content));
+  EXPECT_EQ("two\n", content);
+  EXPECT_FALSE(Fs().Exists("\\b.txt"));
+
+  ASSERT_EQ(0, Sh("mv " + At("m") + " " + At("n")));
+  std::string out;
+  ASSERT_EQ(0, Sh("cat " + At("n/sub/a.txt"), &out));
+  EXPECT_EQ("one\n", out);
+  EXPECT_NE(0, Sh("test -e " + At("m")));
+}
+
+TEST_F(DriveOperations, RemoveRecursiveDeletesOnCloseAfterAsking) {
+  ASSERT_EQ(0, Sh("mkdir -p " + At("r/s") + " && echo x > " + At("r/s/f.txt") + " && echo y > " +
+                  At("r/g.txt")));
+  Fs().ClearCalls();
+  ASSERT_EQ(0, Sh("rm -r " + At("r")));
+  EXPECT_FALSE(Fs().Exists("\\r"));
+  const auto file = CallsFor(Fs().Calls(), "\\r\\s\\f.txt");
+  EXPECT_EQ("ZwCreateFile DeleteFile Cleanup CloseFile", OpNames(file));
+  ASSERT_FALSE(file.empty());
+  EXPECT_NE(0u, std::stoul(DetailValue(file[0], "opts"), nullptr, 16) & FILE_DELETE_ON_CLOSE);
+  EXPECT_EQ(1, file[0].deleteOnClose);
+  EXPECT_EQ(1, file[2].deleteOnClose);
+  const auto dir = CallsFor(Fs().Calls(), "\\r\\s");
+  EXPECT_TRUE(HasInOrder(dir, {"ZwCreateFile", "DeleteDirectory", "Cleanup", "CloseFile"}))
+      << OpNames(dir);
+}
+
+TEST_F(DriveOperations, ChmodWriteBitsIsTheReadOnlyAttributeAndProtectsTheFile) {
+  ASSERT_EQ(0, Sh("echo keep > " + At("ro.txt")));
+  Fs().ClearCalls();
+  ASSERT_EQ(0, Sh("chmod a-w " + At("ro.txt")));
+  EXPECT_TRUE(Fs().Attributes("\\ro.txt") & FILE_ATTRIBUTE_READONLY);
+  EXPECT_TRUE(HasInOrder(CallsFor(Fs().Calls(), "\\ro.txt"),
+                         {"ZwCreateFile", "GetFileInformation", "SetFileAttributes", "Cleanup",
+                          "CloseFile"}));
+  std::string out;
+  ASSERT_EQ(0, Sh("stat -c %a " + At("ro.txt"), &out));
+  EXPECT_EQ("444\n", out);
+
+  Fs().ClearCalls();
+  EXPECT_NE(0, Sh("rm -f " + At("ro.txt")));  // refused: the file stays
+  EXPECT_TRUE(Fs().Exists("\\ro.txt"));
+  EXPECT_EQ("ZwCreateFile DeleteFile CloseFile", OpNames(CallsFor(Fs().Calls(), "\\ro.txt")));
+  EXPECT_NE(0, Sh("echo more >> " + At("ro.txt")));
+  std::string content;
+  ASSERT_TRUE(Fs().Read("\\ro.txt", &content));
+  EXPECT_EQ("keep\n", content);
+
+  ASSERT_EQ(0, Sh("chmod u+w " + At("ro.txt") + " && rm " + At("ro.txt")));
+  EXPECT_FALSE(Fs().Exists("\\ro.txt"));
+}
+
+TEST_F(DriveOperations, TruncateSetsEndOfFileAndCutsTheAllocation) {
+  ASSERT_EQ(0, Sh("head -c 100 /dev/zero > " + At("t.bin")));
+  Fs().ClearCalls();
+  ASSERT_EQ(0, Sh("truncate -s 10 " + At("t.bin")));
+  auto calls = CallsFor(Fs().Calls(), "\\t.bin");
+  EXPECT_TRUE(HasInOrder(calls, {"SetEndOfFile", "SetAllocationSize"})) << OpNames(calls);
+  std::string content;
+  ASSERT_TRUE(Fs().Read("\\t.bin", &content));
+  EXPECT_EQ(10u, content.size());
+
+  Fs().ClearCalls();
+  ASSERT_EQ(0, Sh("truncate -s 50 " + At("t.bin")));
+  calls = CallsFor(Fs().Calls(), "\\t.bin");
+  EXPECT_TRUE(HasInOrder(calls, {"SetEndOfFile"}));
+  EXPECT_FALSE(HasInOrder(calls, {"SetAllocationSize"}));  // growing needs no allocation call
+  std::string out;
+  ASSERT_EQ(0, Sh("stat -c %s " + At("t.bin"), &out));
+  EXPECT_EQ("50\n", out);
+}
+
+TEST_F(DriveOperations, AppendsWriteToTheEndOfFile) {
+  ASSERT_EQ(0, Sh("echo a > " + At("log.txt")));
+  Fs().ClearCalls();
+  ASSERT_EQ(0, Sh("echo b >> " + At("log.txt") + " && echo c >> " + At("log.txt")));
+  std::string content;
+  ASSERT_TRUE(Fs().Read("\\log.txt", &content));
+  EXPECT_EQ("a\nb\nc\n", content);
+  int appendingWrites = 0;
+  for (const FsCall& c : CallsFor(Fs().Calls(), "\\log.txt")) {
+    if (c.op == "ZwCreateFile") {
+      EXPECT_EQ("1", DetailValue(c, "append"));
+      const unsigned access = std::stoul(DetailValue(c, "win32access"), nullptr, 16);
+      EXPECT_TRUE(access & FILE_APPEND_DATA);
+      EXPECT_FALSE(access & FILE_WRITE_DATA);
+    }
+    if (c.op == "WriteFile" && DetailValue(c, "eof") == "1") ++appendingWrites;
+  }
+  EXPECT_EQ(2, appendingWrites);
+
+  Fs().ClearCalls();
+  ASSERT_EQ(0, Sh("dd if=/dev/zero of=" + At("log.txt") + " bs=1k count=1 conv=fsync"));
+  EXPECT_TRUE(HasInOrder(CallsFor(Fs().Calls(), "\\log.txt"),
+                         {"ZwCreateFile", "WriteFile", "FlushFileBuffers"}));
+}
+
+TEST_F(DriveOperations, ChangesBehindTheKernelsBackShowAtOnceAfterInvalidation) {
+  ASSERT_TRUE(Fs().PutFile("\\news.txt", "old\n"));
+  std::string out;
+  ASSERT_EQ(0, Sh("cat " + At("news.txt"), &out));  // the kernel now caches it
+  EXPECT_EQ("old\n", out);
+  ASSERT_TRUE(Fs().PutFile("\\news.txt", "brand new content\n"));
+  // X
+  ASSERT_EQ(0, Sh("cat " + At("news.txt"), &out));
+  EXPECT_EQ("brand new content\n", out);
+
+  ASSERT_TRUE(Fs().Remove("\\news.txt"));
+  ASSERT_TRUE(qb::dokan::InvalidatePath('q', "\\news.txt", 5000));
+  EXPECT_NE(0, Sh("test -e " + At("news.txt")));
+  EXPECT_FALSE(qb::dokan::InvalidatePath('R', "\\news.txt", 100));  // not served here
+}
+
+TEST_F(DriveOperations, CreateAlwaysOnAnExistingFileSucceeds) {
+  ASSERT_EQ(0, Sh("echo first > " + At("x.txt")));
+  Fs().ClearCalls();
+  // The kernel does not know the name yet: the open goes through create.
+  ASSERT_TRUE(qb::dokan::InvalidatePath('Q', "\\x.txt", 5000));
+  ASSERT_EQ(0, Sh("echo second > " + At("x.txt")));
+  std::string content;
+  ASSERT_TRUE(Fs().Read("\\x.txt", &content));
+  EXPECT_EQ("second\n", content);
+}
+
+}  // namespace
+}  // namespace qbtest

@@ -1,0 +1,64 @@
+#pragma once
+// A file system written only against the Dokan interface: an in-memory tree
+// with Windows semantics (case-insensitive names, read-only attribute,
+// delete on close, replace-if-existing moves). It records every call that
+// reaches its table, so that tests can compare the order of the calls.
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/dokan/dokan.h"
+
+namespace qbtest {
+
+struct FsCall {
+  std::string op;      // "ZwCreateFile", "Cleanup", ...
+  std::string path;    // backslash form
+  std::string detail;  // op-specific: "disp=2 opts=0x1060 access=0x..." ...
+  int deleteOnClose = 0;
+};
+
+class MemFs {
+ public:
+  MemFs();
+  ~MemFs();
+
+  // The table to hand to DokanMain; its DOKAN_OPTIONS must carry this
+  // object in GlobalContext.
+  static DOKAN_OPERATIONS Operations();
+  void FillOptions(DOKAN_OPTIONS* options, const char* mountPoint, bool singleThread);
+
+  std::vector<FsCall> Calls() const;
+  void ClearCalls();
+  // Every recorded call is also handed to `sink` (the test server writes
+  // them to a file for the test process).
+  void SetSink(std::function<void(const FsCall&)> sink);
+
+  // Changes made behind the kernel's back (as a device would).
+  bool PutFile(const std::string& path, const std::string& content);
+  bool Remove(const std::string& path);
+  // Content of a file, or false when missing.
+  bool Read(const std::string& path, std::string* content) const;
+  bool Exists(const std::string& path) const;
+  DWORD Attributes(const std::string& path) const;
+
+  struct Node;
+  struct Handle;
+  void Record(const char* op, LPCWSTR path, std::string detail, PDOKAN_FILE_INFO info);
+  std::shared_ptr<Node> Resolve(const std::string& path) const;  // call with mutex_ held
+  std::shared_ptr<Node> root_;
+  mutable std::recursive_mutex mutex_;
+
+ private:
+  mutable std::mutex callsMutex_;
+  std::vector<FsCall> calls_;
+  std::function<void(const FsCall&)> sink_;
+};
+
+// Parses a line written by the sink ("op|path|detail|deleteOnClose").
+bool ParseCallLine(const std::string& line, FsCall* call);
+std::string CallLine(const FsCall& call);
+
+}  // namespace qbtest
