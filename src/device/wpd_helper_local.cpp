@@ -173,6 +173,13 @@ uint32_t CWPDHelperLocal::LastWorkerExitCode() const {
   return m_dwLastExitCode;
 }
 
+size_t CWPDHelperLocal::QueuedRequestCount() const {
+  std::lock_guard hold(m_lifeMutex);
+  if (!m_pState) return m_carryOver.size();
+  std::lock_guard q(m_pState->mtx);
+  return m_pState->queue.size();
+}
+
 void CWPDHelperLocal::SetLibraryMessages(uint32_t bOn, const std::string& sMessageFile) {
   std::lock_guard hold(m_lifeMutex);
   m_bMessagesOn = bOn;

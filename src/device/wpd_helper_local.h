@@ -78,6 +78,8 @@ class CWPDHelperLocal : public CWPDHelperBase {
   // Exit code of the last worker that ended or was abandoned (0xDEAD000E,
   // 0xDEAD000F, 0xDEAD0010), STILL_ACTIVE while one runs, 0 before any.
   uint32_t LastWorkerExitCode() const;
+  // Requests queued and not yet taken by the worker (diagnostics, tests).
+  size_t QueuedRequestCount() const;
 
  private:
   HRESULT _Queue(const char* tag, const std::shared_ptr<HelperRequest>& pRequest);

@@ -168,6 +168,19 @@ std::string OwnModuleLines(const LogFileOptions& options) {
   return lines;
 }
 
+// The caller's settings; a callback that fails lists none rather than losing
+// the log.
+std::string SettingLines(const LogFileOptions& options) {
+  if (!options.settings) return {};
+  std::string lines;
+  try {
+    for (const LogSetting& setting : options.settings()) lines += SettingLine(setting);
+  } catch (...) {
+    return {};
+  }
+  return lines;
+}
+
 bool WriteAll(int fd, const std::string& text) {
   const char* data = text.data();
   size_t left = text.size();
@@ -274,9 +287,7 @@ std::string LogHeader(const LogFileOptions& options) {
   header += kSingleRule;
   header += OsLine();
   header += kSingleRule;
-  if (options.settings) {
-    for (const LogSetting& setting : options.settings()) header += SettingLine(setting);
-  }
+  header += SettingLines(options);
   header += kDoubleRule;
   return header;
 }

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
@@ -64,6 +65,7 @@ size_t FormatText(char (&text)[qb::diag::kSlotTextBytes], const char* tag, const
 void Trace(const char* tag, const char* format, ...) {
   if (!g_enabled.load(std::memory_order_acquire) || !tag) return;
   Pending* pending = g_pending.load(std::memory_order_acquire);
+  if (!pending) return;  // a stop that left its writer behind is under way
   char text[qb::diag::kSlotTextBytes];
   va_list args;
   va_start(args, format);

@@ -112,7 +112,7 @@ bool TraceRing::Put(const char* text, size_t length, bool headerFlag) {
   TraceSlot& slot = slots_[next & kRingMask];
   CopyText(slot, text, length);
   Stamp(slot, headerFlag);
-  slot.filled.store(1, std::memory_order_release);
+  slot.filled.store(FilledStamp(next), std::memory_order_release);
   return true;
 }
 
@@ -131,10 +131,8 @@ void TraceRing::Stamp(TraceSlot& slot, bool headerFlag) {
   slot.processId = CurrentProcessId();
   slot.threadId = CurrentThreadId();
   slot.headerFlag = headerFlag ? 1 : 0;
-  if (headerFlag) {
-    slot.localTime = LocalTimeNow();
-    slot.counter = qb::sys::QueryPerformanceCounter();
-  }
+  slot.localTime = headerFlag ? LocalTimeNow() : SYSTEMTIME{};
+  slot.counter = headerFlag ? qb::sys::QueryPerformanceCounter() : 0;
 }
 
 bool TraceRing::HasPending() const {
@@ -142,9 +140,14 @@ bool TraceRing::HasPending() const {
          (write_.load(std::memory_order_acquire) & kRingMask);
 }
 
-TraceSlot& TraceRing::TakeNext() {
+TraceSlot& TraceRing::TakeNext(uint32_t* ticket) {
   const uint32_t taken = read_.fetch_add(1, std::memory_order_acq_rel) + 1;
+  if (ticket) *ticket = taken;
   return slots_[taken & kRingMask];
+}
+
+bool TraceRing::IsFilled(const TraceSlot& slot, uint32_t ticket) {
+  return slot.filled.load(std::memory_order_acquire) == FilledStamp(ticket);
 }
 
 void TraceRing::Clear(TraceSlot& slot) {

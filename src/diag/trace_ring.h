@@ -4,7 +4,10 @@
 // Producers (any thread) claim a slot by advancing the write counter, fill it
 // and set its filled flag last; the one consumer (the writer thread, or Stop
 // after the writer has ended) advances the read counter, waits for the
-// filled flag, writes the line and clears the slot. Both counters hold the
+// filled flag, writes the line and clears the slot. The flag holds a stamp of
+// the claim (the counter value) rather than 1: a producer that was so late
+// that the writer gave up on its slot cannot make the slot look filled on the
+// ring's next round. Both counters hold the
 // index of the last slot handed out; slot = counter & kRingMask. One slot is
 // always kept free, so the ring holds 4,095 pending lines and a full ring
 // drops the line instead of blocking its caller.
@@ -28,10 +31,15 @@ struct TraceSlot {
   uint32_t threadId;
   uint32_t headerFlag;
   SYSTEMTIME localTime;
-  char text[kSlotTextBytes];  // UTF-8, null-terminated
-  int64_t counter;            // performance counter of the call, 0 if unread
-  std::atomic<uint32_t> filled;
+  char text[kSlotTextBytes];     // UTF-8, null-terminated
+  int64_t counter;               // performance counter of the call, 0 if unread
+  std::atomic<uint32_t> filled;  // 0, or FilledStamp of the claim
 };
+
+static_assert((kRingSlots & kRingMask) == 0, "the slot index is the counter masked");
+static_assert(sizeof(TraceSlot::text) == kSlotTextBytes);
+static_assert(kCutAt + 5 < kSlotTextBytes, "the cut text and its terminator fit");
+static_assert(std::atomic<uint32_t>::is_always_lock_free);
 
 class TraceRing {
  public:
@@ -44,14 +52,18 @@ class TraceRing {
 
   // Consumer side.
   bool HasPending() const;
-  // Advances the read counter and returns the slot it now names.
-  TraceSlot& TakeNext();
+  // Advances the read counter and returns the slot it now names; `ticket`
+  // receives the counter value to test IsFilled with.
+  TraceSlot& TakeNext(uint32_t* ticket);
+  static bool IsFilled(const TraceSlot& slot, uint32_t ticket);
   // Empties a slot after its line was written.
   static void Clear(TraceSlot& slot);
 
  private:
   static void CopyText(TraceSlot& slot, const char* text, size_t length);
   static void Stamp(TraceSlot& slot, bool headerFlag);
+  // Never 0, which marks an empty slot.
+  static uint32_t FilledStamp(uint32_t counter) { return counter ? counter : ~0u; }
 
   std::atomic<uint32_t> write_{0};
   std::atomic<uint32_t> read_{0};

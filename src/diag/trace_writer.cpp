@@ -90,9 +90,9 @@ void TraceWriter::Run() {
     Drain(true);
     if (shared == Shared::kHeld) sharedMutex_->Unlock();
   }
-  std::lock_guard<std::mutex> lock(done_->mutex);
-  done_->done = true;
-  done_->cv.notify_all();
+  std::lock_guard<std::mutex> lock(doneMutex_);
+  done_ = true;
+  doneCv_.notify_all();
 }
 
 TraceWriter::Shared TraceWriter::LockShared() {
@@ -112,8 +112,9 @@ void TraceWriter::Drain(bool honourStop) {
   std::string lines;
   while (ring_.HasPending()) {
     if (honourStop && signals_.StopIsSet()) break;
-    TraceSlot& slot = ring_.TakeNext();
-    const int waits = WaitFilled(slot, honourStop);
+    uint32_t ticket = 0;
+    TraceSlot& slot = ring_.TakeNext(&ticket);
+    const int waits = WaitFilled(slot, ticket, honourStop);
     if (waits < 0) break;
     AppendLine(lines, slot, clock_, waits);
     TraceRing::Clear(slot);
@@ -122,9 +123,9 @@ void TraceWriter::Drain(bool honourStop) {
   Flush(lines);
 }
 
-int TraceWriter::WaitFilled(const TraceSlot& slot, bool honourStop) {
+int TraceWriter::WaitFilled(const TraceSlot& slot, uint32_t ticket, bool honourStop) {
   int waits = 0;
-  while (!slot.filled.load(std::memory_order_acquire) && waits < kFilledWaits) {
+  while (!TraceRing::IsFilled(slot, ticket) && waits < kFilledWaits) {
     if (honourStop) {
       if (signals_.WaitForStop(kFilledWaitMs)) return -1;
     } else {
@@ -156,10 +157,10 @@ bool TraceWriter::Stop() {
   signals_.SetStop();
   bool ended = false;
   {
-    std::unique_lock<std::mutex> lock(done_->mutex);
-    for (int i = 0; i < kStopChecks && !done_->done; ++i)
-      done_->cv.wait_for(lock, std::chrono::milliseconds(kStopCheckMs));
-    ended = done_->done;
+    std::unique_lock<std::mutex> lock(doneMutex_);
+    for (int i = 0; i < kStopChecks && !done_; ++i)
+      doneCv_.wait_for(lock, std::chrono::milliseconds(kStopCheckMs));
+    ended = done_;
   }
   if (ended) {
     thread_.join();

@@ -9,7 +9,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -60,8 +59,8 @@ class TraceWriter {
 
   void Start();
   // Stop event, up to 20 x 50 ms for the thread, then a last drain here.
-  // False when the thread did not end in time (it is then left behind and
-  // the ring must outlive it).
+  // False when the thread did not end in time: it is then left running, and
+  // this object, the ring and the signals must never be freed.
   bool Stop();
 
  private:
@@ -74,7 +73,7 @@ class TraceWriter {
   // Drains the ring; with `honourStop` it ends early once stop is set.
   void Drain(bool honourStop);
   // Waits for a slot's filled flag: 100 x 10 ms. -1 when stop ended the wait.
-  int WaitFilled(const TraceSlot& slot, bool honourStop);
+  int WaitFilled(const TraceSlot& slot, uint32_t ticket, bool honourStop);
   void Flush(std::string& lines);
 
   TraceRing& ring_;
@@ -83,15 +82,10 @@ class TraceWriter {
   qb::sys::NamedMutex* const sharedMutex_;
   const LineClock clock_;
   std::thread thread_;
-  // done_ is shared with a thread that may outlive this object: it is held
-  // by both through the pointer.
-  struct Done {
-    std::mutex mutex;  // taken alone
-    std::condition_variable cv;
-    bool done = false;
-  };
-  std::shared_ptr<Done> done_ = std::make_shared<Done>();
-  // guards done_; taken alone
+  // Set by the thread as its last step; Stop waits on it with a limit.
+  std::mutex doneMutex_;  // guards done_; taken alone
+  std::condition_variable doneCv_;
+  bool done_ = false;
 };
 
 }  // namespace qb::diag

@@ -26,21 +26,11 @@ void CollectionIndex::Attach(DirectoryItem* item) {
   if (item->bDeleted) NoteDeleted(item);
 }
 
-void CollectionIndex::Remove(Map* map, uint32_t hash, DirectoryItem* item) {
-  auto [it, end] = map->equal_range(hash);
-  for (; it != end; ++it) {
-    if (it->second == item) {
-      map->erase(it);
-      return;
-    }
-  }
-}
-
 void CollectionIndex::Unfile(DirectoryItem* item) {
   DirectoryItemLinks& l = item->links;
-  if (l.inItemID) Remove(&byItemID_, l.hItemID, item);
-  if (l.inUniqueID) Remove(&byUniqueID_, l.hUniqueID, item);
-  if (l.inFullName) Remove(&byFullName_, l.hFullName, item);
+  if (l.inItemID) byItemID_.Erase(l.hItemID, item);
+  if (l.inUniqueID) byUniqueID_.Erase(l.hUniqueID, item);
+  if (l.inFullName) byFullName_.Erase(l.hFullName, item);
   l.inItemID = l.inUniqueID = l.inFullName = 0;
 }
 
@@ -49,14 +39,14 @@ void CollectionIndex::File(DirectoryItem* item) {
   DirectoryItemLinks& l = item->links;
   if (item->sItemID) {
     l.hItemID = KeyHash(*item->sItemID);
-    byItemID_.emplace(l.hItemID, item);
+    byItemID_.Insert(l.hItemID, item);
     l.inItemID = 1;
   }
   l.hUniqueID = KeyHash(item->sUniqueID);
-  byUniqueID_.emplace(l.hUniqueID, item);
+  byUniqueID_.Insert(l.hUniqueID, item);
   l.inUniqueID = 1;
   l.hFullName = KeyHash(item->sFullName);
-  byFullName_.emplace(l.hFullName, item);
+  byFullName_.Insert(l.hFullName, item);
   l.inFullName = 1;
 }
 
@@ -64,15 +54,13 @@ template <class Field>
 DirectoryItem* CollectionIndex::Find(const Map& map, std::string_view key, Field field,
                                      const Accept& accept) {
   DirectoryItem* best = nullptr;
-  auto [it, end] = map.equal_range(KeyHash(key));
-  for (; it != end; ++it) {
-    DirectoryItem* item = it->second;
-    if (best && best->links.order < item->links.order) continue;
+  map.ForEach(KeyHash(key), [&](DirectoryItem* item) {
+    if (best && best->links.order < item->links.order) return;
     const std::string* value = field(item);
-    if (!value || !qb::EqualsNoCaseAZ(*value, key)) continue;
-    if (accept && !accept(item)) continue;
+    if (!value || !qb::EqualsNoCaseAZ(*value, key)) return;
+    if (accept && !accept(item)) return;
     best = item;
-  }
+  });
   return best;
 }
 

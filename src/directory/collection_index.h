@@ -9,9 +9,9 @@
 #include <functional>
 #include <map>
 #include <string_view>
-#include <unordered_map>
 
 #include "directory/directory.h"
+#include "directory/flat_hash_index.h"
 
 namespace qb::directory {
 
@@ -42,8 +42,7 @@ class CollectionIndex {
   void NoteDeleted(DirectoryItem* item) { deleted_.emplace(item->links.order, item); }
 
  private:
-  using Map = std::unordered_multimap<uint32_t, DirectoryItem*>;
-  static void Remove(Map* map, uint32_t hash, DirectoryItem* item);
+  using Map = FlatHashIndex<DirectoryItem*>;
   template <class Field>
   static DirectoryItem* Find(const Map& map, std::string_view key, Field field, const Accept& accept);
 

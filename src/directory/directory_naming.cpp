@@ -79,6 +79,7 @@ void CDirectory::SortOriginal() {
 
 void CDirectory::SortVirtual(int32_t storageIdx) {
   ClearNamingTables();
+  m_pNaming->Reserve(m_pFiles->Count());
   if (storageIdx != 0) {
     for (const auto& item : *m_pFiles) {
       if (item->nStorageIdx != storageIdx) {
@@ -171,7 +172,7 @@ int CDirectory::_MapFileName(std::string* out, size_t capacity, const char* uniq
   };
 
   for (int64_t k = tables.FindSource(source); k >= 0; k = tables.FindSource(source)) {
-    const std::string target = tables.Target(static_cast<size_t>(k));
+    const std::string target(tables.Target(static_cast<size_t>(k)));
     const int64_t key = tables.FindKey(target);
     if (key >= 0) {
       bool made = false;
@@ -249,7 +250,7 @@ const char* CDirectory::ReverseMapFileName(const char* path, std::string* out,
     if (!qb::EqualsNoCaseAZ(tables.Target(i), name)) continue;
     const std::string_view folder =
         slash == std::string_view::npos ? std::string_view() : p.substr(0, slash + 1);
-    *out = std::string(qb::CutToUtf16(std::string(folder) + tables.Source(i), capacity - 1));
+    *out = std::string(qb::CutToUtf16(std::string(folder) + std::string(tables.Source(i)), capacity - 1));
     return out->c_str();
   }
   *out = std::string(qb::CutToUtf16(p, capacity ? capacity - 1 : 0));

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
+#include <stdexcept>
 
 #include "diag/log_reading.h"
 #include "support/test_home.h"
@@ -164,6 +165,22 @@ TEST(LogFile, HeaderListsVersionsSystemAndSettings) {
   EXPECT_EQ(lines[10], "@=C:\\Quillbox");
   EXPECT_EQ(lines[11], "CacheSize=0x0000000000001234");
   EXPECT_EQ(lines[12], "Blob=<type=3>");
+}
+
+TEST(LogFile, SettingsThatCannotBeReadStillGiveALog) {
+  qbtest::ScopedHome home;
+  LogFileOptions options;
+  options.cacheRoot = home / "cache";
+  options.settings = []() -> std::vector<qb::diag::LogSetting> {
+    throw std::runtime_error("hive");
+  };
+  const int fd = qb::diag::OpenLogFile(options);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  const auto lines = SplitCrLf(ReadWholeFile(qb::diag::LogFilePath(options)));
+  ASSERT_EQ(lines.size(), 10u);
+  EXPECT_EQ(lines[8], std::string(61, '-'));
+  EXPECT_EQ(lines[9], std::string(61, '='));
 }
 
 TEST(LogFile, VersionLineFormats) {

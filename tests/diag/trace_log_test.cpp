@@ -194,7 +194,7 @@ TEST(TraceLine, WaitMarkFollowsThePrefix) {
   ring->Reset();
   const std::string text = "W1@Slow: late\r\n";
   ring->Put(text.data(), text.size(), true);
-  qb::diag::TraceSlot& slot = ring->TakeNext();
+  qb::diag::TraceSlot& slot = ring->TakeNext(nullptr);
   std::string out;
   qb::diag::AppendLine(out, slot, qb::diag::LineClock{}, 7);
   TraceLine line;

@@ -29,9 +29,10 @@ bool PutText(TraceRing& ring, const std::string& text, bool header = true) {
 
 // Takes the next slot once its producer has filled it (bounded wait).
 std::string TakeFilled(TraceRing& ring) {
-  TraceSlot& slot = ring.TakeNext();
+  uint32_t ticket = 0;
+  TraceSlot& slot = ring.TakeNext(&ticket);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!slot.filled.load(std::memory_order_acquire)) {
+  while (!TraceRing::IsFilled(slot, ticket)) {
     if (std::chrono::steady_clock::now() > deadline) return "<never filled>";
     std::this_thread::yield();
   }
@@ -113,6 +114,20 @@ TEST(TraceRing, CounterWrapKeepsWorking) {
   }
 }
 
+TEST(TraceRing, ALateFillDoesNotMakeTheSlotLookFilledNextRound) {
+  auto ring = NewRing();
+  PutText(*ring, "first round");
+  uint32_t ticket = 0;
+  TraceSlot& slot = ring->TakeNext(&ticket);
+  ASSERT_TRUE(TraceRing::IsFilled(slot, ticket));
+  TraceRing::Clear(slot);
+  EXPECT_FALSE(TraceRing::IsFilled(slot, ticket));
+  // A producer the writer gave up on fills the slot after all...
+  slot.filled.store(ticket == 0 ? ~0u : ticket);
+  // ...which is not the fill the writer waits for one round later.
+  EXPECT_FALSE(TraceRing::IsFilled(slot, ticket + kRingSlots));
+}
+
 TEST(TraceRing, TextsOf519BytesOrMoreAreCutWithAnEllipsis) {
   auto ring = NewRing();
   const std::string fits(518, 'x');
@@ -138,14 +153,14 @@ TEST(TraceRing, SlotCarriesCallerIdsAndTimeOnlyWithTheHeaderFlag) {
   auto ring = NewRing();
   PutText(*ring, "with header", true);
   PutText(*ring, "without", false);
-  TraceSlot& first = ring->TakeNext();
+  TraceSlot& first = ring->TakeNext(nullptr);
   EXPECT_EQ(first.processId, static_cast<uint32_t>(getpid()));
   EXPECT_EQ(first.threadId, static_cast<uint32_t>(gettid()));
   EXPECT_EQ(first.headerFlag, 1u);
   EXPECT_NE(first.counter, 0);
   EXPECT_GE(first.localTime.wYear, 2024);
   TraceRing::Clear(first);
-  TraceSlot& second = ring->TakeNext();
+  TraceSlot& second = ring->TakeNext(nullptr);
   EXPECT_EQ(second.headerFlag, 0u);
   EXPECT_EQ(second.counter, 0);
   EXPECT_EQ(second.localTime.wYear, 0);

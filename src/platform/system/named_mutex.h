@@ -7,7 +7,8 @@
 // that runs out as "the holder is gone" and carry on without it; see
 // docs/diag.md for that and for the stronger recovery schemes that were
 // weighed. The object is not re-entrant: a second Lock in the same holder
-// waits for itself until its limit.
+// waits for itself until its limit. Hold it for short, bounded work only and
+// take no other lock while waiting for it.
 #include <semaphore.h>
 
 #include <cstdint>

@@ -90,10 +90,11 @@ bool InProcessDrive::Start() {
     DOKAN_OPERATIONS ops = MemFs::Operations();
     p.set_value(DokanMain(&options, &ops));
   });
-  return WaitUntil([&] {
-    return IsMounted(letter_) ||
-           result_.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-  }, kMountLimitMs) && IsMounted(letter_);
+  const auto mounted = [&] { return HasInOrder(fs_.Calls(), {"Mounted"}); };
+  WaitUntil([&] {
+    return mounted() || result_.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+  }, kMountLimitMs);
+  return mounted() && IsMounted(letter_);
 }
 
 int InProcessDrive::Stop(int limitMs) {
@@ -127,7 +128,9 @@ bool ServerProcess::Start() {
   const std::vector<std::string> argv{QB_DOKAN_TEST_SERVER, std::string(1, letter_), callsFile_,
                                       singleThread_ ? "single" : "multi"};
   if (!qb::sys::SpawnProcess(argv, {}, &child_)) return false;
-  return WaitUntil([&] { return IsMounted(letter_); }, kMountLimitMs);
+  // The server's file system hears "Mounted" once the kernel mount is there.
+  return WaitUntil([&] { return HasInOrder(Calls(), {"Mounted"}); }, kMountLimitMs) &&
+         IsMounted(letter_);
 }
 
 bool ServerProcess::WaitExit(int limitMs, int* code, bool* killed) {

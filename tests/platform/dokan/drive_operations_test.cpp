@@ -238,12 +238,12 @@ TEST_F(DriveOperations, AppendsWriteToTheEndOfFile) {
 TEST_F(DriveOperations, ChangesBehindTheKernelsBackShowAtOnceAfterInvalidation) {
   ASSERT_TRUE(Fs().PutFile("\\news.txt", "old\n"));
   std::string out;
-  ASSERT_EQ(0, Sh("cat " + At("news.txt"), &out));  // the kernel now caches it
-  EXPECT_EQ("old\n", out);
+  ASSERT_EQ(0, Sh("stat -c %s " + At("news.txt") + " && cat " + At("news.txt"), &out));
+  EXPECT_EQ("4\nold\n", out);  // the kernel now caches the name and its size
   ASSERT_TRUE(Fs().PutFile("\\news.txt", "brand new content\n"));
-  // X
-  ASSERT_EQ(0, Sh("cat " + At("news.txt"), &out));
-  EXPECT_EQ("brand new content\n", out);
+  ASSERT_TRUE(qb::dokan::InvalidatePath('Q', "\\news.txt", 5000));
+  ASSERT_EQ(0, Sh("stat -c %s " + At("news.txt") + " && cat " + At("news.txt"), &out));
+  EXPECT_EQ("18\nbrand new content\n", out);
 
   ASSERT_TRUE(Fs().Remove("\\news.txt"));
   ASSERT_TRUE(qb::dokan::InvalidatePath('q', "\\news.txt", 5000));
@@ -251,15 +251,49 @@ TEST_F(DriveOperations, ChangesBehindTheKernelsBackShowAtOnceAfterInvalidation) 
   EXPECT_FALSE(qb::dokan::InvalidatePath('R', "\\news.txt", 100));  // not served here
 }
 
-TEST_F(DriveOperations, CreateAlwaysOnAnExistingFileSucceeds) {
-  ASSERT_EQ(0, Sh("echo first > " + At("x.txt")));
+TEST_F(DriveOperations, RequestsRunOnSeveralThreadsWithoutSingleThread) {
+  ASSERT_TRUE(Fs().PutFile("\\slow.txt", "slow\n"));
+  ASSERT_TRUE(Fs().PutFile("\\quick.txt", "quick\n"));
+  Fs().BlockReadsOf("\\slow.txt");
+  qb::sys::ChildProcess slow;
+  ASSERT_TRUE(qb::sys::SpawnProcess({"/bin/cat", root_ + "/slow.txt"}, {}, &slow));
+  ASSERT_TRUE(WaitForCalls("\\slow.txt", {"ReadFile"}));
+  // The slow read holds one request thread; another request still runs.
+  std::string out;
+  EXPECT_EQ(0, Sh("cat " + At("quick.txt"), &out));
+  EXPECT_EQ("quick\n", out);
+  Fs().ReleaseReads();
+  int code = -1;
+  EXPECT_TRUE(slow.Wait(10000, &code));
+  EXPECT_EQ(0, code);
+}
+
+TEST_F(DriveOperations, CreateThatFindsTheFileIsSuccessForAlwaysDispositions) {
+  ASSERT_TRUE(Fs().PutFile("\\x.txt", "first\n"));
+  Fs().HideFromOpens("\\x.txt");  // the lookup misses it; the create finds it
   Fs().ClearCalls();
-  // The kernel does not know the name yet: the open goes through create.
-  ASSERT_TRUE(qb::dokan::InvalidatePath('Q', "\\x.txt", 5000));
   ASSERT_EQ(0, Sh("echo second > " + At("x.txt")));
   std::string content;
   ASSERT_TRUE(Fs().Read("\\x.txt", &content));
   EXPECT_EQ("second\n", content);
+  bool overwriteIf = false;
+  for (const FsCall& c : CallsFor(Fs().Calls(), "\\x.txt"))
+    if (c.op == "ZwCreateFile" && DetailValue(c, "disp") == std::to_string(FILE_OVERWRITE_IF)) {
+      overwriteIf = true;
+      EXPECT_EQ(std::to_string(CREATE_ALWAYS), DetailValue(c, "win32disp"));
+    }
+  EXPECT_TRUE(overwriteIf) << OpNames(Fs().Calls());
+
+  ASSERT_TRUE(Fs().PutFile("\\y.txt", "one\n"));
+  Fs().HideFromOpens("\\y.txt");
+  ASSERT_EQ(0, Sh("echo two >> " + At("y.txt")));  // OPEN_ALWAYS, appending
+  ASSERT_TRUE(Fs().Read("\\y.txt", &content));
+  EXPECT_EQ("one\ntwo\n", content);
+  // CREATE_NEW of an existing name stays a collision.
+  Fs().HideFromOpens("\\y.txt");
+  std::string out;
+  EXPECT_NE(0, Sh("set -C; echo three > " + At("y.txt"), &out));
+  EXPECT_NE(std::string::npos, out.find("exists")) << out;
 }
 
 }  // namespace

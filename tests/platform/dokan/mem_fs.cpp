@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <map>
 #include <sstream>
@@ -101,6 +102,7 @@ NTSTATUS Create(LPCWSTR FileName, PDOKAN_IO_SECURITY_CONTEXT, ACCESS_MASK Desire
   std::lock_guard lock(fs->mutex_);
   const auto [parentPath, name] = ParentAndName(FileName);
   std::shared_ptr<Node> node = fs->Resolve(FileName);
+  if (node && disposition == OPEN_EXISTING && fs->Hidden(FileName)) node = nullptr;
   const bool writes = access & (GENERIC_WRITE | FILE_WRITE_DATA | FILE_APPEND_DATA);
   NTSTATUS status = STATUS_SUCCESS;
   if (node) {
@@ -151,6 +153,7 @@ NTSTATUS ReadFile(LPCWSTR FileName, LPVOID Buffer, DWORD Length, LPDWORD Read, L
                   PDOKAN_FILE_INFO info) {
   MemFs* fs = FsOf(info);
   fs->Record("ReadFile", FileName, "off=" + std::to_string(Offset) + " len=" + std::to_string(Length), info);
+  fs->WaitWhileBlocked(FileName);
   std::lock_guard lock(fs->mutex_);
   std::shared_ptr<Node> node = NodeOf(info);
   if (!node || node->dir) return STATUS_INVALID_HANDLE;
@@ -353,6 +356,16 @@ NTSTATUS Volume(LPWSTR name, DWORD nameSize, LPDWORD serial, LPDWORD maxComponen
   return STATUS_SUCCESS;
 }
 
+NTSTATUS Mounted(LPCWSTR MountPoint, PDOKAN_FILE_INFO info) {
+  FsOf(info)->Record("Mounted", MountPoint, "", info);
+  return STATUS_SUCCESS;
+}
+
+NTSTATUS Unmounted(PDOKAN_FILE_INFO info) {
+  FsOf(info)->Record("Unmounted", "", "", info);
+  return STATUS_SUCCESS;
+}
+
 }  // namespace
 
 MemFs::MemFs() : root_(MakeNode(true, "", 0)) {}
@@ -377,6 +390,8 @@ DOKAN_OPERATIONS MemFs::Operations() {
   ops.SetAllocationSize = qbtest::SetAllocationSize;
   ops.GetDiskFreeSpace = DiskFree;
   ops.GetVolumeInformation = Volume;
+  ops.Mounted = qbtest::Mounted;
+  ops.Unmounted = qbtest::Unmounted;
   return ops;
 }
 
@@ -467,6 +482,34 @@ DWORD MemFs::Attributes(const std::string& path) const {
   std::lock_guard lock(mutex_);
   std::shared_ptr<Node> node = Resolve(path);
   return node ? node->attributes : 0;
+}
+
+void MemFs::HideFromOpens(const std::string& path) {
+  std::lock_guard lock(mutex_);
+  hidden_ = qb::ToUpperAZ(path);
+}
+
+bool MemFs::Hidden(const std::string& path) const {
+  std::lock_guard lock(mutex_);
+  return !hidden_.empty() && hidden_ == qb::ToUpperAZ(path);
+}
+
+void MemFs::BlockReadsOf(const std::string& path) {
+  std::lock_guard lock(gateMutex_);
+  blocked_ = path;
+}
+
+void MemFs::ReleaseReads() {
+  {
+    std::lock_guard lock(gateMutex_);
+    blocked_.clear();
+  }
+  gateOpen_.notify_all();
+}
+
+void MemFs::WaitWhileBlocked(const std::string& path) {
+  std::unique_lock lock(gateMutex_);
+  gateOpen_.wait_for(lock, std::chrono::seconds(10), [&] { return blocked_ != path; });
 }
 
 std::string CallLine(const FsCall& c) {

@@ -3,6 +3,7 @@
 // with Windows semantics (case-insensitive names, read-only attribute,
 // delete on close, replace-if-existing moves). It records every call that
 // reaches its table, so that tests can compare the order of the calls.
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -43,6 +44,14 @@ class MemFs {
   bool Read(const std::string& path, std::string* content) const;
   bool Exists(const std::string& path) const;
   DWORD Attributes(const std::string& path) const;
+  // Opens of an existing file (FILE_OPEN) answer "not found" for `path`, as
+  // when the file appears between a lookup and a create.
+  void HideFromOpens(const std::string& path);
+  bool Hidden(const std::string& path) const;
+  // Reads of `path` wait (at most 10 s) until ReleaseReads.
+  void BlockReadsOf(const std::string& path);
+  void ReleaseReads();
+  void WaitWhileBlocked(const std::string& path);
 
   struct Node;
   struct Handle;
@@ -55,6 +64,10 @@ class MemFs {
   mutable std::mutex callsMutex_;
   std::vector<FsCall> calls_;
   std::function<void(const FsCall&)> sink_;
+  std::string hidden_;  // under mutex_
+  std::mutex gateMutex_;  // guards blocked_
+  std::condition_variable gateOpen_;
+  std::string blocked_;
 };
 
 // Parses a line written by the sink ("op|path|detail|deleteOnClose").

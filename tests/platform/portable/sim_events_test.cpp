@@ -142,7 +142,7 @@ TEST_F(SimEventsTest, ChangesMadeToTheFolderByOthersRaiseTheSameEvents) {
 
   Shell("printf 'more' >> '" + root + "/New/moved.txt'");
   ASSERT_TRUE(sink_->WaitFor([&](const SeenEvent& e) {
-    return e.id == WPD_EVENT_OBJECT_UPDATED && e.objectId == added.objectId && &e != nullptr;
+    return e.id == WPD_EVENT_OBJECT_UPDATED && e.objectId == added.objectId;
   }));
 
   Shell("mv '" + root + "/New/moved.txt' '" + home_.Path().string() + "/gone.txt'");

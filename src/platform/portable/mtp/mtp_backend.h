@@ -1,0 +1,31 @@
+#pragma once
+// The libmtp back end as the device manager sees it: which PnP ids are
+// ours, the MTP/PTP devices present on USB, and a device object for one of
+// them. Always declared; without libmtp the list is empty and Open fails
+// with E_ERROR_NOT_FOUND.
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/portable/portable.h"
+
+namespace qb::portable::mtp {
+
+// One device present on USB.
+struct MtpDeviceEntry {
+  std::string pnpId;         // \\?\usb#vid_XXXX&pid_YYYY#<serial>#{6ac27878-...}
+  std::string friendlyName;  // the device's own name, else the USB product
+  std::string manufacturer;
+  std::string description;   // the model
+};
+
+// True when the back end was built with libmtp.
+bool MtpBackendAvailable();
+// True for a PnP id of the libmtp back end (bus "usb", vid/pid, WPD class).
+bool IsMtpPnpId(const std::string& pnpId);
+// The MTP/PTP devices on USB now (S_OK also when there are none).
+HRESULT ListMtpDevices(std::vector<MtpDeviceEntry>* devices);
+// A device object not yet opened; Open takes an MTP PnP id.
+std::unique_ptr<IPortableDevice> CreateMtpPortableDevice();
+
+}  // namespace qb::portable::mtp

@@ -1,0 +1,237 @@
+// The event thread of an opened MTP device.
+#include "platform/portable/mtp/mtp_events.h"
+
+#ifdef QUILLBOX_HAVE_LIBMTP
+#include <sys/time.h>
+
+#include <chrono>
+#include <map>
+#include <variant>
+
+#include "diag/trace.h"
+#include "platform/portable/mtp/mtp_session.h"
+
+namespace qb::portable::mtp {
+
+// What the libusb callback leaves for the pump thread. The callback may run
+// on any thread that pumps libusb (also inside another call's transfer), so
+// it touches nothing but this inbox.
+struct MtpEventInbox {
+  struct DeviceEvent {
+    int status;
+    LIBMTP_event_t event;
+    uint32_t parameter;
+  };
+  std::mutex m;  // leaf lock
+  std::deque<std::variant<DeviceEvent, PortableDeviceValues>> items;
+  bool readPending = false;
+};
+
+namespace {
+
+// Inboxes by token. A pending read that outlives its pump finds no inbox
+// here and is dropped: the callback never sees freed memory.
+std::mutex g_inboxesMutex;
+std::map<uint64_t, std::weak_ptr<MtpEventInbox>> g_inboxes;
+uint64_t g_nextToken = 1;
+
+constexpr auto kSlice = std::chrono::milliseconds(200);
+constexpr auto kPresenceEvery = std::chrono::seconds(1);
+constexpr auto kRetryReadAfter = std::chrono::seconds(5);
+
+void OnUsbEvent(int status, LIBMTP_event_t event, uint32_t parameter, void* token) {
+  std::shared_ptr<MtpEventInbox> inbox;
+  {
+    std::lock_guard<std::mutex> l(g_inboxesMutex);
+    auto it = g_inboxes.find(reinterpret_cast<uintptr_t>(token));
+    if (it != g_inboxes.end()) inbox = it->second.lock();
+  }
+  if (!inbox) return;
+  std::lock_guard<std::mutex> l(inbox->m);
+  inbox->readPending = false;
+  inbox->items.emplace_back(MtpEventInbox::DeviceEvent{status, event, parameter});
+}
+
+}  // namespace
+
+MtpEventPump::MtpEventPump(MtpSession* session) : session_(session), inbox_(std::make_shared<MtpEventInbox>()) {
+  std::lock_guard<std::mutex> l(g_inboxesMutex);
+  token_ = g_nextToken++;
+  g_inboxes[token_] = inbox_;
+}
+
+MtpEventPump::~MtpEventPump() {
+  Stop();
+  std::lock_guard<std::mutex> l(g_inboxesMutex);
+  g_inboxes.erase(token_);
+}
+
+void MtpEventPump::Start() { thread_ = std::thread([this] { Run(); }); }
+
+void MtpEventPump::Stop() {
+  {
+    std::lock_guard<std::mutex> l(stopMutex_);
+    stop_ = true;
+  }
+  stopCv_.notify_all();
+  // The loop checks the flag at least every slice and every libmtp call it
+  // makes is bounded by its USB timeout.
+  if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
+  if (thread_.joinable()) thread_.detach();
+}
+
+void MtpEventPump::Post(PortableDeviceValues parameters) {
+  std::lock_guard<std::mutex> l(inbox_->m);
+  inbox_->items.emplace_back(std::move(parameters));
+}
+
+void MtpEventPump::Run() {
+  auto lastPresence = std::chrono::steady_clock::now();
+  auto nextRead = lastPresence;
+  for (;;) {
+    {
+      std::unique_lock<std::mutex> l(stopMutex_);
+      if (stop_) break;
+    }
+    auto now = std::chrono::steady_clock::now();
+    bool pending;
+    {
+      std::lock_guard<std::mutex> l(inbox_->m);
+      pending = inbox_->readPending;
+    }
+    if (!pending && !session_->Offline() && now >= nextRead) {
+      SubmitRead();
+      std::lock_guard<std::mutex> l(inbox_->m);
+      if (!inbox_->readPending) nextRead = now + kRetryReadAfter;
+    }
+    struct timeval tv = {0, static_cast<long>(std::chrono::microseconds(kSlice).count())};
+    int completed = 0;
+    if (pending || !session_->Offline()) LIBMTP_Handle_Events_Timeout_Completed(&tv, &completed);
+    DrainInbox();
+    if (now - lastPresence >= kPresenceEvery) {
+      lastPresence = now;
+      if (!session_->Offline() && !session_->StillPlugged()) session_->MarkOffline();
+      DrainInbox();
+    }
+    if (session_->Offline()) {
+      // Nothing more will come; wait for Stop, bounded per slice.
+      std::unique_lock<std::mutex> l(stopMutex_);
+      stopCv_.wait_for(l, kSlice, [&] { return stop_; });
+    }
+  }
+}
+
+void MtpEventPump::SubmitRead() {
+  std::unique_lock<std::timed_mutex> lock;
+  LIBMTP_mtpdevice_t* device = nullptr;
+  if (FAILED(session_->Acquire(&lock, &device, kSlice))) return;
+  {
+    std::lock_guard<std::mutex> l(inbox_->m);
+    inbox_->readPending = true;
+  }
+  int rc = LIBMTP_Read_Event_Async(device, OnUsbEvent, reinterpret_cast<void*>(static_cast<uintptr_t>(token_)));
+  if (rc != 0) {
+    LIBMTP_Clear_Errorstack(device);
+    std::lock_guard<std::mutex> l(inbox_->m);
+    inbox_->readPending = false;
+    Trace("MT20@MtpEventPump::SubmitRead: ", "LIBMTP_Read_Event_Async failed (%d)", rc);
+  }
+}
+
+void MtpEventPump::DrainInbox() {
+  for (;;) {
+    std::variant<MtpEventInbox::DeviceEvent, PortableDeviceValues> item;
+    {
+      std::lock_guard<std::mutex> l(inbox_->m);
+      if (inbox_->items.empty()) return;
+      item = std::move(inbox_->items.front());
+      inbox_->items.pop_front();
+    }
+    if (auto* e = std::get_if<MtpEventInbox::DeviceEvent>(&item))
+      HandleDeviceEvent(e->status, e->event, e->parameter);
+    else
+      session_->Deliver(std::get<PortableDeviceValues>(item));
+  }
+}
+
+void MtpEventPump::HandleDeviceEvent(int status, LIBMTP_event_t event, uint32_t parameter) {
+  Trace("MT21@MtpEventPump::HandleDeviceEvent: ", "status=%d event=%d param=0x%08X", status, static_cast<int>(event),
+        parameter);
+  if (status != LIBMTP_HANDLER_RETURN_OK) {
+    // The interrupt read failed: the device left, or the read was dropped.
+    if (!session_->StillPlugged()) session_->MarkOffline();
+    return;
+  }
+  switch (event) {
+    case LIBMTP_EVENT_OBJECT_ADDED:
+      HandleObjectAdded(parameter);
+      break;
+    case LIBMTP_EVENT_OBJECT_REMOVED:
+      HandleObjectRemoved(parameter);
+      break;
+    case LIBMTP_EVENT_STORE_ADDED:
+    case LIBMTP_EVENT_STORE_REMOVED:
+    case LIBMTP_EVENT_NONE:  // libmtp's name for the rest, storage info changes among them
+      HandleStorageChange();
+      break;
+    default:
+      break;
+  }
+}
+
+void MtpEventPump::HandleObjectAdded(uint32_t handle) {
+  if (session_->IsEchoOfAnnounced(WPD_EVENT_OBJECT_ADDED, handle)) return;
+  MtpObjectFacts object;
+  {
+    std::unique_lock<std::timed_mutex> lock;
+    LIBMTP_mtpdevice_t* device = nullptr;
+    if (FAILED(session_->Acquire(&lock, &device))) return;
+    session_->ForgetObject(handle);
+    if (FAILED(session_->ObjectLocked(device, handle, &object))) return;
+    session_->LoadExtrasLocked(device, &object);
+  }
+  session_->Deliver(session_->EventParametersFor(WPD_EVENT_OBJECT_ADDED, object));
+}
+
+void MtpEventPump::HandleObjectRemoved(uint32_t handle) {
+  if (session_->IsEchoOfAnnounced(WPD_EVENT_OBJECT_REMOVED, handle)) return;
+  MtpObjectFacts object;
+  if (session_->CachedObject(handle, &object)) {
+    session_->ForgetObject(handle);
+    session_->Deliver(session_->EventParametersFor(WPD_EVENT_OBJECT_REMOVED, object));
+    return;
+  }
+  // Unknown to us: all we can name is the object.
+  PortableDeviceValues v;
+  v.SetStringValue(WPD_OBJECT_ID, ContentObjectId(handle));
+  session_->Deliver(ObjectEventParameters(WPD_EVENT_OBJECT_REMOVED, session_->PnpId(), v));
+}
+
+void MtpEventPump::HandleStorageChange() {
+  std::vector<MtpStorageFacts> before = session_->CachedStorages(), after;
+  {
+    std::unique_lock<std::timed_mutex> lock;
+    LIBMTP_mtpdevice_t* device = nullptr;
+    if (FAILED(session_->Acquire(&lock, &device))) return;
+    if (FAILED(session_->StoragesLocked(device, &after))) return;
+  }
+  for (const auto& old : before) {
+    bool kept = false;
+    for (const auto& s : after) kept = kept || s.id == old.id;
+    if (kept) continue;
+    PortableDeviceValues values;
+    BuildStorageValues(old, session_->Facts().serialNumber, &values);
+    session_->Deliver(ObjectEventParameters(WPD_EVENT_OBJECT_REMOVED, session_->PnpId(), values));
+  }
+  for (const auto& s : after) {
+    bool known = false;
+    for (const auto& old : before) known = known || s.id == old.id;
+    PortableDeviceValues values;
+    BuildStorageValues(s, session_->Facts().serialNumber, &values);
+    session_->Deliver(
+        ObjectEventParameters(known ? WPD_EVENT_OBJECT_UPDATED : WPD_EVENT_OBJECT_ADDED, session_->PnpId(), values));
+  }
+}
+
+}  // namespace qb::portable::mtp
+#endif  // QUILLBOX_HAVE_LIBMTP

@@ -1,0 +1,54 @@
+#pragma once
+// The event thread of one opened MTP device. It keeps one asynchronous
+// event read pending on the device's interrupt endpoint, pumps libusb in
+// slices of 200 ms, turns device events into model events (object added or
+// removed, storage changes), delivers the changes made through us, and
+// notices when the device goes (sysfs, checked every second).
+#ifdef QUILLBOX_HAVE_LIBMTP
+#include <libmtp.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "platform/portable/portable.h"
+
+namespace qb::portable::mtp {
+
+class MtpSession;
+struct MtpEventInbox;
+
+class MtpEventPump {
+ public:
+  // `session` outlives the pump (the session stops it before it goes).
+  explicit MtpEventPump(MtpSession* session);
+  ~MtpEventPump();
+  void Start();
+  // Ends the thread; it notices within one slice (bounded join).
+  void Stop();
+  // Queues prepared event parameters for delivery on the pump thread.
+  void Post(PortableDeviceValues parameters);
+
+ private:
+  void Run();
+  void SubmitRead();
+  void HandleDeviceEvent(int status, LIBMTP_event_t event, uint32_t parameter);
+  void HandleObjectAdded(uint32_t handle);
+  void HandleObjectRemoved(uint32_t handle);
+  void HandleStorageChange();
+  void DrainInbox();
+
+  MtpSession* session_;  // set once
+  std::shared_ptr<MtpEventInbox> inbox_;
+  uint64_t token_ = 0;  // names the inbox to libusb callbacks
+  std::thread thread_;
+  std::mutex stopMutex_;
+  std::condition_variable stopCv_;
+  bool stop_ = false;  // under stopMutex_
+};
+
+}  // namespace qb::portable::mtp
+#endif  // QUILLBOX_HAVE_LIBMTP

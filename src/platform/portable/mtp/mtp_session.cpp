@@ -1,0 +1,418 @@
+// One opened MTP device: opening, the device lock, errors, storages, the
+// object cache and the event sinks.
+#include "platform/portable/mtp/mtp_session.h"
+
+#ifdef QUILLBOX_HAVE_LIBMTP
+#include <cstdlib>
+#include <cstring>
+
+#include "diag/trace.h"
+#include "platform/portable/mtp/mtp_errors.h"
+#include "platform/portable/mtp/mtp_events.h"
+#include "platform/portable/mtp/mtp_filetype.h"
+#include "platform/portable/mtp/mtp_init.h"
+#include "platform/portable/mtp/mtp_time.h"
+#include "platform/portable/mtp/mtp_usb.h"
+
+namespace qb::portable::mtp {
+namespace {
+
+// Announced changes whose device echo is dropped for this long.
+constexpr std::chrono::seconds kEchoWindow{10};
+
+static_assert(kMtpErrorNoDeviceAttached == LIBMTP_ERROR_NO_DEVICE_ATTACHED);
+static_assert(kMtpErrorStorageFull == LIBMTP_ERROR_STORAGE_FULL);
+static_assert(kMtpErrorCancelled == LIBMTP_ERROR_CANCELLED);
+static_assert(kMtpErrorPtpLayer == LIBMTP_ERROR_PTP_LAYER);
+
+std::string TakeString(char* s) {
+  std::string out = s ? s : "";
+  std::free(s);
+  return out;
+}
+
+uint32_t EventKind(const GUID& eventId) {
+  if (eventId == WPD_EVENT_OBJECT_ADDED) return 1;
+  if (eventId == WPD_EVENT_OBJECT_REMOVED) return 2;
+  return 3;
+}
+
+}  // namespace
+
+MtpSession::~MtpSession() { Close(); }
+
+HRESULT MtpSession::Open(const std::string& pnpId, bool readOnly, std::shared_ptr<MtpSession>* out) {
+  Trace("MT1@MtpSession::Open: ", "ENTER %s", pnpId.c_str());
+  uint16_t vid = 0, pid = 0;
+  std::string serialPart;
+  if (!ParseMtpPnpId(pnpId, &vid, &pid, &serialPart)) return E_ERROR_NOT_FOUND;
+  EnsureLibmtp();
+  LIBMTP_raw_device_t* raw = nullptr;
+  int count = 0;
+  LIBMTP_error_number_t err = LIBMTP_Detect_Raw_Devices(&raw, &count);
+  if (err != LIBMTP_ERROR_NONE) {
+    std::free(raw);
+    Trace("MT1@MtpSession::Open: ", "RETURN[1]: no MTP device (%d)", static_cast<int>(err));
+    return E_ERROR_NOT_FOUND;
+  }
+  HRESULT hr = E_ERROR_NOT_FOUND;
+  for (int i = 0; i < count; ++i) {
+    const LIBMTP_raw_device_t& r = raw[i];
+    UsbPortInfo usb;
+    if (r.device_entry.vendor_id != vid || r.device_entry.product_id != pid) continue;
+    if (!FindUsbPort(kSysUsbDevices, r.bus_location, r.devnum, &usb)) continue;
+    if (PnpSerialPart(usb.serial, r.bus_location, r.devnum) != serialPart) continue;
+    std::shared_ptr<MtpSession> s(new MtpSession());
+    s->pnpId_ = pnpId;
+    s->readOnly_ = readOnly;
+    s->busNumber_ = r.bus_location;
+    s->deviceAddress_ = r.devnum;
+    s->vendorId_ = vid;
+    s->productId_ = pid;
+    hr = s->OpenRaw(&raw[i]);
+    if (SUCCEEDED(hr)) {
+      s->ReadFacts(usb.product);
+      s->pump_ = std::make_unique<MtpEventPump>(s.get());
+      s->pump_->Start();
+      *out = std::move(s);
+    }
+    break;
+  }
+  std::free(raw);
+  Trace("MT1@MtpSession::Open: ", "RETURN: RC=0x%08X (%s)", static_cast<uint32_t>(hr), CodeToName(hr));
+  return hr;
+}
+
+HRESULT MtpSession::OpenRaw(LIBMTP_raw_device_t* raw) {
+  // Uncached: the object tree is read folder by folder as asked, not at once.
+  handle_ = LIBMTP_Open_Raw_Device_Uncached(raw);
+  if (!handle_) {
+    Trace("MT2@MtpSession::OpenRaw: ", "could not open the device (held by another program?)");
+    return E_ERROR_BUSY;
+  }
+  LIBMTP_Clear_Errorstack(handle_);
+  canMove_ = LIBMTP_Check_Capability(handle_, LIBMTP_DEVICECAP_MoveObject) != 0;
+  canReadPartial_ = LIBMTP_Check_Capability(handle_, LIBMTP_DEVICECAP_GetPartialObject) != 0;
+  return S_OK;
+}
+
+void MtpSession::ReadFacts(const std::string& usbProduct) {
+  facts_.friendlyName = TakeString(LIBMTP_Get_Friendlyname(handle_));
+  facts_.manufacturer = TakeString(LIBMTP_Get_Manufacturername(handle_));
+  facts_.model = TakeString(LIBMTP_Get_Modelname(handle_));
+  facts_.serialNumber = TakeString(LIBMTP_Get_Serialnumber(handle_));
+  facts_.firmwareVersion = TakeString(LIBMTP_Get_Deviceversion(handle_));
+  if (facts_.friendlyName.empty()) facts_.friendlyName = !facts_.model.empty() ? facts_.model : usbProduct;
+  bool mtp = false, android = false;
+  for (LIBMTP_device_extension_t* e = handle_->extensions; e; e = e->next) {
+    if (!e->name) continue;
+    if (std::strstr(e->name, "microsoft.com")) mtp = true;
+    if (std::strstr(e->name, "android.com")) android = true;
+  }
+  facts_.protocol = ProtocolText(mtp || android);
+  facts_.deviceType = DeviceTypeFor(mtp || android, android);
+  LIBMTP_Clear_Errorstack(handle_);
+  std::vector<MtpStorageFacts> storages;
+  StoragesLocked(handle_, &storages);
+}
+
+void MtpSession::Close() {
+  if (pump_) pump_->Stop();
+  std::unique_lock<std::timed_mutex> lock(device_, std::defer_lock);
+  // A call stuck in libmtp ends with its USB timeout; wait for it, bounded.
+  bool locked = lock.try_lock_for(std::chrono::seconds(30));
+  if (!locked) Trace("MT3@MtpSession::Close: ", "device lock not free; releasing anyway");
+  offline_ = true;
+  if (handle_) {
+    LIBMTP_Release_Device(handle_);
+    handle_ = nullptr;
+  }
+}
+
+HRESULT MtpSession::Acquire(std::unique_lock<std::timed_mutex>* lock, LIBMTP_mtpdevice_t** device,
+                            std::chrono::milliseconds wait) {
+  if (offline_) return WIA_ERROR_OFFLINE;
+  std::unique_lock<std::timed_mutex> l(device_, std::defer_lock);
+  if (!l.try_lock_for(wait)) return E_ERROR_BUSY;
+  if (offline_ || !handle_) return WIA_ERROR_OFFLINE;
+  *device = handle_;
+  *lock = std::move(l);
+  return S_OK;
+}
+
+HRESULT MtpSession::FailedLocked(LIBMTP_mtpdevice_t* device, const char* tag, const char* what) {
+  std::vector<std::pair<int, std::string>> stack;
+  for (LIBMTP_error_t* e = LIBMTP_Get_Errorstack(device); e; e = e->next) {
+    stack.emplace_back(static_cast<int>(e->errornumber), e->error_text ? e->error_text : "");
+    Trace(tag, "%s: libmtp error %d: %s", what, static_cast<int>(e->errornumber), stack.back().second.c_str());
+  }
+  LIBMTP_Clear_Errorstack(device);
+  HRESULT hr = HresultOfMtpErrors(stack);
+  if (hr == WIA_ERROR_OFFLINE || (hr == E_FAIL && !StillPlugged())) {
+    MarkOffline();
+    return WIA_ERROR_OFFLINE;
+  }
+  return FAILED(hr) ? hr : E_FAIL;
+}
+
+bool MtpSession::StillPlugged() const {
+  return UsbPortPresent(kSysUsbDevices, busNumber_, deviceAddress_, vendorId_, productId_);
+}
+
+void MtpSession::MarkOffline() {
+  offline_ = true;
+  if (removedRaised_.exchange(true)) return;
+  Trace("MT4@MtpSession::MarkOffline: ", "device gone: %s", pnpId_.c_str());
+  if (pump_) pump_->Post(DeviceRemovedParameters(pnpId_));
+}
+
+HRESULT MtpSession::StoragesLocked(LIBMTP_mtpdevice_t* device, std::vector<MtpStorageFacts>* storages) {
+  if (LIBMTP_Get_Storage(device, LIBMTP_STORAGE_SORTBY_NOTSORTED) != 0)
+    return FailedLocked(device, "MT5@MtpSession::StoragesLocked: ", "LIBMTP_Get_Storage");
+  storages->clear();
+  for (LIBMTP_devicestorage_t* s = device->storage; s; s = s->next) {
+    MtpStorageFacts f;
+    f.id = s->id;
+    f.storageType = s->StorageType;
+    f.filesystemType = s->FilesystemType;
+    f.accessCapability = s->AccessCapability;
+    f.maxCapacity = s->MaxCapacity;
+    f.freeSpaceInBytes = s->FreeSpaceInBytes;
+    f.freeSpaceInObjects = s->FreeSpaceInObjects;
+    f.description = s->StorageDescription ? s->StorageDescription : "";
+    f.volumeIdentifier = s->VolumeIdentifier ? s->VolumeIdentifier : "";
+    storages->push_back(std::move(f));
+  }
+  std::lock_guard<std::mutex> c(cacheMutex_);
+  storages_ = *storages;
+  return S_OK;
+}
+
+HRESULT MtpSession::StorageLocked(LIBMTP_mtpdevice_t* device, uint32_t storageId, MtpStorageFacts* storage) {
+  std::vector<MtpStorageFacts> all;
+  HRESULT hr = StoragesLocked(device, &all);
+  if (FAILED(hr)) return hr;
+  for (const auto& s : all) {
+    if (s.id == storageId) {
+      *storage = s;
+      return S_OK;
+    }
+  }
+  return E_ERROR_NOT_FOUND;
+}
+
+uint16_t MtpSession::StorageAccess(uint32_t storageId) {
+  std::lock_guard<std::mutex> c(cacheMutex_);
+  for (const auto& s : storages_)
+    if (s.id == storageId) return s.accessCapability;
+  return 0;
+}
+
+std::vector<MtpStorageFacts> MtpSession::CachedStorages() {
+  std::lock_guard<std::mutex> c(cacheMutex_);
+  return storages_;
+}
+
+bool MtpSession::AnyStorageWritable() {
+  std::lock_guard<std::mutex> c(cacheMutex_);
+  for (const auto& s : storages_)
+    if (s.accessCapability == 0) return true;
+  return false;
+}
+
+MtpObjectFacts MtpSession::FactsOf(const LIBMTP_file_t& file) {
+  MtpObjectFacts o;
+  o.handle = file.item_id;
+  o.parentHandle = file.parent_id;
+  o.storageId = file.storage_id;
+  o.fileName = file.filename ? file.filename : "";
+  o.size = file.filesize;
+  o.formatCode = FormatCodeOfFiletype(file.filetype);
+  o.hasModified = file.modificationdate != 0;
+  o.modified = static_cast<int64_t>(file.modificationdate);
+  return o;
+}
+
+HRESULT MtpSession::ObjectLocked(LIBMTP_mtpdevice_t* device, uint32_t handle, MtpObjectFacts* object) {
+  if (CachedObject(handle, object)) return S_OK;
+  LIBMTP_file_t* file = LIBMTP_Get_Filemetadata(device, handle);
+  if (!file) {
+    HRESULT hr = FailedLocked(device, "MT6@MtpSession::ObjectLocked: ", "LIBMTP_Get_Filemetadata");
+    return hr == E_FAIL ? E_ERROR_NOT_FOUND : hr;
+  }
+  *object = FactsOf(*file);
+  LIBMTP_destroy_file_t(file);
+  CacheObject(*object);
+  return S_OK;
+}
+
+bool MtpSession::PropertySupportedLocked(LIBMTP_mtpdevice_t* device, LIBMTP_property_t property, uint16_t formatCode) {
+  auto key = std::make_pair(static_cast<int>(property), formatCode);
+  auto it = propertySupport_.find(key);
+  if (it != propertySupport_.end()) return it->second;
+  bool ok = LIBMTP_Is_Property_Supported(device, property, FiletypeOfFormatCode(formatCode)) > 0;
+  LIBMTP_Clear_Errorstack(device);
+  propertySupport_[key] = ok;
+  return ok;
+}
+
+void MtpSession::LoadExtrasLocked(LIBMTP_mtpdevice_t* device, MtpObjectFacts* o) {
+  {
+    std::lock_guard<std::mutex> c(cacheMutex_);
+    auto it = objects_.find(o->handle);
+    if (extrasLoaded_.count(o->handle) && it != objects_.end()) {
+      *o = it->second;
+      return;
+    }
+  }
+  uint64_t puoid = 0;
+  if (puoidWorks_ && PropertySupportedLocked(device, LIBMTP_PROPERTY_PersistantUniqueObjectIdentifier, o->formatCode)) {
+    puoid = LIBMTP_Get_u64_From_Object(device, o->handle, LIBMTP_PROPERTY_PersistantUniqueObjectIdentifier, 0);
+    if (puoid == 0) puoidWorks_ = false;  // one silent answer: the device does not keep them
+  }
+  o->persistentId = puoid ? PersistentIdFromDevice(puoid) : PersistentIdFallback(facts_.serialNumber, o->storageId, o->handle);
+  if (PropertySupportedLocked(device, LIBMTP_PROPERTY_ProtectionStatus, o->formatCode)) {
+    o->hasProtection = true;
+    o->protectionStatus = LIBMTP_Get_u16_From_Object(device, o->handle, LIBMTP_PROPERTY_ProtectionStatus, 0);
+  }
+  if (PropertySupportedLocked(device, LIBMTP_PROPERTY_Hidden, o->formatCode)) {
+    o->hasHidden = true;
+    o->hidden = LIBMTP_Get_u16_From_Object(device, o->handle, LIBMTP_PROPERTY_Hidden, 0) != 0;
+  }
+  if (PropertySupportedLocked(device, LIBMTP_PROPERTY_DateCreated, o->formatCode)) {
+    char* text = LIBMTP_Get_String_From_Object(device, o->handle, LIBMTP_PROPERTY_DateCreated);
+    int64_t t = 0;
+    if (text && ParseMtpDate(text, &t)) {
+      o->hasCreated = true;
+      o->created = t;
+    }
+    std::free(text);
+  }
+  LIBMTP_Clear_Errorstack(device);
+  std::lock_guard<std::mutex> c(cacheMutex_);
+  objects_[o->handle] = *o;
+  extrasLoaded_[o->handle] = true;
+}
+
+HRESULT MtpSession::ChildrenLocked(LIBMTP_mtpdevice_t* device, uint32_t storageId, uint32_t parentHandle,
+                                   std::vector<MtpObjectFacts>* children) {
+  children->clear();
+  LIBMTP_Clear_Errorstack(device);
+  LIBMTP_file_t* list = LIBMTP_Get_Files_And_Folders(device, storageId, parentHandle);
+  if (!list && LIBMTP_Get_Errorstack(device))
+    return FailedLocked(device, "MT7@MtpSession::ChildrenLocked: ", "LIBMTP_Get_Files_And_Folders");
+  while (list) {
+    LIBMTP_file_t* next = list->next;
+    children->push_back(FactsOf(*list));
+    LIBMTP_destroy_file_t(list);
+    list = next;
+  }
+  for (const auto& c : *children) CacheObject(c);
+  return S_OK;
+}
+
+void MtpSession::CacheObject(const MtpObjectFacts& object) {
+  std::lock_guard<std::mutex> c(cacheMutex_);
+  auto it = objects_.find(object.handle);
+  if (it != objects_.end() && extrasLoaded_.count(object.handle)) {
+    // Keep what only the extra reads know.
+    MtpObjectFacts merged = object;
+    merged.persistentId = it->second.persistentId;
+    merged.hasProtection = it->second.hasProtection;
+    merged.protectionStatus = it->second.protectionStatus;
+    merged.hasHidden = it->second.hasHidden;
+    merged.hidden = it->second.hidden;
+    merged.hasCreated = it->second.hasCreated;
+    merged.created = it->second.created;
+    it->second = merged;
+    return;
+  }
+  objects_[object.handle] = object;
+}
+
+void MtpSession::ForgetObject(uint32_t handle) {
+  std::lock_guard<std::mutex> c(cacheMutex_);
+  objects_.erase(handle);
+  extrasLoaded_.erase(handle);
+}
+
+bool MtpSession::CachedObject(uint32_t handle, MtpObjectFacts* object) {
+  std::lock_guard<std::mutex> c(cacheMutex_);
+  auto it = objects_.find(handle);
+  if (it == objects_.end()) return false;
+  *object = it->second;
+  return true;
+}
+
+HRESULT MtpSession::Advise(std::shared_ptr<IPortableDeviceEventCallback> sink, std::string* cookie) {
+  if (!sink || !cookie) return E_POINTER;
+  std::lock_guard<std::mutex> l(sinksMutex_);
+  *cookie = "mtp-sink-" + std::to_string(nextCookie_++);
+  sinks_[*cookie] = std::move(sink);
+  return S_OK;
+}
+
+HRESULT MtpSession::Unadvise(const std::string& cookie) {
+  std::unique_lock<std::mutex> l(sinksMutex_);
+  if (!sinks_.erase(cookie)) return E_INVALIDARG;
+  // Let a delivery in progress end, unless it is this very thread's.
+  if (deliveryThread_ == std::this_thread::get_id()) return S_OK;
+  deliveryDone_.wait_for(l, std::chrono::seconds(5), [&] { return delivering_ == 0; });
+  return S_OK;
+}
+
+void MtpSession::Deliver(const PortableDeviceValues& parameters) {
+  std::vector<std::shared_ptr<IPortableDeviceEventCallback>> sinks;
+  {
+    std::lock_guard<std::mutex> l(sinksMutex_);
+    for (const auto& [cookie, sink] : sinks_) sinks.push_back(sink);
+    ++delivering_;
+    deliveryThread_ = std::this_thread::get_id();
+  }
+  for (const auto& sink : sinks) {
+    try {
+      sink->OnEvent(parameters);
+    } catch (...) {
+      Trace("MT8@MtpSession::Deliver: ", "event sink threw; ignored");
+    }
+  }
+  sinks.clear();
+  std::lock_guard<std::mutex> l(sinksMutex_);
+  --delivering_;
+  deliveryThread_ = std::thread::id();
+  deliveryDone_.notify_all();
+}
+
+PortableDeviceValues MtpSession::EventParametersFor(const GUID& eventId, const MtpObjectFacts& object) {
+  PortableDeviceValues values;
+  BuildObjectValues(object, StorageAccess(object.storageId), &values);
+  if (object.persistentId.empty())
+    values.SetStringValue(WPD_OBJECT_PERSISTENT_UNIQUE_ID,
+                          PersistentIdFallback(facts_.serialNumber, object.storageId, object.handle));
+  return ObjectEventParameters(eventId, pnpId_, values);
+}
+
+void MtpSession::Announce(const GUID& eventId, const MtpObjectFacts& object) {
+  {
+    std::lock_guard<std::mutex> c(cacheMutex_);
+    auto now = std::chrono::steady_clock::now();
+    for (auto it = announced_.begin(); it != announced_.end();)
+      it = now - it->second > kEchoWindow ? announced_.erase(it) : std::next(it);
+    announced_[{EventKind(eventId), object.handle}] = now;
+  }
+  if (pump_) pump_->Post(EventParametersFor(eventId, object));
+}
+
+void MtpSession::AnnounceRemoved(const MtpObjectFacts& object) { Announce(WPD_EVENT_OBJECT_REMOVED, object); }
+
+bool MtpSession::IsEchoOfAnnounced(const GUID& eventId, uint32_t handle) {
+  std::lock_guard<std::mutex> c(cacheMutex_);
+  auto it = announced_.find({EventKind(eventId), handle});
+  if (it == announced_.end()) return false;
+  bool echo = std::chrono::steady_clock::now() - it->second <= kEchoWindow;
+  announced_.erase(it);
+  return echo;
+}
+
+}  // namespace qb::portable::mtp
+#endif  // QUILLBOX_HAVE_LIBMTP

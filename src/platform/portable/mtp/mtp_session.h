@@ -1,0 +1,144 @@
+#pragma once
+// One opened MTP device: the libmtp handle and everything the parts of the
+// back end share (device lock, facts, storages, object cache, event sinks).
+//
+// Lock order: device_ (the device lock: every libmtp call on this device
+// runs under it, libmtp is not thread-safe per device) is taken before
+// cacheMutex_ and sinksMutex_; those two are leaves. No lock is held while a
+// sink runs. The device lock is always taken with a limit (kLockWait).
+#ifdef QUILLBOX_HAVE_LIBMTP
+#include <libmtp.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/portable/mtp/mtp_ids.h"
+#include "platform/portable/mtp/mtp_values.h"
+#include "platform/portable/portable.h"
+
+namespace qb::portable::mtp {
+
+class MtpEventPump;
+
+// How long a call waits for the device lock before it answers E_ERROR_BUSY.
+inline constexpr std::chrono::milliseconds kLockWait{10000};
+// The transfer size the streams announce.
+inline constexpr uint32_t kOptimalBufferSize = 256 * 1024;
+
+class MtpSession {
+ public:
+  ~MtpSession();
+  // Finds the device on USB and opens it. E_ERROR_NOT_FOUND when it is not
+  // there, E_ERROR_BUSY when another program holds it.
+  static HRESULT Open(const std::string& pnpId, bool readOnly, std::shared_ptr<MtpSession>* out);
+  // Stops the event pump and releases the device; later calls fail offline.
+  void Close();
+
+  // ---- set once at Open, no lock needed ----
+  const std::string& PnpId() const { return pnpId_; }
+  bool ReadOnly() const { return readOnly_; }
+  bool CanMove() const { return canMove_; }
+  bool CanReadPartial() const { return canReadPartial_; }
+  const MtpDeviceFacts& Facts() const { return facts_; }
+
+  // The device lock. On success `lock` owns it and *device is the handle.
+  // WIA_ERROR_OFFLINE when the device is gone or closed, E_ERROR_BUSY when
+  // the lock did not come within `wait`.
+  HRESULT Acquire(std::unique_lock<std::timed_mutex>* lock, LIBMTP_mtpdevice_t** device,
+                  std::chrono::milliseconds wait = kLockWait);
+  // After a failed libmtp call (device lock held): drains the error stack
+  // into trace lines under `tag`, maps it, and turns a vanished device into
+  // WIA_ERROR_OFFLINE (and the removal event). Never S_OK.
+  HRESULT FailedLocked(LIBMTP_mtpdevice_t* device, const char* tag, const char* what);
+  bool Offline() const { return offline_.load(); }
+  // True while the USB device still sits where it was opened.
+  bool StillPlugged() const;
+  // Marks the device gone; the first call raises WPD_EVENT_DEVICE_REMOVED.
+  void MarkOffline();
+
+  // ---- storages (device lock held) ----
+  HRESULT StoragesLocked(LIBMTP_mtpdevice_t* device, std::vector<MtpStorageFacts>* storages);
+  HRESULT StorageLocked(LIBMTP_mtpdevice_t* device, uint32_t storageId, MtpStorageFacts* storage);
+  uint16_t StorageAccess(uint32_t storageId);  // from the last storage read
+  std::vector<MtpStorageFacts> CachedStorages();
+  bool AnyStorageWritable();
+
+  // ---- objects (device lock held) ----
+  // The object from the cache, else from the device. E_ERROR_NOT_FOUND.
+  HRESULT ObjectLocked(LIBMTP_mtpdevice_t* device, uint32_t handle, MtpObjectFacts* object);
+  // Adds the properties that need a request of their own (persistent id,
+  // protection, hidden, creation date) once per object.
+  void LoadExtrasLocked(LIBMTP_mtpdevice_t* device, MtpObjectFacts* object);
+  // Children of a storage root (parentHandle LIBMTP_FILES_AND_FOLDERS_ROOT)
+  // or folder; the cache learns each.
+  HRESULT ChildrenLocked(LIBMTP_mtpdevice_t* device, uint32_t storageId, uint32_t parentHandle,
+                         std::vector<MtpObjectFacts>* children);
+  bool PropertySupportedLocked(LIBMTP_mtpdevice_t* device, LIBMTP_property_t property, uint16_t formatCode);
+  void CacheObject(const MtpObjectFacts& object);
+  void ForgetObject(uint32_t handle);
+  bool CachedObject(uint32_t handle, MtpObjectFacts* object);
+  static MtpObjectFacts FactsOf(const LIBMTP_file_t& file);
+
+  // ---- events ----
+  HRESULT Advise(std::shared_ptr<IPortableDeviceEventCallback> sink, std::string* cookie);
+  HRESULT Unadvise(const std::string& cookie);
+  void Deliver(const PortableDeviceValues& parameters);
+  // A change made through us: queued for the event thread, and the device's
+  // own echo of it (same handle and kind, within a few seconds) is dropped.
+  void Announce(const GUID& eventId, const MtpObjectFacts& object);
+  void AnnounceRemoved(const MtpObjectFacts& object);
+  // True when the device's event for `handle` repeats one we announced.
+  bool IsEchoOfAnnounced(const GUID& eventId, uint32_t handle);
+  PortableDeviceValues EventParametersFor(const GUID& eventId, const MtpObjectFacts& object);
+
+ private:
+  MtpSession() = default;
+  HRESULT OpenRaw(LIBMTP_raw_device_t* raw);
+  void ReadFacts(const std::string& usbProduct);
+
+  // ---- set once ----
+  std::string pnpId_;
+  bool readOnly_ = false;
+  bool canMove_ = false;
+  bool canReadPartial_ = false;
+  uint32_t busNumber_ = 0;
+  uint32_t deviceAddress_ = 0;
+  uint16_t vendorId_ = 0;
+  uint16_t productId_ = 0;
+  MtpDeviceFacts facts_;
+  std::unique_ptr<MtpEventPump> pump_;
+
+  // ---- changed under device_ ----
+  std::timed_mutex device_;
+  LIBMTP_mtpdevice_t* handle_ = nullptr;
+  std::map<std::pair<int, uint16_t>, bool> propertySupport_;
+  bool puoidWorks_ = true;  // cleared when the device answers without one
+
+  std::atomic<bool> offline_{false};
+  std::atomic<bool> removedRaised_{false};
+
+  // ---- changed under cacheMutex_ ----
+  std::mutex cacheMutex_;
+  std::map<uint32_t, MtpObjectFacts> objects_;
+  std::map<uint32_t, bool> extrasLoaded_;
+  std::vector<MtpStorageFacts> storages_;
+  std::map<std::pair<uint32_t, uint32_t>, std::chrono::steady_clock::time_point> announced_;  // (kind, handle)
+
+  // ---- changed under sinksMutex_ ----
+  std::mutex sinksMutex_;
+  std::condition_variable deliveryDone_;
+  std::map<std::string, std::shared_ptr<IPortableDeviceEventCallback>> sinks_;
+  uint64_t nextCookie_ = 1;
+  int delivering_ = 0;
+  std::thread::id deliveryThread_;
+};
+
+}  // namespace qb::portable::mtp
+#endif  // QUILLBOX_HAVE_LIBMTP

@@ -1,0 +1,120 @@
+// The library's helpers: wildcard rules, create-flag mapping, the status
+// table, mount-point letters and the node table.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "platform/dokan/dokan.h"
+#include "platform/dokan/dokan_linux.h"
+#include "platform/dokan/node_table.h"
+#include "platform/dokan/status_errno.h"
+
+namespace {
+
+TEST(DokanNameExpression, FollowsTheWindowsWildcardRules) {
+  struct Case {
+    const char* expr;
+    const char* name;
+    bool match;
+  } cases[] = {
+      {"*", "", true},          {"*", "a.jpg", true},        {"*.jpg", "A.JPG", true},
+      {"*.jpg", "a.jpeg", false}, {"?.txt", "a.txt", true},  {"?.txt", "ab.txt", false},
+      {"a*b*c", "aXbYbZc", true}, {"a*b*c", "aXbYbZ", false}, {"*pg", "ppg", true},
+      {"\\DCIM\\*", "\\dcim\\a.jpg", true},
+      // DOS forms: < stops before the last dot, > is one character or none
+      // at a dot, " is a dot or the end.
+      {"<.txt", "a.b.txt", true}, {"<", "a.b", false},       {"<.*", "a.b", true},
+      {"a>>.txt", "a.txt", true}, {"a>>.txt", "abc.txt", true}, {"a>.txt", "abc.txt", false},
+      {"abc\"", "abc", true},    {"abc\"", "abc.", true},     {"abc\"", "abcd", false},
+      {"\xC3\x84*", "\xC3\xA4pfel", true},  // Ä matches ä when case is ignored
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(c.match ? TRUE : FALSE, DokanIsNameInExpression(c.expr, c.name, TRUE))
+        << c.expr << " / " << c.name;
+  EXPECT_FALSE(DokanIsNameInExpression("*.JPG", "a.jpg", FALSE));
+  EXPECT_FALSE(DokanIsNameInExpression(nullptr, "a", TRUE));
+}
+
+TEST(DokanCreateFlags, MapBackToWhatCreateFileWasAskedFor) {
+  ACCESS_MASK access = 0;
+  DWORD flags = 0, disposition = 0;
+  const struct {
+    ULONG kernel;
+    DWORD win32;
+  } dispositions[] = {{FILE_CREATE, CREATE_NEW},        {FILE_OPEN, OPEN_EXISTING},
+                      {FILE_OPEN_IF, OPEN_ALWAYS},      {FILE_OVERWRITE, TRUNCATE_EXISTING},
+                      {FILE_OVERWRITE_IF, CREATE_ALWAYS}, {FILE_SUPERSEDE, CREATE_ALWAYS}};
+  for (const auto& d : dispositions) {
+    DokanMapKernelToUserCreateFileFlags(0, 0, 0, d.kernel, nullptr, nullptr, &disposition);
+    EXPECT_EQ(d.win32, disposition) << d.kernel;
+  }
+  DokanMapKernelToUserCreateFileFlags(FILE_GENERIC_READ | FILE_GENERIC_WRITE,
+                                      FILE_ATTRIBUTE_READONLY,
+                                      FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT |
+                                          FILE_OPEN_FOR_BACKUP_INTENT,
+                                      FILE_OPEN, &access, &flags, &disposition);
+  EXPECT_EQ(GENERIC_READ | GENERIC_WRITE, access);
+  EXPECT_EQ(FILE_ATTRIBUTE_READONLY | FILE_FLAG_DELETE_ON_CLOSE | FILE_FLAG_BACKUP_SEMANTICS, flags);
+  // Specific rights that make up no generic right stay as they are.
+  DokanMapKernelToUserCreateFileFlags(FILE_GENERIC_WRITE & ~FILE_WRITE_DATA, 0, 0, FILE_OPEN,
+                                      &access, &flags, nullptr);
+  EXPECT_EQ(FILE_GENERIC_WRITE & ~FILE_WRITE_DATA, access);
+  EXPECT_EQ(FILE_FLAG_OVERLAPPED, flags);  // no synchronous I/O asked for
+  DokanMapKernelToUserCreateFileFlags(FILE_ALL_ACCESS, 0, 0, FILE_OPEN, &access, nullptr, nullptr);
+  EXPECT_EQ(GENERIC_ALL | GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE,
+            access & (GENERIC_ALL | GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE));
+}
+
+TEST(DokanStatusTable, MapsEveryAnswerToOneErrno) {
+  using qb::dokan::ErrnoOfStatus;
+  EXPECT_EQ(0, ErrnoOfStatus(STATUS_SUCCESS));
+  EXPECT_EQ(0, ErrnoOfStatus(0x00000103));  // informational statuses are successes
+  EXPECT_EQ(ENOENT, ErrnoOfStatus(STATUS_OBJECT_NAME_NOT_FOUND));
+  EXPECT_EQ(ENOENT, ErrnoOfStatus(STATUS_OBJECT_PATH_NOT_FOUND));
+  EXPECT_EQ(EEXIST, ErrnoOfStatus(STATUS_OBJECT_NAME_COLLISION));
+  EXPECT_EQ(EACCES, ErrnoOfStatus(STATUS_ACCESS_DENIED));
+  EXPECT_EQ(ENOSPC, ErrnoOfStatus(STATUS_DISK_FULL));
+  EXPECT_EQ(ENOTEMPTY, ErrnoOfStatus(STATUS_DIRECTORY_NOT_EMPTY));
+  EXPECT_EQ(ENOTDIR, ErrnoOfStatus(STATUS_NOT_A_DIRECTORY));
+  EXPECT_EQ(EISDIR, ErrnoOfStatus(STATUS_FILE_IS_A_DIRECTORY));
+  EXPECT_EQ(EBUSY, ErrnoOfStatus(STATUS_DEVICE_NOT_READY));
+  EXPECT_EQ(EOPNOTSUPP, ErrnoOfStatus(STATUS_NOT_SUPPORTED));
+  EXPECT_EQ(EOPNOTSUPP, ErrnoOfStatus(STATUS_NOT_IMPLEMENTED));  // never ENOSYS
+  EXPECT_EQ(EIO, ErrnoOfStatus(STATUS_UNSUCCESSFUL));
+  EXPECT_EQ(EIO, ErrnoOfStatus(static_cast<NTSTATUS>(0xC0001234u)));
+}
+
+TEST(DokanMountPoint, OnlyALetterNamesADrive) {
+  using qb::dokan::LetterOfMountPoint;
+  EXPECT_EQ('X', LetterOfMountPoint("X:\\"));
+  EXPECT_EQ('X', LetterOfMountPoint("x:"));
+  EXPECT_EQ('X', LetterOfMountPoint("x"));
+  EXPECT_EQ(0, LetterOfMountPoint(""));
+  EXPECT_EQ(0, LetterOfMountPoint("1:\\"));
+  EXPECT_EQ(0, LetterOfMountPoint("XY"));
+  EXPECT_EQ(0, LetterOfMountPoint("X:\\dir"));
+  EXPECT_EQ(0, LetterOfMountPoint("\\\\server\\share"));
+}
+
+TEST(DokanNodeTable, PathsFollowRenamesAndNodesGoWhenForgotten) {
+  qb::dokan::NodeTable t;
+  const uint64_t a = t.Obtain(qb::dokan::NodeTable::kRoot, "A", true);
+  const uint64_t b = t.Obtain(a, "b.txt", true);
+  EXPECT_EQ("\\A\\b.txt", t.PathOf(b).value_or(""));
+  EXPECT_EQ(b, t.Obtain(a, "b.txt", true));  // same name, same node
+  const uint64_t c = t.Obtain(qb::dokan::NodeTable::kRoot, "C", true);
+  t.Renamed(qb::dokan::NodeTable::kRoot, "A", c, "D");
+  EXPECT_EQ("\\C\\D\\b.txt", t.PathOf(b).value_or(""));
+  t.Forget(a, 1);  // its child still holds it
+  EXPECT_TRUE(t.PathOf(b).has_value());
+  t.Forget(b, 2);
+  EXPECT_FALSE(t.PathOf(b).has_value());
+  EXPECT_FALSE(t.PathOf(a).has_value());  // went with its last child
+  EXPECT_EQ(0u, t.Find(c, "D"));
+  EXPECT_EQ(0u, t.Obtain(12345, "x", true));  // unknown parent
+  t.Unlinked(qb::dokan::NodeTable::kRoot, "C");
+  EXPECT_EQ("\\C", t.PathOf(c).value_or(""));  // an open file keeps its last path
+  EXPECT_EQ(0u, t.Find(qb::dokan::NodeTable::kRoot, "C"));
+}
+
+}  // namespace
