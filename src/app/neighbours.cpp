@@ -15,6 +15,7 @@
 #include "platform/dokan/dokan.h"
 #include "platform/dokan/dokan_linux.h"
 #include "platform/system/paths.h"
+#include "settings/profiles.h"
 #include "settings/settings.h"
 
 namespace qb::app::nb {
@@ -70,7 +71,7 @@ uint32_t Flags() { return Registry_Get_Flags(); }
 
 bool CopyMachineDefaults() {
   bool copied = Registry_CopyMachineDefaults();
-  // The machine's default profile follows with the profiles layer.
+  CopyMachineProfileDefaults();
   return copied;
 }
 
@@ -102,16 +103,44 @@ std::string InstallFolder() {
 }
 
 // ---- device profiles ----
-// The profiles layer is not there yet: no device has a profile, so nothing
-// is mapped automatically and no alias matches.
+
 ProfileInfo ReadProfile(const std::string& friendlyName, const std::string& serial) {
   ProfileInfo p;
   p.friendlyName = friendlyName;
   p.serialNumber = serial;
+  ProfileRequest request;
+  request.sFriendlyName = friendlyName.c_str();
+  request.sSerialNumber = serial.c_str();
+  request.sAlias = &p.alias;
+  request.nAliasCapacity = 21;
+  DWORD autoMap = 0, ignore = 0;
+  request.pdwAutoMap = &autoMap;
+  request.pdwIgnore = &ignore;
+  request.bFallBackToDefault = true;
+  p.found = ::ReadProfile(&request, false);
+  p.autoMap = autoMap;
+  p.ignore = ignore;
   return p;
 }
 
-std::vector<ProfileInfo> AllProfiles() { return {}; }
+std::vector<ProfileInfo> AllProfiles() {
+  std::vector<ProfileInfo> out;
+  PtrList<ProfileSummary> list;
+  if (!EnumerateProfiles(&list)) return out;
+  for (uint32_t i = 0; i < list.Count(); ++i) {
+    const ProfileSummary* s = list.Get(i);
+    if (!s || s->bDefault) continue;
+    ProfileInfo p;
+    p.found = true;
+    p.friendlyName = s->sFriendlyName;
+    p.serialNumber = s->sSerialNumber;
+    p.alias = s->sAlias;
+    p.autoMap = s->dwAutoMap;
+    p.ignore = s->dwIgnore;
+    out.push_back(p);
+  }
+  return out;
+}
 
 // ---- trace log ----
 

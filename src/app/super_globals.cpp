@@ -1,8 +1,10 @@
 #include "app/super_globals.h"
 
 #include <dirent.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cinttypes>
 #include <cstring>
 #include <filesystem>
@@ -51,6 +53,13 @@ void TouchDriveRoot(char letter) {
 bool PerProcessLogApplies(uint32_t flags) {
   if (!(flags & 0x20)) return false;
   return EqualsNoCaseAZ(sys::ExecutablePath().filename().string(), "quillbox");
+}
+
+bool AnyLiveSlot(const CSharedHandle& table) {
+  for (int i = 0; i < CSharedHandle::kSlots; ++i)
+    if (table.hHandles[i] && (kill(static_cast<pid_t>(table.dwProcessIds[i]), 0) == 0 || errno != ESRCH))
+      return true;
+  return false;
 }
 
 }  // namespace
@@ -128,7 +137,6 @@ void CSuperGlobals::AttachToSharedLog() {
 }
 
 bool CSuperGlobals::InstallationCheck() {
-  const char* title = nullptr;
   std::string text;
   int version = nb::DokanVersion();
   int driver = nb::DokanDriverVersion();
@@ -142,9 +150,7 @@ bool CSuperGlobals::InstallationCheck() {
     return true;
   }
   Trace("G11@CSuperGlobals::InstallationCheck: ", "%s (%d, %d)", text.c_str(), version, driver);
-  std::string caption = nb::TitleError();
-  (void)title;
-  ui::MessageBox(caption, text, ui::Icon::kWarning, ui::Buttons::kOk, ui::Answer::kOk, false);
+  ui::MessageBox(nb::TitleError(), text, ui::Icon::kWarning, ui::Buttons::kOk, ui::Answer::kOk, false);
   return false;
 }
 
@@ -171,8 +177,9 @@ void CSuperGlobals::ReleaseLogHandles() {
   if (m_pLogMutex) {
     uint64_t handle = reinterpret_cast<uintptr_t>(m_pLogMutex);
     m_pView->shLogMutex.Remove(handle);
-    // The last user removes the semaphore's name with the table's last slot.
-    if (m_pView->shLogMutex.Count() == 0) sys::NamedMutex::Remove(m_pLogMutex->Name());
+    // The last user removes the semaphore's name with the table's last live
+    // slot (slots of instances that died hold nothing any more).
+    if (!AnyLiveSlot(m_pView->shLogMutex)) sys::NamedMutex::Remove(m_pLogMutex->Name());
     CSharedHandle::CloseMutex(handle);
     m_pLogMutex = nullptr;
   }

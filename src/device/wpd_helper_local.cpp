@@ -66,6 +66,9 @@ HRESULT CWPDHelperLocal::_InitLocked() {
     return TraceReturn(tag, m_hrInit, 2);
   }
   const HRESULT hr = m_hrInit;
+  // A worker whose start failed is ending on its own: let it finish so that
+  // its thread is joined and its exit code kept.
+  if (m_pState && !m_pState->bAbandoned) m_pState->WaitEnded(std::chrono::milliseconds(1000));
   for (auto& req : m_carryOver) req->SetDone(E_FAIL);
   m_carryOver.clear();
   Cleanup();

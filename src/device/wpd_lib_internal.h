@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 
+#include "device/busy_retry.h"
 #include "device/trace_lines.h"
 #include "device/wpd_lib.h"
 #include "platform/portable/portable.h"
@@ -34,27 +35,6 @@ struct WpdLibPlatform {
 std::shared_ptr<qbp::IPortableDevice> WpdLib_OpenedDevice(WpdLibContext* c);
 // Content interface of the opened device; E_INVALIDARG without one.
 HRESULT WpdLib_Content(WpdLibContext* c, std::shared_ptr<qbp::IPortableDeviceContent>* content);
-
-// Runs `call` until it answers something else than busy, at most
-// kWpdBusyAttempts times, the context's retry delay apart; traces
-// "Busy, retrying..." under `tag`. *pAttempts receives the number made.
-template <class Call>
-HRESULT WpdLib_RetryWhileBusy(WpdLibContext* c, const char* tag, Call&& call,
-                              int* pAttempts = nullptr) {
-  HRESULT hr = E_ERROR_BUSY;
-  int attempt = 0;
-  while (attempt < kWpdBusyAttempts) {
-    ++attempt;
-    hr = call();
-    if (hr != E_ERROR_BUSY) break;
-    WpdLib_NoteActivity(c);
-    if (attempt == kWpdBusyAttempts) break;  // the 21st answer is not asked for
-    Trace(tag, "Busy, retrying...");
-    std::this_thread::sleep_for(std::chrono::milliseconds(c ? c->dwBusyRetryDelayMs : 0));
-  }
-  if (pAttempts) *pAttempts = attempt;
-  return hr;
-}
 
 // The text of a property value as the property lists show it; false when
 // the value is not listed (an empty string, an unknown type).

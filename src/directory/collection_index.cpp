@@ -77,7 +77,13 @@ DirectoryItem* CollectionIndex::FindByFullName(std::string_view name, const Acce
   return Find(byFullName_, name, [](const DirectoryItem* i) { return &i->sFullName; }, accept);
 }
 
+void CollectionIndex::NoteDeleted(DirectoryItem* item) {
+  std::lock_guard<std::mutex> lock(deletedMutex_);
+  deleted_.emplace(item->links.order, item);
+}
+
 DirectoryItem* CollectionIndex::FirstDeleted() {
+  std::lock_guard<std::mutex> lock(deletedMutex_);
   while (!deleted_.empty()) {
     DirectoryItem* item = deleted_.begin()->second;
     if (item->bDeleted) return item;

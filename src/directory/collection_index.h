@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <string_view>
 
 #include "directory/directory.h"
@@ -39,7 +40,7 @@ class CollectionIndex {
 
   // First record in list order whose bDeleted is set, or null.
   DirectoryItem* FirstDeleted();
-  void NoteDeleted(DirectoryItem* item) { deleted_.emplace(item->links.order, item); }
+  void NoteDeleted(DirectoryItem* item);
 
  private:
   using Map = FlatHashIndex<DirectoryItem*>;
@@ -49,7 +50,11 @@ class CollectionIndex {
   Map byItemID_;
   Map byUniqueID_;
   Map byFullName_;
-  std::map<int64_t, DirectoryItem*> deleted_;  // candidates; checked when asked
+  // Records flagged deleted, checked when asked. Guarded by its own mutex:
+  // a flag may be set by a drive operation that holds the drive lock only
+  // for reading. Innermost lock; nothing is called while it is held.
+  std::mutex deletedMutex_;
+  std::map<int64_t, DirectoryItem*> deleted_;
   int64_t front_ = 0;
   int64_t back_ = 0;
 };

@@ -91,7 +91,9 @@ void SplitInto(const char* text, CDirectory::StringList* list) {
 // Item record
 
 DirectoryItem::DirectoryItem() = default;
-DirectoryItem::~DirectoryItem() = default;
+// The sub-tree uses subDirLock, which is declared after it: free the
+// sub-tree first.
+DirectoryItem::~DirectoryItem() { pSubDir.reset(); }
 
 // ---------------------------------------------------------------------------
 // Construction and teardown

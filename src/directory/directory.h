@@ -99,8 +99,9 @@ struct DirectoryItem {
   uint32_t bDownloading = 0;
   uint64_t ullAlreadyDownloaded = 0;
   uint64_t ullAlreadyUploaded = 0;
-  // Created and closed by the read path; guards pRegionsToDownload during a download.
-  std::shared_ptr<std::mutex> hRegionsToDownloadMutex;
+  // Created and closed by the read path; guards pRegionsToDownload during a
+  // download (a timed mutex, so that every wait on it can have a limit).
+  std::unique_ptr<std::timed_mutex> hRegionsToDownloadMutex;
   std::unique_ptr<DownloadRegionList> pRegionsToDownload;  // created empty with the item
   std::optional<std::string> sItemID;  // device object id, or a provisional "DMYID..." id; may be absent
   std::string sUniqueName;             // key of the file for virtual naming

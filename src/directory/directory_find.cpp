@@ -35,6 +35,8 @@ void ReplaceFirst(std::string* field, size_t capacity, const char* from, const c
   CopyField(field, capacity, changed);
 }
 
+uint32_t Low32(const void* p) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(p)); }
+
 CollectionIndex::Accept LiveOr(int includeDeleted) {
   if (includeDeleted) return nullptr;
   return [](const DirectoryItem* item) { return !item->bDeleted; };
@@ -43,33 +45,47 @@ CollectionIndex::Accept LiveOr(int includeDeleted) {
 }  // namespace
 
 DirectoryItem* CDirectory::FindFileByItemID(const char* itemID, int includeDeleted) const {
-  if (!itemID) return nullptr;
-  const auto accept = LiveOr(includeDeleted);
-  for (int c = 0; c < 3; ++c) {
-    if (const CollectionIndex* index = Index(c))
-      if (DirectoryItem* item = index->FindByItemID(itemID, accept)) return item;
+  static const char* kTag = "D15@CDirectory::FindFileByItemID: ";
+  qb::directory::TraceEnter(kTag);
+  DirectoryItem* found = nullptr;
+  if (itemID) {
+    const auto accept = LiveOr(includeDeleted);
+    for (int c = 0; c < 3 && !found; ++c)
+      if (const CollectionIndex* index = Index(c)) found = index->FindByItemID(itemID, accept);
   }
-  return nullptr;
+  Trace(kTag, "RETURN: 0x%08X", Low32(found));
+  return found;
 }
 
 DirectoryItem* CDirectory::FindFileByUniqueID(const char* uniqueID, int includeDeleted) const {
-  if (!uniqueID) return nullptr;
-  const auto accept = LiveOr(includeDeleted);
-  for (int c = 0; c < 2; ++c) {
-    if (const CollectionIndex* index = Index(c))
-      if (DirectoryItem* item = index->FindByUniqueID(uniqueID, accept)) return item;
+  static const char* kTag = "D16@CDirectory::FindFileByUniqueID: ";
+  qb::directory::TraceEnter(kTag);
+  DirectoryItem* found = nullptr;
+  if (uniqueID) {
+    const auto accept = LiveOr(includeDeleted);
+    for (int c = 0; c < 2 && !found; ++c)
+      if (const CollectionIndex* index = Index(c)) found = index->FindByUniqueID(uniqueID, accept);
   }
-  return nullptr;
+  Trace(kTag, "RETURN: 0x%08X", Low32(found));
+  return found;
 }
 
 DirectoryItem* CDirectory::FindFirstEmptyItem() const {
+  static const char* kTag = "D17@CDirectory::FindFirstEmptyItem: ";
+  qb::directory::TraceEnter(kTag);
   CollectionIndex* index = Index(0);
-  return index ? index->FirstDeleted() : nullptr;
+  DirectoryItem* found = index ? index->FirstDeleted() : nullptr;
+  Trace(kTag, "RETURN: 0x%08X", Low32(found));
+  return found;
 }
 
 DirectoryItem* CDirectory::FindFirstEmptyDirItem() const {
+  static const char* kTag = "D18@CDirectory::FindFirstEmptyDirItem: ";
+  qb::directory::TraceEnter(kTag);
   CollectionIndex* index = Index(1);
-  return index ? index->FirstDeleted() : nullptr;
+  DirectoryItem* found = index ? index->FirstDeleted() : nullptr;
+  Trace(kTag, "RETURN: 0x%08X", Low32(found));
+  return found;
 }
 
 DirectoryItem* CDirectory::FindItemByFullName(int collection, const char* fullName,
@@ -222,5 +238,8 @@ void CDirectory::SetFullName(DirectoryItem* item, const std::string& fullName) {
   CollectionIndex* index = Index(item->links.collection);
   if (index) index->Unfile(item);
   item->sFullName = fullName;
+  // A short name fits in the string itself: give a longer one's buffer back
+  // (Sort renames every file).
+  if (item->sFullName.size() < 16 && item->sFullName.capacity() >= 16) item->sFullName.shrink_to_fit();
   if (index) index->File(item);
 }

@@ -232,7 +232,7 @@ int CDirectory::_MapFileName(std::string* out, size_t capacity, const char* uniq
 
   const size_t targetIndex = tables.AddTarget(target);
   if (targetIndex != sourceIndex) {
-    Trace(kMapTag, "Names out of sync: source=%s, target=%s", source.c_str(), target.c_str());
+    if (tag) Trace(tag, "Names out of sync: source=%s, target=%s", source.c_str(), target.c_str());
     return answer(0, 3);
   }
   tables.AddExtensionList(extension);

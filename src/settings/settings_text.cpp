@@ -28,8 +28,8 @@ bool MakeFolder(const std::string& path) {
   return std::filesystem::is_directory(path, ec);
 }
 
-// A configured root counts only as an absolute path (the drive part of the
-// design) whose folder exists or can be made.
+// A configured root counts only as an absolute path (where Windows asks for
+// a drive letter) whose folder exists or can be made.
 bool UsableRoot(const std::string& path) { return !path.empty() && path[0] == '/' && MakeFolder(path); }
 
 const char* ReadTextSetting(const char* tag, const char* name, std::string* buffer, size_t capacity) {

@@ -35,6 +35,13 @@ int FakeChild(int argc, char** argv) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   const char* mode = std::getenv("QB_FAKE_CHILD");
   std::string m = mode ? mode : "silent";
+  if (const char* log = std::getenv("QB_FAKE_CHILD_LOG")) {
+    if (FILE* f = std::fopen(log, "a")) {
+      for (int i = 1; i < argc; ++i) std::fprintf(f, "%s%s", i > 1 ? " " : "", argv[i]);
+      std::fprintf(f, "\n");
+      std::fclose(f);
+    }
+  }
   int event = -1;
   for (int i = 1; i + 1 < argc; ++i)
     if (std::strcmp(argv[i], "/e") == 0) event = static_cast<int>(std::strtoul(argv[i + 1], nullptr, 16));

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "app/launch.h"
 #include "app/run_process.h"
@@ -87,6 +88,40 @@ TEST_F(ChildLaunchTest, RelayedCodesKeepTheirMessages) {
     else
       EXPECT_EQ(r.err, "") << row.mode;
   }
+}
+
+TEST_F(ChildLaunchTest, AliasOfAProfileSelectsTheDeviceBySerial) {
+  qbtest::WriteHive(home_ / "user.reg", "HKEY_CURRENT_USER", "SOFTWARE\\Quillbox\\Profiles\\Test Phone\\SN-42",
+                    {"\"Alias\"=\"Sammy\""});
+  auto log = home_ / "child.log";
+  std::vector<std::string> argv = {qbtest::QuillboxPath().string(), "/ma", "sam*", "/sn", "SD card", "W:"};
+  auto r = qbtest::RunProgram(argv, 20s, {{"QB_FAKE_CHILD", "signal"}, {"QB_FAKE_CHILD_LOG", log.string()}});
+  ASSERT_TRUE(r.finished);
+  EXPECT_EQ(r.code, 0) << r.err;
+  std::ifstream f(log);
+  std::string line;
+  ASSERT_TRUE(std::getline(f, line));
+  EXPECT_NE(line.find("/l W /sn SD card W:"), std::string::npos) << line;
+  EXPECT_EQ(line.rfind("/i ", 0), 0u) << line;
+}
+
+TEST_F(ChildLaunchTest, StartupScanLaunchesDevicesWithAutoMap) {
+  qbtest::WriteHive(home_ / "user.reg", "HKEY_CURRENT_USER", "SOFTWARE\\Quillbox\\Profiles\\Test Phone\\SN-42",
+                    {"\"AutoMap\"=dword:00000001"});
+  auto log = home_ / "child.log";
+  std::vector<std::string> argv = {qbtest::QuillboxPath().string(), "/startup"};
+  auto r = qbtest::RunProgram(argv, 20s, {{"QB_FAKE_CHILD", "exit:0"}, {"QB_FAKE_CHILD_LOG", log.string()}});
+  ASSERT_TRUE(r.finished);
+  EXPECT_EQ(r.code, 0);
+  // The launch was started before the scan ended; wait for its line.
+  std::string line;
+  for (int i = 0; i < 500 && line.empty(); ++i) {
+    std::ifstream f(log);
+    std::getline(f, line);
+    if (line.empty()) std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_NE(line.find("/StiEvent:{A28BBADE-64B6-11D2-A231-00C04FA31809} /startup"), std::string::npos) << line;
+  EXPECT_EQ(line.rfind("/StiDevice:", 0), 0u) << line;
 }
 
 TEST_F(ChildLaunchTest, QuietParentShowsNothing) {

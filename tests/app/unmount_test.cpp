@@ -80,6 +80,10 @@ TEST_F(UnmountTest, HungServerIsRemovedByForce) {
   g.Init(false);
   ASSERT_TRUE(g.IsInitialized());
   EXPECT_FALSE(g.IsDriveMapped('w'));
+  // The server still waits in its hung request; end it so that this
+  // instance is the last and the section goes with it.
+  server_->Signal(SIGKILL);
+  EXPECT_TRUE(server_->Wait(10s, nullptr));
 }
 
 TEST_F(UnmountTest, SessionEndUnmountsTheServedDrive) {

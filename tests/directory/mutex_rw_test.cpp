@@ -1,5 +1,7 @@
 #include "directory/mutex_rw.h"
 
+#include "directory/directory.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -107,6 +109,26 @@ TEST(MutexRW, ScopedHoldersReleaseOnceAndToleratesNull) {
   CWriteLock none2(nullptr);
   EXPECT_FALSE(none.Held());
   EXPECT_FALSE(none2.Held());
+}
+
+}  // namespace
+
+namespace {
+
+// An add takes the tree's own lock for its duplicate check and insertion:
+// while someone holds it for writing the add waits, and it completes once
+// the lock is given back.
+TEST(TreeOwnLock, AddWaitsForAWriterAndCompletesAfterIt) {
+  CDirectory tree;
+  tree.GetLock()->WriteLock();
+  std::future<int> add = std::async(std::launch::async, [&] {
+    return tree.AddFile("a", "o1", "p", "jpg", 1, nullptr, "o1", "o1", "\\", 0, 1);
+  });
+  EXPECT_EQ(add.wait_for(kRefuse), std::future_status::timeout);
+  tree.GetLock()->WriteUnlock();
+  ASSERT_EQ(add.wait_for(kDeadline), std::future_status::ready);
+  EXPECT_EQ(add.get(), 1);
+  EXPECT_EQ(tree.m_pFiles->Count(), 1u);
 }
 
 }  // namespace

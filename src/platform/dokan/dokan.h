@@ -14,6 +14,7 @@
 #include "directory/find_data.h"  // WIN32_FIND_DATAW, FILE_ATTRIBUTE_*
 #include "platform/system/codes.h"
 #include "platform/system/wintypes.h"
+#include "platform/system/wpd_keys.h"  // GENERIC_READ, GENERIC_WRITE
 
 using BOOL = int;
 using BOOLEAN = uint8_t;
@@ -210,8 +211,6 @@ constexpr ACCESS_MASK STANDARD_RIGHTS_REQUIRED = 0x000F0000;
 constexpr ACCESS_MASK STANDARD_RIGHTS_READ = READ_CONTROL;
 constexpr ACCESS_MASK STANDARD_RIGHTS_WRITE = READ_CONTROL;
 constexpr ACCESS_MASK STANDARD_RIGHTS_EXECUTE = READ_CONTROL;
-constexpr ACCESS_MASK GENERIC_READ = 0x80000000u;
-constexpr ACCESS_MASK GENERIC_WRITE = 0x40000000u;
 constexpr ACCESS_MASK GENERIC_EXECUTE = 0x20000000u;
 constexpr ACCESS_MASK GENERIC_ALL = 0x10000000u;
 constexpr ACCESS_MASK FILE_GENERIC_READ =

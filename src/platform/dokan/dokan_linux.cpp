@@ -4,6 +4,7 @@
 #include <map>
 #include <mutex>
 
+#include "diag/trace.h"
 #include "platform/dokan/drive.h"
 #include "platform/dokan/letter_state.h"
 #include "platform/system/paths.h"
@@ -78,9 +79,12 @@ unsigned GetDriveType(char letter) {
 bool IsDriveLetterFree(char letter) { return GetDriveType(letter) < DRIVE_REMOVABLE; }
 
 bool ForceRemoveMountPoint(char letter) {
+  constexpr const char* kTag = "K6@ForceRemoveMountPoint: ";
   if (letter >= 'a' && letter <= 'z') letter = static_cast<char>(letter - 'a' + 'A');
-  if (letter < 'A' || letter > 'Z') return false;
-  return ForceUnmountLetter(letter);
+  Trace(kTag, "ENTER %c", letter);
+  const bool ok = letter >= 'A' && letter <= 'Z' && ForceUnmountLetter(letter);
+  Trace(kTag, "RETURN: RC=0x%08X", ok ? 1u : 0u);
+  return ok;
 }
 
 bool InvalidatePath(char letter, std::string_view path, uint32_t waitMs) {

@@ -144,12 +144,7 @@ void Drive::TearDown() {
   CloseRemainingOpens();
   if (auto m = FindMount(mountPoint_); m && m->minor == connection_)
     fuse_session_unmount(session_);
-  if (notifierGone_ && !notifierGone_->finished) {
-    // A notifier stuck in the kernel still uses the session: keep it.
-    Trace(kTag, "Notifier still busy; session kept");
-  } else {
-    fuse_session_destroy(session_);
-  }
+  fuse_session_destroy(session_);
   session_ = nullptr;
 }
 
@@ -160,8 +155,7 @@ void Drive::CloseRemainingOpens() {
     left.swap(opens_);
   }
   for (Open* open : left) {
-    std::string path;
-    if (PathOf(open->node, &path) != 0) path = "\\";
+    const std::string path = PathOrRoot(open->node);
     table_.Cleanup(path, &open->info);
     table_.Close(path, &open->info);
     delete open;
@@ -198,13 +192,15 @@ void Drive::StopNotifier() {
   }
   notifyWake_.notify_all();
   std::unique_lock lock(notifierGone_->mutex);
-  if (notifierGone_->done.wait_for(lock, kNotifierStopLimit, [&] { return notifierGone_->finished; })) {
-    lock.unlock();
-    notifier_.join();
-  } else {
-    lock.unlock();
-    notifier_.detach();
+  if (!notifierGone_->done.wait_for(lock, kNotifierStopLimit,
+                                    [&] { return notifierGone_->finished; })) {
+    // Only a notification that the kernel holds back can keep it: ending
+    // the connection makes the kernel give it back at once.
+    Trace(kTag, "Notifier of '%c' does not stop; ending connection %u", letter_, connection_);
+    AbortConnection(connection_);
   }
+  lock.unlock();
+  notifier_.join();
 }
 
 std::shared_ptr<InvalidationTicket> Drive::QueueInvalidation(const std::string& path) {

@@ -54,8 +54,10 @@ class Drive {
 
   std::shared_ptr<InvalidationTicket> QueueInvalidation(const std::string& path);
 
-  // Request translations: each answers 0 or an errno. Defined in
-  // drive_requests.cpp; the FUSE callbacks in fuse_bridge.cpp call them.
+  // Request translations: each answers 0 or an errno. Names and attributes
+  // in drive_requests.cpp, open files in drive_files.cpp, listings and the
+  // volume in drive_listing.cpp; the FUSE callbacks (fuse_bridge.cpp) call
+  // them.
   int Lookup(fuse_req_t req, uint64_t parent, const char* name, fuse_entry_param* e);
   void Forget(uint64_t node, uint64_t count) { nodes_.Forget(node, count); }
   int GetAttr(fuse_req_t req, uint64_t node, Open* open, struct stat* st);
@@ -112,7 +114,12 @@ class Drive {
   int QueryByPath(fuse_req_t req, const std::string& path, BY_HANDLE_FILE_INFORMATION* out);
   int ChildPath(uint64_t parent, const char* name, std::string* path) const;
   int PathOf(uint64_t node, std::string* path) const;
+  // The path of an open whose node went (the teardown): the root stands in.
+  std::string PathOrRoot(uint64_t node) const;
   void EntryOf(uint64_t node, const BY_HANDLE_FILE_INFORMATION& info, fuse_entry_param* e) const;
+  int TakeListing(fuse_req_t req, Open* open, const std::string& path);
+  size_t AddEntry(fuse_req_t req, Open* open, const WIN32_FIND_DATAW& entry, off_t next,
+                  bool plus, char* out, size_t room);
   int ApplySetAttr(const std::string& path, const struct stat* attr, int toSet,
                    DOKAN_FILE_INFO* info);
 
@@ -135,7 +142,7 @@ class Drive {
   std::deque<std::pair<std::string, std::shared_ptr<InvalidationTicket>>> notifyQueue_;
   bool notifyStop_ = false;
   std::thread notifier_;
-  std::shared_ptr<InvalidationTicket> notifierGone_;  // set when the notifier thread ends
+  std::shared_ptr<InvalidationTicket> notifierGone_;  // finished when the notifier thread ends
 };
 
 // The FUSE operation table of the bridge (fuse_bridge.cpp).

@@ -1,13 +1,14 @@
 // The device manager and device factory over every back end.
 #include <mutex>
 
+#include "platform/portable/mtp/mtp_backend.h"
 #include "platform/portable/portable.h"
 #include "platform/portable/sim_device.h"
 
 namespace qb::portable {
 namespace {
 
-// Lock: m_ guards ids_ only.
+// Lock: m_ guards ids_ and mtp_ only.
 class PortableDeviceManager : public IPortableDeviceManager {
  public:
   PortableDeviceManager() { RefreshDeviceList(); }
@@ -19,10 +20,15 @@ class PortableDeviceManager : public IPortableDeviceManager {
     return S_OK;
   }
 
+  // Simulated devices first, then the MTP devices on USB.
   HRESULT RefreshDeviceList() override {
     std::vector<std::string> ids = sim::ConnectedPnpIds();
+    std::vector<mtp::MtpDeviceEntry> usb;
+    if (mtp::MtpBackendAvailable() && FAILED(mtp::ListMtpDevices(&usb))) usb.clear();
+    for (const auto& d : usb) ids.push_back(d.pnpId);
     std::lock_guard<std::mutex> lock(m_);
     ids_ = std::move(ids);
+    mtp_ = std::move(usb);
     return S_OK;
   }
 
@@ -40,11 +46,20 @@ class PortableDeviceManager : public IPortableDeviceManager {
   HRESULT Text(const std::string& pnpDeviceId, int which, std::string* out) {
     if (pnpDeviceId.empty() || !out) return E_INVALIDARG;
     if (sim::IsSimPnpId(pnpDeviceId)) return sim::SimDeviceText(pnpDeviceId, which, out);
+    std::lock_guard<std::mutex> lock(m_);
+    for (const auto& d : mtp_) {
+      if (d.pnpId != pnpDeviceId) continue;
+      *out = which == sim::kTextFriendlyName ? d.friendlyName
+             : which == sim::kTextManufacturer ? d.manufacturer
+                                               : d.description;
+      return S_OK;
+    }
     return E_ERROR_NOT_FOUND;
   }
 
   std::mutex m_;
   std::vector<std::string> ids_;
+  std::vector<mtp::MtpDeviceEntry> mtp_;
 };
 
 // Picks the back end when the device is opened.
@@ -53,8 +68,13 @@ class PortableDevice : public IPortableDevice {
   HRESULT Open(const std::string& pnpDeviceId, const PortableDeviceValues& clientInformation) override {
     std::lock_guard<std::mutex> lock(m_);
     if (impl_) return E_WPD_DEVICE_ALREADY_OPENED;
-    if (!sim::IsSimPnpId(pnpDeviceId)) return E_ERROR_NOT_FOUND;
-    auto impl = sim::CreateSimPortableDevice();
+    std::unique_ptr<IPortableDevice> impl;
+    if (sim::IsSimPnpId(pnpDeviceId))
+      impl = sim::CreateSimPortableDevice();
+    else if (mtp::IsMtpPnpId(pnpDeviceId))
+      impl = mtp::CreateMtpPortableDevice();
+    else
+      return E_ERROR_NOT_FOUND;
     HRESULT hr = impl->Open(pnpDeviceId, clientInformation);
     if (SUCCEEDED(hr)) impl_ = std::move(impl);
     return hr;

@@ -1,10 +1,6 @@
 // Simulated devices on disk: their property files, faults, connection state.
 #include "platform/portable/sim_devices.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <system_error>
 
@@ -56,21 +52,10 @@ bool WriteStorage(const fs::path& deviceDir, const StorageSpec& s, std::string* 
   return WriteIni(dir / kStorageFile, v, "storage of a simulated device", error);
 }
 
-// RAII holder of the faults lock (an flock on faults.lock).
-class FaultsLock {
+// Faults are read and changed under faults.lock.
+class FaultsLock : public ScopedFileLock {
  public:
-  explicit FaultsLock(const fs::path& folder) {
-    fd_ = open((folder / kFaultsLock).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (fd_ >= 0) flock(fd_, LOCK_EX);
-  }
-  ~FaultsLock() {
-    if (fd_ >= 0) close(fd_);  // releases the lock
-  }
-  FaultsLock(const FaultsLock&) = delete;
-  FaultsLock& operator=(const FaultsLock&) = delete;
-
- private:
-  int fd_ = -1;
+  explicit FaultsLock(const fs::path& folder) : ScopedFileLock(folder / kFaultsLock) {}
 };
 
 bool WriteFaultsLocked(const fs::path& folder, const Faults& f, std::string* error) {

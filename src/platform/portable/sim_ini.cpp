@@ -2,12 +2,14 @@
 #include "platform/portable/sim_ini.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 namespace qb::portable::sim {
 namespace {
@@ -107,6 +109,23 @@ bool IniFlag(const IniValues& values, const std::string& key, bool fallback) {
   if (v == "1" || v == "yes" || v == "true" || v == "on") return true;
   if (v == "0" || v == "no" || v == "false" || v == "off") return false;
   return fallback;
+}
+
+ScopedFileLock::ScopedFileLock(const std::filesystem::path& lockFile, int timeoutMs) {
+  fd_ = open(lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (fd_ < 0) return;
+  for (int waited = 0;; waited += 5) {
+    if (flock(fd_, LOCK_EX | LOCK_NB) == 0) {
+      held_ = true;
+      return;
+    }
+    if (errno != EWOULDBLOCK || waited >= timeoutMs) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
+ScopedFileLock::~ScopedFileLock() {
+  if (fd_ >= 0) close(fd_);  // releases the lock
 }
 
 }  // namespace qb::portable::sim

@@ -24,4 +24,21 @@ bool IniFlag(const IniValues& values, const std::string& key, bool fallback);
 bool WriteFileAtomic(const std::filesystem::path& file, const std::string& text, std::string* error);
 bool ReadFileText(const std::filesystem::path& file, std::string* text);
 
+// An exclusive flock on a small lock file beside the data it protects, so
+// that processes sharing a device folder take turns. Waits at most
+// `timeoutMs`; Held() says whether the lock was got (the caller goes on
+// either way: a stuck peer must not stop the device).
+class ScopedFileLock {
+ public:
+  explicit ScopedFileLock(const std::filesystem::path& lockFile, int timeoutMs = 2000);
+  ~ScopedFileLock();
+  ScopedFileLock(const ScopedFileLock&) = delete;
+  ScopedFileLock& operator=(const ScopedFileLock&) = delete;
+  bool Held() const { return held_; }
+
+ private:
+  int fd_ = -1;
+  bool held_ = false;
+};
+
 }  // namespace qb::portable::sim

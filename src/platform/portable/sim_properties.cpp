@@ -36,7 +36,7 @@ uint64_t UsedBytes(const fs::path& dir) {
        it != fs::recursive_directory_iterator(); it.increment(ec)) {
     if (ec) break;
     std::error_code ec2;
-    if (it->is_regular_file(ec2)) used += it->file_size(ec2);
+    if (it->is_regular_file(ec2) && it->path().filename() != kStorageFile) used += it->file_size(ec2);
   }
   return used;
 }

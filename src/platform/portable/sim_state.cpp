@@ -48,21 +48,10 @@ std::string RandomPuid() {
   return qb::sys::FormatGuid(g);
 }
 
-// RAII flock on index.lock, so that two processes never write index.ini at once.
-class IndexLock {
+// Two processes never write index.ini at once.
+class IndexLock : public ScopedFileLock {
  public:
-  explicit IndexLock(const fs::path& folder) {
-    fd_ = open((folder / "index.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (fd_ >= 0) flock(fd_, LOCK_EX);
-  }
-  ~IndexLock() {
-    if (fd_ >= 0) close(fd_);
-  }
-  IndexLock(const IndexLock&) = delete;
-  IndexLock& operator=(const IndexLock&) = delete;
-
- private:
-  int fd_ = -1;
+  explicit IndexLock(const fs::path& folder) : ScopedFileLock(folder / "index.lock") {}
 };
 
 }  // namespace
@@ -87,7 +76,7 @@ std::shared_ptr<SimDeviceState> SimDeviceState::Get(const fs::path& folder) {
 SimDeviceState::SimDeviceState(fs::path folder) : folder_(std::move(folder)) {}
 
 SimDeviceState::~SimDeviceState() {
-  std::unique_ptr<SimWatcher> watcher;
+  std::shared_ptr<SimWatcher> watcher;
   {
     std::lock_guard<std::mutex> lock(m_);
     watcher = std::move(watcher_);
@@ -155,7 +144,8 @@ HRESULT SimDeviceState::Resolve(const std::string& id, ObjRef* ref) {
 }
 
 std::string SimDeviceState::NewIdLocked(const std::string& rel) {
-  std::string id = qb::Format("o%llX", static_cast<unsigned long long>(nextHandle_++));
+  if (blockNext_ >= blockEnd_) ReserveBlockLocked();
+  std::string id = qb::Format("o%llX", static_cast<unsigned long long>(blockNext_++));
   IndexEntry e;
   e.id = id;
   e.puid = RandomPuid();
@@ -241,6 +231,7 @@ void SimDeviceState::ForgetPath(const std::string& rel, bool tombstone) {
   for (const auto& [p, id] : gone) {
     pathToId_.erase(p);
     idToPath_.erase(id);
+    forgotten_.insert(id);
     if (tombstone && watcher_) {
       tombstones_[p].push_back(id);
     } else {
@@ -268,6 +259,7 @@ IndexEntry SimDeviceState::TakeRemovedEntry(const std::string& rel) {
   std::string id = it->second;
   e = entries_[id];
   e.id = id;
+  forgotten_.insert(id);
   pathToId_.erase(it);
   idToPath_.erase(id);
   entries_.erase(id);
@@ -282,7 +274,7 @@ bool SimDeviceState::KnowsPath(const std::string& rel) {
 
 // index.ini: "next=<hex>" then one line per object:
 // <id>\t<puid>\t<flags>\t<created FILETIME>\t<relative path>
-void SimDeviceState::LoadIndexLocked() {
+void SimDeviceState::MergeFileLocked() {
   std::string text;
   if (!ReadFileText(folder_ / kIndexFile, &text)) return;
   std::istringstream in(text);
@@ -300,25 +292,26 @@ void SimDeviceState::LoadIndexLocked() {
       f.push_back(line.substr(start, tab - start));
       start = tab + 1;
     }
-    if (f.size() != 4 || start >= line.size()) continue;
+    if (f.size() != 4 || start >= line.size() || f[0].size() < 2 || f[0][0] != 'o') continue;
     std::string rel = line.substr(start);
+    uint64_t handle = std::strtoull(f[0].c_str() + 1, nullptr, 16);
+    if (handle >= nextHandle_) nextHandle_ = handle + 1;
+    if (entries_.count(f[0]) || pathToId_.count(rel) || forgotten_.count(f[0])) continue;
     struct stat st;
     if (lstat((folder_ / rel).c_str(), &st) != 0) {
       dirty_ = true;  // gone while nobody watched: drop it
       continue;
     }
-    IndexEntry e{f[0], f[1], static_cast<uint32_t>(std::strtoul(f[2].c_str(), nullptr, 10)),
-                 std::strtoull(f[3].c_str(), nullptr, 10)};
-    entries_[e.id] = e;
-    pathToId_[rel] = e.id;
-    idToPath_[e.id] = rel;
-    uint64_t handle = std::strtoull(e.id.c_str() + 1, nullptr, 16);
-    if (handle >= nextHandle_) nextHandle_ = handle + 1;
+    entries_[f[0]] = IndexEntry{f[0], f[1], static_cast<uint32_t>(std::strtoul(f[2].c_str(), nullptr, 10)),
+                                std::strtoull(f[3].c_str(), nullptr, 10)};
+    pathToId_[rel] = f[0];
+    idToPath_[f[0]] = rel;
   }
 }
 
-void SimDeviceState::SaveIndexLocked() {
-  IndexLock lock(folder_);
+void SimDeviceState::WriteFileLocked() {
+  std::error_code ec;
+  if (!fs::exists(folder_ / kDeviceFile, ec)) return;  // device gone: write nothing back
   std::string text = qb::Format("next=%llX\n", static_cast<unsigned long long>(nextHandle_));
   for (const auto& [rel, id] : pathToId_) {
     const IndexEntry& e = entries_[id];
@@ -326,9 +319,28 @@ void SimDeviceState::SaveIndexLocked() {
                        static_cast<unsigned long long>(e.created)) +
             rel + "\n";
   }
-  std::error_code ec;
-  if (!fs::exists(folder_ / kDeviceFile, ec)) return;  // device gone: write nothing back
   if (WriteFileAtomic(folder_ / kIndexFile, text, nullptr)) dirty_ = false;
+}
+
+void SimDeviceState::LoadIndexLocked() {
+  IndexLock lock(folder_);
+  MergeFileLocked();
+}
+
+void SimDeviceState::SaveIndexLocked() {
+  IndexLock lock(folder_);
+  MergeFileLocked();
+  WriteFileLocked();
+}
+
+void SimDeviceState::ReserveBlockLocked() {
+  constexpr uint64_t kBlock = 4096;
+  IndexLock lock(folder_);
+  MergeFileLocked();
+  blockNext_ = nextHandle_;
+  blockEnd_ = blockNext_ + kBlock;
+  nextHandle_ = blockEnd_;
+  WriteFileLocked();
 }
 
 void SimDeviceState::SaveIndex() {
@@ -337,14 +349,25 @@ void SimDeviceState::SaveIndex() {
 }
 
 HRESULT SimDeviceState::Advise(std::shared_ptr<IPortableDeviceEventCallback> cb, std::string* cookie) {
-  std::lock_guard<std::mutex> lock(m_);
-  if (!watcher_) {
-    auto watcher = std::make_unique<SimWatcher>(this);
-    if (!watcher->Start()) return E_FAIL;
-    watcher_ = std::move(watcher);
+  bool needWatcher;
+  {
+    std::lock_guard<std::mutex> lock(m_);
+    needWatcher = !watcher_;
   }
-  std::string c = qb::Format("{SIM-%llu}", static_cast<unsigned long long>(nextCookie_++));
-  sinks_[c] = std::move(cb);
+  // The watcher reads the state while it starts: start it without m_.
+  std::shared_ptr<SimWatcher> fresh;
+  if (needWatcher) {
+    fresh = std::make_shared<SimWatcher>(weak_from_this());
+    if (!fresh->Start(this)) return E_FAIL;
+  }
+  std::string c;
+  {
+    std::lock_guard<std::mutex> lock(m_);
+    if (!watcher_) watcher_ = std::move(fresh);
+    c = qb::Format("{SIM-%llu}", static_cast<unsigned long long>(nextCookie_++));
+    sinks_[c] = std::move(cb);
+  }
+  if (fresh) fresh->Stop();  // another caller started one first
   if (cookie) *cookie = c;
   return S_OK;
 }

@@ -96,8 +96,15 @@ class SimDeviceState : public std::enable_shared_from_this<SimDeviceState> {
 
  private:
   explicit SimDeviceState(std::filesystem::path folder);
+  // index.ini is shared by every process that opens the device: each takes
+  // ids from a block of handles it reserved in the file, and a save first
+  // takes in what others wrote meanwhile. All three run under m_ and take
+  // the file lock themselves.
   void LoadIndexLocked();
   void SaveIndexLocked();
+  void ReserveBlockLocked();
+  void MergeFileLocked();   // the file lock held
+  void WriteFileLocked();   // the file lock held
   std::string NewIdLocked(const std::string& rel);
   void ReloadSpecLocked();
 
@@ -110,11 +117,13 @@ class SimDeviceState : public std::enable_shared_from_this<SimDeviceState> {
   std::map<std::string, std::string> idToPath_;
   std::map<std::string, IndexEntry> entries_;       // by id
   std::map<std::string, std::deque<std::string>> tombstones_;  // rel -> ids
-  uint64_t nextHandle_ = 0x100;
+  uint64_t nextHandle_ = 0x100;   // the file's next free handle as we know it
+  uint64_t blockNext_ = 0, blockEnd_ = 0;  // our reserved handles
+  std::set<std::string> forgotten_;  // ids this process saw go: never taken back from the file
   bool dirty_ = false;
   std::map<std::string, std::shared_ptr<IPortableDeviceEventCallback>> sinks_;
   uint64_t nextCookie_ = 1;
-  std::unique_ptr<SimWatcher> watcher_;
+  std::shared_ptr<SimWatcher> watcher_;
   std::atomic<bool> removed_{false};
   // Delivery bookkeeping, under deliveryMutex_.
   std::mutex deliveryMutex_;

@@ -31,7 +31,7 @@ bool IsOurFile(const std::string& name) { return name.rfind(kStorageFile, 0) == 
 
 }  // namespace
 
-SimWatcher::SimWatcher(SimDeviceState* state) : state_(state) {}
+SimWatcher::SimWatcher(std::weak_ptr<SimDeviceState> state) : weakState_(std::move(state)) {}
 
 SimWatcher::~SimWatcher() {
   Stop();
@@ -39,7 +39,8 @@ SimWatcher::~SimWatcher() {
   if (wake_ >= 0) close(wake_);
 }
 
-bool SimWatcher::Start() {
+bool SimWatcher::Start(SimDeviceState* state) {
+  state_ = state;
   inotify_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   wake_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
   if (inotify_ < 0 || wake_ < 0) return false;
@@ -47,7 +48,8 @@ bool SimWatcher::Start() {
   if (wd < 0) return false;
   wdToRel_[wd] = "";
   for (const auto& storage : state_->Spec().storages) WatchTree(storage.folder, false);
-  thread_ = std::thread([this] { Run(); });
+  state_ = nullptr;
+  thread_ = std::thread([self = shared_from_this()] { self->Run(); });
   return true;
 }
 
@@ -76,6 +78,9 @@ void SimWatcher::Run() {
     pollfd fds[2] = {{inotify_, POLLIN, 0}, {wake_, POLLIN, 0}};
     int n = poll(fds, 2, 200);
     if (n <= 0) continue;
+    std::shared_ptr<SimDeviceState> keep = weakState_.lock();
+    if (!keep) break;
+    state_ = keep.get();
     try {
       if (fds[1].revents & POLLIN) {
         uint64_t count;
@@ -85,13 +90,15 @@ void SimWatcher::Run() {
       }
       if (fds[0].revents & POLLIN) {
         ssize_t len;
-        while ((len = read(inotify_, buf.data(), buf.size())) > 0) {
+        while (!stop_ && (len = read(inotify_, buf.data(), buf.size())) > 0) {
           if (!gone_) ProcessBatch(buf.data(), len);
         }
       }
     } catch (...) {
       Trace("SW1@SimWatcher::Run: ", "failure while raising events; going on");
     }
+    state_ = nullptr;
+    // Releasing `keep` may end the state here, which stops this watcher.
   }
 }
 

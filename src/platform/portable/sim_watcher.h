@@ -5,12 +5,17 @@
 // the device folder or unplugging the device raises "device removed". Events
 // queued by the model (PostEvent) go out on the same thread, in order.
 //
+// Lifetime: the thread holds the watcher (shared) and the device state only
+// weakly, taking a strong reference for each batch of changes; so the state
+// may end on the watcher's own thread (a sink dropping the last device
+// object) and the thread still ends cleanly.
 // Lock: queueMutex_ is a leaf lock (nothing is taken while it is held).
 #include <sys/types.h>
 
 #include <atomic>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -21,14 +26,15 @@ namespace qb::portable::sim {
 
 class SimDeviceState;
 
-class SimWatcher {
+class SimWatcher : public std::enable_shared_from_this<SimWatcher> {
  public:
-  explicit SimWatcher(SimDeviceState* state);
+  explicit SimWatcher(std::weak_ptr<SimDeviceState> state);
   ~SimWatcher();
   SimWatcher(const SimWatcher&) = delete;
   SimWatcher& operator=(const SimWatcher&) = delete;
 
-  bool Start();
+  // Sets up the watches (the state must be alive) and starts the thread.
+  bool Start(SimDeviceState* state);
   // Ends the thread (bounded: it polls its stop flag every 200 ms).
   void Stop();
   void Post(PortableDeviceValues params);
@@ -52,7 +58,9 @@ class SimWatcher {
   void RenameWatches(const std::string& from, const std::string& to);
 
   // Set once.
-  SimDeviceState* const state_;
+  const std::weak_ptr<SimDeviceState> weakState_;
+  // The state while the thread holds it (one batch), else null.
+  SimDeviceState* state_ = nullptr;
   int inotify_ = -1;
   int wake_ = -1;  // eventfd: posted events are waiting
   std::thread thread_;

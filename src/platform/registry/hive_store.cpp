@@ -204,11 +204,6 @@ DWORD Write(HiveState& s, Hive hive) {
     unlink(temp.c_str());
     return HiveErrnoToWin32(error);
   }
-  const int dir = open(s.path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dir >= 0) {
-    fsync(dir);  // make the rename itself durable
-    close(dir);
-  }
   if (s.heldFd >= 0) close(s.heldFd);
   s.heldFd = fd;
   s.seen = st;

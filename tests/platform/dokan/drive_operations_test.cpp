@@ -146,6 +146,31 @@ TEST_F(DriveOperations, MoveRenamesWithReplaceAndCarriesFolders) {
   ASSERT_EQ(0, Sh("cat " + At("n/sub/a.txt"), &out));
   EXPECT_EQ("one\n", out);
   EXPECT_NE(0, Sh("test -e " + At("m")));
+
+  Fs().ClearCalls();
+  ASSERT_EQ(0, Sh("mv " + At("n/sub/a.txt") + " " + At("moved.txt")));
+  for (const FsCall& c : Fs().Calls())
+    if (c.op == "MoveFile") {
+      EXPECT_EQ("\\n\\sub\\a.txt", c.path);
+      // mv asks for no replacing (RENAME_NOREPLACE) when it saw no target.
+      EXPECT_EQ(0u, c.detail.rfind("\\moved.txt replace=", 0)) << c.detail;
+    }
+  ASSERT_TRUE(Fs().Read("\\MOVED.TXT", &content));  // names ignore case
+  EXPECT_EQ("one\n", content);
+}
+
+TEST_F(DriveOperations, RecursiveCopyKeepsTreeContentAndTimes) {
+  const std::string local = (home_ / "tree").string();
+  ASSERT_EQ(0, Sh("mkdir -p " + Quote(local + "/a/b") + " && echo 1 > " + Quote(local + "/a/one") +
+                  " && head -c 70000 /dev/urandom > " + Quote(local + "/a/b/two") +
+                  " && touch -d '2010-05-06 07:08:09 UTC' " + Quote(local + "/a/b/two")));
+  ASSERT_EQ(0, Sh("cp -rp " + Quote(local) + " " + At("")));
+  std::string out;
+  EXPECT_EQ(0, Sh("diff -r " + Quote(local) + " " + At("tree"), &out)) << out;
+  ASSERT_EQ(0, Sh("stat -c %Y " + At("tree/a/b/two"), &out));
+  EXPECT_EQ("1273129689\n", out);
+  ASSERT_EQ(0, Sh("cp -r " + At("tree") + " " + Quote((home_ / "back").string()) + " && diff -r " +
+                  Quote(local) + " " + Quote((home_ / "back").string()), &out)) << out;
 }
 
 TEST_F(DriveOperations, RemoveRecursiveDeletesOnCloseAfterAsking) {
@@ -256,15 +281,24 @@ TEST_F(DriveOperations, RequestsRunOnSeveralThreadsWithoutSingleThread) {
   ASSERT_TRUE(Fs().PutFile("\\quick.txt", "quick\n"));
   Fs().BlockReadsOf("\\slow.txt");
   qb::sys::ChildProcess slow;
-  ASSERT_TRUE(qb::sys::SpawnProcess({"/bin/cat", root_ + "/slow.txt"}, {}, &slow));
+  ASSERT_TRUE(qb::sys::SpawnProcess(
+      {"/bin/sh", "-c", "exec >/dev/null; cat " + At("slow.txt")}, {}, &slow));
   ASSERT_TRUE(WaitForCalls("\\slow.txt", {"ReadFile"}));
-  // The slow read holds one request thread; another request still runs.
+  // The slow read holds one request thread; another request still runs and
+  // reaches the file system before the slow one is let go.
   std::string out;
   EXPECT_EQ(0, Sh("cat " + At("quick.txt"), &out));
   EXPECT_EQ("quick\n", out);
+  const auto calls = Fs().Calls();
+  size_t quickRead = calls.size(), released = calls.size();
+  for (size_t i = 0; i < calls.size(); ++i) {
+    if (calls[i].op == "ReadFile" && calls[i].path == "\\quick.txt") quickRead = std::min(quickRead, i);
+    if (calls[i].op == "ReadReleased") released = std::min(released, i);
+  }
+  EXPECT_LT(quickRead, released);
   Fs().ReleaseReads();
   int code = -1;
-  EXPECT_TRUE(slow.Wait(10000, &code));
+  EXPECT_TRUE(slow.Wait(15000, &code));
   EXPECT_EQ(0, code);
 }
 

@@ -64,9 +64,11 @@ TEST(DokanEmptySlots, AreAnsweredByTheLibrary) {
     EXPECT_TRUE(DokanRemoveMountPoint("E:"));
   }
   EXPECT_TRUE(mounted);
-  if (result.wait_for(std::chrono::milliseconds(kMountLimitMs)) != std::future_status::ready) {
+  if (result.wait_for(std::chrono::milliseconds(kMountLimitMs)) != std::future_status::ready)
     qb::dokan::ForceRemoveMountPoint('E');
-    ASSERT_EQ(std::future_status::ready, result.wait_for(std::chrono::milliseconds(kMountLimitMs)));
+  if (result.wait_for(std::chrono::milliseconds(kMountLimitMs)) != std::future_status::ready) {
+    server.detach();  // never hang the suite
+    FAIL() << "DokanMain did not return";
   }
   server.join();
   EXPECT_EQ(DOKAN_SUCCESS, result.get());

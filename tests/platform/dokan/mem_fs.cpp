@@ -153,7 +153,10 @@ NTSTATUS ReadFile(LPCWSTR FileName, LPVOID Buffer, DWORD Length, LPDWORD Read, L
                   PDOKAN_FILE_INFO info) {
   MemFs* fs = FsOf(info);
   fs->Record("ReadFile", FileName, "off=" + std::to_string(Offset) + " len=" + std::to_string(Length), info);
-  fs->WaitWhileBlocked(FileName);
+  if (fs->Blocked(FileName)) {
+    fs->WaitWhileBlocked(FileName);
+    fs->Record("ReadReleased", FileName, "", info);
+  }
   std::lock_guard lock(fs->mutex_);
   std::shared_ptr<Node> node = NodeOf(info);
   if (!node || node->dir) return STATUS_INVALID_HANDLE;
@@ -505,6 +508,11 @@ void MemFs::ReleaseReads() {
     blocked_.clear();
   }
   gateOpen_.notify_all();
+}
+
+bool MemFs::Blocked(const std::string& path) {
+  std::lock_guard lock(gateMutex_);
+  return blocked_ == path;
 }
 
 void MemFs::WaitWhileBlocked(const std::string& path) {

@@ -51,6 +51,7 @@ class MemFs {
   // Reads of `path` wait (at most 10 s) until ReleaseReads.
   void BlockReadsOf(const std::string& path);
   void ReleaseReads();
+  bool Blocked(const std::string& path);
   void WaitWhileBlocked(const std::string& path);
 
   struct Node;

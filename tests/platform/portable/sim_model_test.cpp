@@ -1,8 +1,12 @@
 // The simulated back end through the object model: listing, properties,
 // transfers, object operations and ids.
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
 
 #include "platform/portable/sim_devices.h"
+#include "platform/portable/sim_ini.h"
 #include "sim_fixture.h"
 
 namespace qbtest {
@@ -354,6 +358,50 @@ TEST_F(SimDeviceTest, IdsAreStableAndUniqueIdsSurviveAReopen) {
   EXPECT_NE(fresh, a);
   EXPECT_NE(fresh, b);
   EXPECT_NE(fresh, dcim);
+}
+
+TEST_F(SimDeviceTest, TwoProcessesShareTheIndexWithoutLosingIds) {
+  WriteFile("a-internal/mine.txt", "1");
+  WriteFile("b-card/theirs.txt", "2");
+  std::string mine, puidMine;
+  auto device = Open();
+  std::shared_ptr<qp::IPortableDeviceContent> content;
+  device->Content(&content);
+  mine = ChildNamed(*content, "s10001", "mine.txt");
+  // Another process (this test program, running only the helper below)
+  // lists the other storage while this one holds the device.
+  std::string cmd = "QB_SIM_INDEX_CHILD=1 /proc/" + std::to_string(getpid()) +
+                    "/exe --gtest_filter=SimIndexChild.ListsTheCard >/dev/null 2>&1";
+  ASSERT_EQ(std::system(cmd.c_str()), 0);
+  std::string fresh;
+  qp::PortableDeviceValues v;
+  v.SetStringValue(WPD_OBJECT_PARENT_ID, "s10001");
+  v.SetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, "later");
+  ASSERT_EQ(content->CreateObjectWithPropertiesOnly(v, &fresh), S_OK);
+  device.reset();
+  content.reset();
+  // A third opening reads the file both wrote: every object keeps its id.
+  auto again = Open();
+  again->Content(&content);
+  EXPECT_EQ(ChildNamed(*content, "s10001", "mine.txt"), mine);
+  EXPECT_EQ(ChildNamed(*content, "s10001", "later"), fresh);
+  std::string index;
+  ASSERT_TRUE(qp::sim::ReadFileText(folder_ / qp::sim::kIndexFile, &index));
+  EXPECT_NE(index.find("b-card/theirs.txt"), std::string::npos);
+  std::string theirs = ChildNamed(*content, "s20001", "theirs.txt");
+  EXPECT_NE(index.find(theirs + "\t"), std::string::npos);
+  EXPECT_NE(theirs, mine);
+  EXPECT_NE(theirs, fresh);
+}
+
+// Run by TwoProcessesShareTheIndexWithoutLosingIds in a process of its own.
+TEST(SimIndexChild, ListsTheCard) {
+  if (!std::getenv("QB_SIM_INDEX_CHILD")) GTEST_SKIP() << "helper of another test";
+  auto device = qp::CreatePortableDevice();
+  ASSERT_EQ(device->Open(qp::sim::SimPnpId(qp::sim::ListDevices().at(0)), qp::PortableDeviceValues{}), S_OK);
+  std::shared_ptr<qp::IPortableDeviceContent> c;
+  device->Content(&c);
+  EXPECT_FALSE(ChildNamed(*c, "s20001", "theirs.txt").empty());
 }
 
 TEST_F(SimDeviceTest, ReadOnlyAccessAndDevicesThatRefuseWriting) {

@@ -26,11 +26,12 @@ TEST(SharedSection, FirstOpenerIsNewAndSecondSharesTheBytes) {
 TEST(SharedSection, SectionWhoseHoldersAllEndedStartsFromZero) {
   qbtest::ScopedHome home;
   // A holder that dies without closing (as by a crash).
+  const std::string name = TestName();
   pid_t pid = fork();
   ASSERT_GE(pid, 0);
   if (pid == 0) {
     qb::sys::SharedSection s;
-    if (!s.Open(TestName(), 4096)) _exit(2);
+    if (!s.Open(name, 4096)) _exit(2);
     std::memset(s.Data(), 0x5A, 4096);
     _exit(0);
   }

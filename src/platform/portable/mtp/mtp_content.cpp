@@ -101,7 +101,7 @@ class MtpContent : public IPortableDeviceContent, public std::enable_shared_from
     hr = s_->Acquire(&lock, &device);
     if (FAILED(hr)) return hr;
     std::string name = target.fileName;
-    uint32_t handle = LIBMTP_Create_Folder(device, name.data(), target.parentHandle, target.storageId);
+    uint32_t handle = LIBMTP_Create_Folder(device, name.data(), SendParentHandle(target.parentHandle), target.storageId);
     if (handle == 0) return s_->FailedLocked(device, "MT50@MtpContent::CreateObjectWithPropertiesOnly: ", "LIBMTP_Create_Folder");
     MtpObjectFacts facts;
     facts.handle = handle;

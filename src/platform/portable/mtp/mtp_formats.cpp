@@ -60,7 +60,8 @@ uint16_t FormatForFileName(const std::string& fileName) {
 }
 
 uint32_t WpdStorageType(uint16_t mtpStorageType) {
-  return mtpStorageType <= WPD_STORAGE_TYPE_REMOVABLE_RAM ? mtpStorageType : WPD_STORAGE_TYPE_UNDEFINED;
+  return mtpStorageType <= WPD_STORAGE_TYPE_REMOVABLE_RAM ? uint32_t{mtpStorageType}
+                                                          : uint32_t{WPD_STORAGE_TYPE_UNDEFINED};
 }
 
 uint32_t WpdAccessCapability(uint16_t mtpAccessCapability) {

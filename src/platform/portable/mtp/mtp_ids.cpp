@@ -74,6 +74,8 @@ bool ParentHandleOf(const MtpObjectRef& parent, uint32_t* parentHandle) {
   return true;
 }
 
+uint32_t SendParentHandle(uint32_t parentHandle) { return parentHandle == 0 ? 0xFFFFFFFFu : parentHandle; }
+
 std::string PersistentIdFromDevice(uint64_t puoidLow) {
   char buf[40];
   std::snprintf(buf, sizeof buf, "{%08X-%04X-%04X-0000-000000000000}", static_cast<uint32_t>(puoidLow),
@@ -132,7 +134,5 @@ bool ParseMtpPnpId(const std::string& pnpId, uint16_t* vendorId, uint16_t* produ
   if (serialPart) *serialPart = serial;
   return true;
 }
-
-bool IsMtpPnpId(const std::string& pnpId) { return ParseMtpPnpId(pnpId, nullptr, nullptr, nullptr); }
 
 }  // namespace qb::portable::mtp

@@ -29,6 +29,10 @@ std::string ParentObjectId(uint32_t parentHandle, uint32_t storageId);
 // The MTP parent handle for creating in `parentId`: 0 for a storage.
 // False when `parentId` is neither a storage nor an object.
 bool ParentHandleOf(const MtpObjectRef& parent, uint32_t* parentHandle);
+// The parent handle for sending a new object or folder: MTP names the
+// storage root 0xFFFFFFFF there (libmtp would put a new file with parent 0
+// into the device's default folder for its type, e.g. the pictures folder).
+uint32_t SendParentHandle(uint32_t parentHandle);
 
 // Persistent unique ids. From the device's 128-bit persistent unique object
 // identifier (the part libmtp hands over, its low 64 bits), or, when the
@@ -46,7 +50,5 @@ std::string PnpSerialPart(const std::string& usbSerial, uint32_t busNumber, uint
 std::string MakeMtpPnpId(uint16_t vendorId, uint16_t productId, const std::string& serialPart);
 // The reverse; false for another form (another bus, a bad product part).
 bool ParseMtpPnpId(const std::string& pnpId, uint16_t* vendorId, uint16_t* productId, std::string* serialPart);
-// True when `pnpId` names a USB device in the form above (the libmtp back end).
-bool IsMtpPnpId(const std::string& pnpId);
 
 }  // namespace qb::portable::mtp

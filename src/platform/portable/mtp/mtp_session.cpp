@@ -20,10 +20,10 @@ namespace {
 // Announced changes whose device echo is dropped for this long.
 constexpr std::chrono::seconds kEchoWindow{10};
 
-static_assert(kMtpErrorNoDeviceAttached == LIBMTP_ERROR_NO_DEVICE_ATTACHED);
-static_assert(kMtpErrorStorageFull == LIBMTP_ERROR_STORAGE_FULL);
-static_assert(kMtpErrorCancelled == LIBMTP_ERROR_CANCELLED);
-static_assert(kMtpErrorPtpLayer == LIBMTP_ERROR_PTP_LAYER);
+static_assert(static_cast<int>(kMtpErrorNoDeviceAttached) == static_cast<int>(LIBMTP_ERROR_NO_DEVICE_ATTACHED));
+static_assert(static_cast<int>(kMtpErrorStorageFull) == static_cast<int>(LIBMTP_ERROR_STORAGE_FULL));
+static_assert(static_cast<int>(kMtpErrorCancelled) == static_cast<int>(LIBMTP_ERROR_CANCELLED));
+static_assert(static_cast<int>(kMtpErrorPtpLayer) == static_cast<int>(LIBMTP_ERROR_PTP_LAYER));
 
 std::string TakeString(char* s) {
   std::string out = s ? s : "";
@@ -60,7 +60,7 @@ HRESULT MtpSession::Open(const std::string& pnpId, bool readOnly, std::shared_pt
     const LIBMTP_raw_device_t& r = raw[i];
     UsbPortInfo usb;
     if (r.device_entry.vendor_id != vid || r.device_entry.product_id != pid) continue;
-    if (!FindUsbPort(kSysUsbDevices, r.bus_location, r.devnum, &usb)) continue;
+    if (!FindUsbPort(UsbDevicesRoot(), r.bus_location, r.devnum, &usb)) continue;
     if (PnpSerialPart(usb.serial, r.bus_location, r.devnum) != serialPart) continue;
     std::shared_ptr<MtpSession> s(new MtpSession());
     s->pnpId_ = pnpId;
@@ -72,6 +72,7 @@ HRESULT MtpSession::Open(const std::string& pnpId, bool readOnly, std::shared_pt
     hr = s->OpenRaw(&raw[i]);
     if (SUCCEEDED(hr)) {
       s->ReadFacts(usb.product);
+      RememberDeviceNames(pnpId, s->facts_.friendlyName, s->facts_.manufacturer, s->facts_.model);
       s->pump_ = std::make_unique<MtpEventPump>(s.get());
       s->pump_->Start();
       *out = std::move(s);
@@ -120,9 +121,13 @@ void MtpSession::Close() {
   if (pump_) pump_->Stop();
   std::unique_lock<std::timed_mutex> lock(device_, std::defer_lock);
   // A call stuck in libmtp ends with its USB timeout; wait for it, bounded.
-  bool locked = lock.try_lock_for(std::chrono::seconds(30));
-  if (!locked) Trace("MT3@MtpSession::Close: ", "device lock not free; releasing anyway");
   offline_ = true;
+  if (!lock.try_lock_for(std::chrono::seconds(30))) {
+    // Releasing under a running call would pull the device from under it:
+    // keep the handle (a leak) rather than crash.
+    Trace("MT3@MtpSession::Close: ", "device lock not free after 30 s; device left open");
+    return;
+  }
   if (handle_) {
     LIBMTP_Release_Device(handle_);
     handle_ = nullptr;
@@ -156,7 +161,7 @@ HRESULT MtpSession::FailedLocked(LIBMTP_mtpdevice_t* device, const char* tag, co
 }
 
 bool MtpSession::StillPlugged() const {
-  return UsbPortPresent(kSysUsbDevices, busNumber_, deviceAddress_, vendorId_, productId_);
+  return UsbPortPresent(UsbDevicesRoot(), busNumber_, deviceAddress_, vendorId_, productId_);
 }
 
 void MtpSession::MarkOffline() {

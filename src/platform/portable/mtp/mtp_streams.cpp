@@ -180,7 +180,7 @@ class MtpDataStream : public IPortableDeviceDataStream {
     if (!file) return E_OUTOFMEMORY;
     file->filename = strdup(object_.fileName.c_str());
     file->filesize = size_;
-    file->parent_id = object_.parentHandle;
+    file->parent_id = SendParentHandle(object_.parentHandle);
     file->storage_id = object_.storageId;
     file->filetype = FiletypeOfFormatCode(object_.formatCode);
     file->modificationdate = object_.hasModified ? static_cast<time_t>(object_.modified) : time(nullptr);

@@ -3,11 +3,15 @@
 
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 
 namespace fs = std::filesystem;
 
 namespace qb::portable::mtp {
 namespace {
+
+std::mutex g_rootMutex;  // leaf
+std::string g_root = kSysUsbDevices;
 
 std::string ReadLine(const fs::path& file) {
   std::ifstream in(file);
@@ -32,6 +36,16 @@ bool ReadNumber(const fs::path& file, int base, uint32_t* out) {
 }
 
 }  // namespace
+
+std::string UsbDevicesRoot() {
+  std::lock_guard<std::mutex> l(g_rootMutex);
+  return g_root;
+}
+
+void SetUsbDevicesRoot(const std::string& root) {
+  std::lock_guard<std::mutex> l(g_rootMutex);
+  g_root = root.empty() ? std::string(kSysUsbDevices) : root;
+}
 
 bool FindUsbPort(const std::string& root, uint32_t busNumber, uint32_t deviceAddress, UsbPortInfo* info) {
   std::error_code ec;

@@ -10,6 +10,11 @@ namespace qb::portable::mtp {
 
 inline constexpr const char* kSysUsbDevices = "/sys/bus/usb/devices";
 
+// The folder the back end reads: kSysUsbDevices unless set (tests point it
+// at a folder of their own; empty sets the default back).
+std::string UsbDevicesRoot();
+void SetUsbDevicesRoot(const std::string& root);
+
 struct UsbPortInfo {
   uint32_t busNumber = 0;
   uint32_t deviceAddress = 0;

@@ -1,0 +1,150 @@
+// The libmtp back end's entry points for the device manager.
+#include "platform/portable/mtp/mtp_backend.h"
+
+#include "platform/portable/mtp/mtp_ids.h"
+
+#ifdef QUILLBOX_HAVE_LIBMTP
+#include <libmtp.h>
+
+#include <cstdlib>
+#include <map>
+#include <mutex>
+
+#include "diag/trace.h"
+#include "platform/portable/mtp/mtp_init.h"
+#include "platform/portable/mtp/mtp_usb.h"
+#endif
+
+namespace qb::portable::mtp {
+
+bool IsMtpPnpId(const std::string& pnpId) { return ParseMtpPnpId(pnpId, nullptr, nullptr, nullptr); }
+
+#ifdef QUILLBOX_HAVE_LIBMTP
+
+namespace {
+
+// Names learned by opening a device, so that a device another program holds
+// later still lists under its own name. Guarded by g_namesMutex (a leaf).
+std::mutex g_namesMutex;
+std::map<std::string, MtpDeviceEntry> g_names;
+
+std::string TakeString(char* s) {
+  std::string out = s ? s : "";
+  std::free(s);
+  return out;
+}
+
+// Opens the device briefly for its own names; false when it cannot be
+// opened (another program holds it).
+bool ReadNames(LIBMTP_raw_device_t* raw, MtpDeviceEntry* entry) {
+  LIBMTP_mtpdevice_t* device = LIBMTP_Open_Raw_Device_Uncached(raw);
+  if (!device) return false;
+  std::string friendly = TakeString(LIBMTP_Get_Friendlyname(device));
+  std::string manufacturer = TakeString(LIBMTP_Get_Manufacturername(device));
+  std::string model = TakeString(LIBMTP_Get_Modelname(device));
+  LIBMTP_Release_Device(device);
+  if (!friendly.empty()) entry->friendlyName = friendly;
+  else if (!model.empty()) entry->friendlyName = model;
+  if (!manufacturer.empty()) entry->manufacturer = manufacturer;
+  if (!model.empty()) entry->description = model;
+  return true;
+}
+
+MtpDeviceEntry EntryFor(LIBMTP_raw_device_t* raw, const UsbPortInfo& usb) {
+  MtpDeviceEntry e;
+  e.pnpId = MakeMtpPnpId(usb.vendorId, usb.productId, PnpSerialPart(usb.serial, usb.busNumber, usb.deviceAddress));
+  // What USB itself tells, then libmtp's device table, then the device.
+  e.friendlyName = !usb.product.empty() ? usb.product : (raw->device_entry.product ? raw->device_entry.product : "");
+  e.manufacturer = !usb.manufacturer.empty() ? usb.manufacturer : (raw->device_entry.vendor ? raw->device_entry.vendor : "");
+  e.description = e.friendlyName;
+  {
+    std::lock_guard<std::mutex> l(g_namesMutex);
+    auto it = g_names.find(e.pnpId);
+    if (it != g_names.end()) return it->second;
+  }
+  if (ReadNames(raw, &e)) {
+    std::lock_guard<std::mutex> l(g_namesMutex);
+    g_names[e.pnpId] = e;
+  }
+  return e;
+}
+
+}  // namespace
+
+void EnsureLibmtp() {
+  static std::once_flag once;
+  std::call_once(once, [] { LIBMTP_Init(); });
+}
+
+void RememberDeviceNames(const std::string& pnpId, const std::string& friendlyName, const std::string& manufacturer,
+                         const std::string& model) {
+  MtpDeviceEntry e;
+  e.pnpId = pnpId;
+  e.friendlyName = friendlyName;
+  e.manufacturer = manufacturer;
+  e.description = model.empty() ? friendlyName : model;
+  std::lock_guard<std::mutex> l(g_namesMutex);
+  g_names[pnpId] = e;
+}
+
+bool MtpBackendAvailable() { return true; }
+
+HRESULT ListMtpDevices(std::vector<MtpDeviceEntry>* devices) {
+  if (!devices) return E_POINTER;
+  devices->clear();
+  EnsureLibmtp();
+  LIBMTP_raw_device_t* raw = nullptr;
+  int count = 0;
+  LIBMTP_error_number_t err = LIBMTP_Detect_Raw_Devices(&raw, &count);
+  if (err == LIBMTP_ERROR_NO_DEVICE_ATTACHED) {
+    std::free(raw);
+    return S_OK;
+  }
+  if (err != LIBMTP_ERROR_NONE) {
+    std::free(raw);
+    Trace("MT60@ListMtpDevices: ", "LIBMTP_Detect_Raw_Devices failed (%d)", static_cast<int>(err));
+    return S_OK;  // nothing usable on USB: an empty list, as with no device
+  }
+  for (int i = 0; i < count; ++i) {
+    UsbPortInfo usb;
+    if (!FindUsbPort(UsbDevicesRoot(), raw[i].bus_location, raw[i].devnum, &usb)) continue;
+    devices->push_back(EntryFor(&raw[i], usb));
+  }
+  std::free(raw);
+  return S_OK;
+}
+
+#else  // !QUILLBOX_HAVE_LIBMTP
+
+namespace {
+
+// Without libmtp no MTP device opens.
+class NoMtpDevice : public IPortableDevice {
+ public:
+  HRESULT Open(const std::string&, const PortableDeviceValues&) override { return E_ERROR_NOT_FOUND; }
+  HRESULT Close() override { return S_OK; }
+  HRESULT Content(std::shared_ptr<IPortableDeviceContent>*) override { return E_WPD_DEVICE_NOT_OPEN; }
+  HRESULT Capabilities(std::shared_ptr<IPortableDeviceCapabilities>*) override { return E_WPD_DEVICE_NOT_OPEN; }
+  HRESULT Advise(uint32_t, std::shared_ptr<IPortableDeviceEventCallback>, const PortableDeviceValues*,
+                 std::string*) override {
+    return E_WPD_DEVICE_NOT_OPEN;
+  }
+  HRESULT Unadvise(const std::string&) override { return E_WPD_DEVICE_NOT_OPEN; }
+  HRESULT GetPnPDeviceID(std::string*) override { return E_WPD_DEVICE_NOT_OPEN; }
+};
+
+}  // namespace
+
+bool MtpBackendAvailable() { return false; }
+
+HRESULT ListMtpDevices(std::vector<MtpDeviceEntry>* devices) {
+  if (!devices) return E_POINTER;
+  devices->clear();
+  return S_OK;
+}
+
+std::unique_ptr<IPortableDevice> CreateMtpPortableDevice() { return std::make_unique<NoMtpDevice>(); }
+
+#endif  // QUILLBOX_HAVE_LIBMTP
+
+}  // namespace qb::portable::mtp
