@@ -1,4 +1,5 @@
 #include "diag/propvariant_text.h"
+#include "platform/system/clock.h"
 
 #include <cmath>
 #include <cstdarg>
@@ -58,28 +59,6 @@ bool IsValidUtf8(const std::string& s) {
   return true;
 }
 
-// Days since 1970-01-01 of a civil date (proleptic Gregorian).
-int64_t DaysFromCivil(int64_t y, unsigned m, unsigned d) {
-  y -= m <= 2;
-  const int64_t era = (y >= 0 ? y : y - 399) / 400;
-  const unsigned yoe = static_cast<unsigned>(y - era * 400);
-  const unsigned doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
-  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  return era * 146097 + static_cast<int64_t>(doe) - 719468;
-}
-
-void CivilFromDays(int64_t z, int64_t* y, unsigned* m, unsigned* d) {
-  z += 719468;
-  const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
-  const unsigned doe = static_cast<unsigned>(z - era * 146097);
-  const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-  const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-  const unsigned mp = (5 * doy + 2) / 153;
-  *d = doy - (153 * mp + 2) / 5 + 1;
-  *m = mp < 10 ? mp + 3 : mp - 9;
-  *y = static_cast<int64_t>(yoe) + era * 400 + (*m <= 2);
-}
-
 // An automation date: whole days since 1899-12-30; the fraction is the time
 // of day, also for days before that (-1.25 is 1899-12-29 06:00).
 std::string FormatOleDate(double date) {
@@ -87,12 +66,12 @@ std::string FormatOleDate(double date) {
   const double whole = std::trunc(date);
   const int64_t seconds = std::llround(std::fabs(date - whole) * 86400.0);
   const int64_t total =
-      (DaysFromCivil(1899, 12, 30) + static_cast<int64_t>(whole)) * 86400 + seconds;
+      (qb::sys::DaysFromCivil(1899, 12, 30) + static_cast<int64_t>(whole)) * 86400 + seconds;
   const int64_t days = (total >= 0 ? total : total - 86399) / 86400;
   const int64_t inDay = total - days * 86400;
   int64_t y = 0;
   unsigned m = 0, d = 0;
-  CivilFromDays(days, &y, &m, &d);
+  qb::sys::CivilFromDays(days, &y, &m, &d);
   char text[64];
   snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d", static_cast<int>(y), m, d,
            static_cast<int>(inDay / 3600), static_cast<int>(inDay / 60 % 60),

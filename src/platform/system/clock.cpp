@@ -5,6 +5,15 @@
 namespace qb::sys {
 namespace {
 
+bool IsLeap(unsigned y) { return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0; }
+
+unsigned DaysInMonth(unsigned y, unsigned m) {
+  static constexpr unsigned kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  return m == 2 && IsLeap(y) ? 29 : kDays[m - 1];
+}
+
+}  // namespace
+
 // Days from 1970-01-01 to the civil date (proleptic Gregorian), after
 // Howard Hinnant's algorithm.
 int64_t DaysFromCivil(int64_t y, unsigned m, unsigned d) {
@@ -27,15 +36,6 @@ void CivilFromDays(int64_t z, int64_t* y, unsigned* m, unsigned* d) {
   *m = mp < 10 ? mp + 3 : mp - 9;
   *y = static_cast<int64_t>(yoe) + era * 400 + (*m <= 2);
 }
-
-bool IsLeap(unsigned y) { return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0; }
-
-unsigned DaysInMonth(unsigned y, unsigned m) {
-  static constexpr unsigned kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-  return m == 2 && IsLeap(y) ? 29 : kDays[m - 1];
-}
-
-}  // namespace
 
 FILETIME UnixToFileTime(int64_t seconds, int64_t nanoseconds) {
   const int64_t ticks = (seconds + static_cast<int64_t>(kUnixEpochAsFileTimeSeconds)) *

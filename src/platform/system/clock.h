@@ -13,6 +13,10 @@ namespace qb::sys {
 constexpr uint64_t kUnixEpochAsFileTimeSeconds = 11644473600ull;
 constexpr uint64_t kTicksPerSecond = 10'000'000ull;
 
+// Days since 1970-01-01 of a proleptic Gregorian date, and back.
+int64_t DaysFromCivil(int64_t year, unsigned month, unsigned day);
+void CivilFromDays(int64_t days, int64_t* year, unsigned* month, unsigned* day);
+
 FILETIME GetSystemTimeAsFileTime();
 FILETIME UnixToFileTime(int64_t seconds, int64_t nanoseconds = 0);
 // Seconds and nanoseconds since 1970 of a FILETIME (may be negative).

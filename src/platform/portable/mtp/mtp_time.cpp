@@ -25,16 +25,6 @@ bool Digits(const std::string& s, size_t pos, size_t n, int* out) {
   return true;
 }
 
-// Days since 1970-01-01 of a proleptic Gregorian date (civil calendar).
-int64_t DaysFromCivil(int64_t y, int m, int d) {
-  y -= m <= 2;
-  const int64_t era = (y >= 0 ? y : y - 399) / 400;
-  const int64_t yoe = y - era * 400;
-  const int64_t doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
-  const int64_t doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  return era * 146097 + doe - 719468;
-}
-
 bool ValidFields(int y, int mo, int d, int h, int mi, int s) {
   static const int kDays[] = {31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
   if (y < 1601 || y > 9999 || mo < 1 || mo > 12 || d < 1 || h > 23 || mi > 59 || s > 59) return false;
@@ -88,7 +78,7 @@ bool ParseMtpDate(const std::string& text, int64_t* unixSeconds) {
     *unixSeconds = static_cast<int64_t>(t);
     return true;
   }
-  *unixSeconds = DaysFromCivil(y, mo, d) * 86400 + h * 3600 + mi * 60 + s - offset;
+  *unixSeconds = qb::sys::DaysFromCivil(y, static_cast<unsigned>(mo), static_cast<unsigned>(d)) * 86400 + h * 3600 + mi * 60 + s - offset;
   return true;
 }
 
