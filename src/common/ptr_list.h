@@ -2,7 +2,10 @@
 // PtrList: the growable list of owned heap objects that crosses most of the
 // program's interfaces. Room for 20 entries at first, growing by 20; an index
 // outside the list reads as null; removing an entry moves the later ones down;
-// clearing frees every entry.
+// clearing frees every entry. The capacity is the designed counter; the
+// storage itself grows geometrically, so a list of 100,000 entries is not
+// copied every 20 adds and an empty list costs no array.
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <utility>
@@ -13,7 +16,7 @@ class PtrList {
  public:
   static constexpr uint32_t kGrowBy = 20;
 
-  PtrList() { items_.reserve(kGrowBy); }
+  PtrList() = default;
   PtrList(PtrList&&) noexcept = default;
   PtrList& operator=(PtrList&&) noexcept = default;
 
@@ -69,10 +72,7 @@ class PtrList {
 
  private:
   void Grow() {
-    if (items_.size() == capacity_) {
-      capacity_ += kGrowBy;
-      items_.reserve(capacity_);
-    }
+    if (items_.size() == capacity_) capacity_ += kGrowBy;
   }
 
   std::vector<std::unique_ptr<T>> items_;

@@ -30,7 +30,6 @@
 #include "directory/download_region.h"
 #include "directory/find_data.h"
 #include "directory/mutex_rw.h"
-#include "directory/owned_list.h"
 #include "platform/system/wintypes.h"
 
 class CDirectory;
@@ -152,7 +151,7 @@ struct DeviceListingRecord {
 
 class CDirectory {
  public:
-  using ItemList = OwnedList<DirectoryItem>;
+  using ItemList = PtrList<DirectoryItem>;
   using StringList = PtrList<std::string>;
 
   // Selection bits of Dump.

@@ -3,11 +3,11 @@
 // (pRegionsToDownload). The regions themselves belong to the read path: it
 // derives its record (end offset, done event, status) from DownloadRegionBase,
 // so the tree can own and free them without knowing their fields.
-#include "directory/owned_list.h"
+#include "common/ptr_list.h"
 
 struct DownloadRegionBase {
   virtual ~DownloadRegionBase() = default;
 };
 
 // Owned by the item; an empty list costs no array.
-using DownloadRegionList = OwnedList<DownloadRegionBase>;
+using DownloadRegionList = PtrList<DownloadRegionBase>;
