@@ -118,6 +118,8 @@ class Key {
   std::string Path() const;
 
  private:
+  // Points this handle at a key that was found or made (closing what it held).
+  void Attach(Hive root, std::vector<std::string> path, REGSAM sam);
   DWORD RequireOpen() const;
   DWORD RequireWrite(REGSAM right) const;
 

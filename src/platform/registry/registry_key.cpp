@@ -97,11 +97,7 @@ DWORD Key::Open(Hive root, std::string_view subKey, REGSAM sam) {
     return Resolve(tree, path) ? ERROR_SUCCESS : ERROR_FILE_NOT_FOUND;
   });
   if (rc != ERROR_SUCCESS) return rc;
-  Close();
-  hive_ = root;
-  path_ = std::move(path);
-  sam_ = sam;
-  open_ = true;
+  Attach(root, std::move(path), sam);
   return ERROR_SUCCESS;
 }
 
@@ -116,11 +112,7 @@ DWORD Key::Open(const Key& parent, std::string_view subKey, REGSAM sam) {
     return Resolve(tree, path) ? ERROR_SUCCESS : ERROR_FILE_NOT_FOUND;
   });
   if (rc != ERROR_SUCCESS) return rc;
-  Close();
-  hive_ = root;
-  path_ = std::move(path);
-  sam_ = sam;
-  open_ = true;
+  Attach(root, std::move(path), sam);
   return ERROR_SUCCESS;
 }
 
@@ -146,12 +138,16 @@ DWORD Key::Create(Hive root, std::string_view subKey, REGSAM sam, bool* created)
   }
   if (rc != ERROR_SUCCESS) return rc;
   if (created) *created = made;
+  Attach(root, std::move(path), sam);
+  return ERROR_SUCCESS;
+}
+
+void Key::Attach(Hive root, std::vector<std::string> path, REGSAM sam) {
   Close();
   hive_ = root;
   path_ = std::move(path);
   sam_ = sam;
   open_ = true;
-  return ERROR_SUCCESS;
 }
 
 DWORD Key::Create(const Key& parent, std::string_view subKey, REGSAM sam, bool* created) {
@@ -182,11 +178,7 @@ DWORD Key::Create(const Key& parent, std::string_view subKey, REGSAM sam, bool* 
   }
   if (rc != ERROR_SUCCESS) return rc;
   if (created) *created = made;
-  Close();
-  hive_ = root;
-  path_ = std::move(path);
-  sam_ = sam;
-  open_ = true;
+  Attach(root, std::move(path), sam);
   return ERROR_SUCCESS;
 }
 
