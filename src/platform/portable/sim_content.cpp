@@ -152,8 +152,9 @@ class SimContent : public IPortableDeviceContent {
       names.push_back(name);
     }
     std::sort(names.begin(), names.end());
-    std::vector<std::string> ids;
-    for (const auto& name : names) ids.push_back(s_->state->IdForPath(ref.rel + "/" + name));
+    std::vector<std::string> rels;
+    for (const auto& name : names) rels.push_back(ref.rel + "/" + name);
+    std::vector<std::string> ids = s_->state->IdsForPaths(rels);
     s_->state->SaveIndex();
     return ids;
   }

@@ -1,8 +1,13 @@
 // Simulated devices on disk: their property files, faults, connection state.
 #include "platform/portable/sim_devices.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <chrono>
+#include <cstdio>
 #include <system_error>
+#include <thread>
 
 #include "common/strings.h"
 #include "platform/portable/portable.h"
@@ -185,14 +190,47 @@ bool FindDevice(const std::string& name, fs::path* folder, std::string* error) {
   return false;
 }
 
+namespace {
+
+// Deletes a folder tree that other processes may still write to while they
+// notice the device is gone (lock files, an index save, an upload's
+// .partial/): each round removes what the last one missed.
+bool RemoveTree(const fs::path& dir, std::error_code* ec) {
+  constexpr int kRounds = 50;  // 20 ms apart: at most about a second
+  for (int round = 0; round < kRounds; ++round) {
+    ec->clear();
+    fs::remove_all(dir, *ec);
+    std::error_code probe;
+    if (!fs::exists(dir, probe) && !probe) {
+      ec->clear();
+      return true;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  if (!*ec) *ec = std::make_error_code(std::errc::directory_not_empty);
+  return false;
+}
+
+}  // namespace
+
 bool RemoveDevice(const fs::path& folder, std::string* error) {
   std::error_code ec;
   if (!fs::exists(folder / kDeviceFile, ec)) {
     if (error) *error = folder.string() + " is not a simulated device";
     return false;
   }
-  fs::remove_all(folder, ec);
+  // device.ini goes first: every process that has the device open sees it
+  // gone from then on and writes nothing more back. Then the folder moves
+  // to a hidden name, so nobody reaches it by its path while it is deleted.
+  fs::remove(folder / kDeviceFile, ec);
   if (ec) {
+    if (error) *error = "cannot remove " + folder.string() + ": " + ec.message();
+    return false;
+  }
+  fs::path doomed = folder.parent_path() /
+                    qb::Format(".removing-%s-%d", folder.filename().string().c_str(), static_cast<int>(getpid()));
+  if (rename(folder.c_str(), doomed.c_str()) != 0) doomed = folder;
+  if (!RemoveTree(doomed, &ec)) {
     if (error) *error = "cannot remove " + folder.string() + ": " + ec.message();
     return false;
   }

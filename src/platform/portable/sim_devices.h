@@ -79,7 +79,8 @@ std::vector<DeviceSpec> ListDevices();
 // friendly name ignoring ASCII case); false with a message when none or
 // several match.
 bool FindDevice(const std::string& name, std::filesystem::path* folder, std::string* error);
-// Deletes the device folder (raises "device removed" for open devices).
+// Deletes the device folder (raises "device removed" for open devices),
+// also while other processes still have it open and write to it.
 bool RemoveDevice(const std::filesystem::path& folder, std::string* error);
 bool SetConnected(const std::filesystem::path& folder, bool connected, std::string* error);
 

@@ -143,9 +143,44 @@ HRESULT SimDeviceState::Resolve(const std::string& id, ObjRef* ref) {
   return S_OK;
 }
 
+// Every new id is taken under the index lock, after taking in what other
+// processes wrote: an object another process already entered keeps the id
+// it got there, and the file's next free handle moves on before the lock
+// is let go, so no two processes ever hand out the same id.
+std::vector<std::string> SimDeviceState::IdsLocked(const std::vector<std::string>& rels) {
+  std::vector<std::string> ids(rels.size());
+  bool missing = false;
+  for (size_t i = 0; i < rels.size(); ++i) {
+    ids[i] = KnownIdLocked(rels[i]);
+    if (ids[i].empty()) missing = true;
+  }
+  if (!missing) return ids;
+  IndexLock lock(folder_);
+  if (!lock.Held()) Trace("SD2@SimDeviceState::IdsLocked: ", "index lock not got in time; going on without it");
+  MergeFileLocked();
+  for (size_t i = 0; i < rels.size(); ++i) {
+    if (!ids[i].empty()) continue;
+    ids[i] = KnownIdLocked(rels[i]);
+    if (ids[i].empty()) ids[i] = NewIdLocked(rels[i]);
+  }
+  WriteFileLocked();
+  return ids;
+}
+
+std::string SimDeviceState::KnownIdLocked(const std::string& rel) const {
+  if (rel.find('/') == std::string::npos) {
+    for (size_t i = 0; i < spec_.storages.size(); ++i)
+      if (spec_.storages[i].folder == rel) return StorageId(i);
+  }
+  auto it = pathToId_.find(rel);
+  return it == pathToId_.end() ? std::string() : it->second;
+}
+
 std::string SimDeviceState::NewIdLocked(const std::string& rel) {
-  if (blockNext_ >= blockEnd_) ReserveBlockLocked();
-  std::string id = qb::Format("o%llX", static_cast<unsigned long long>(blockNext_++));
+  std::string id;
+  do {
+    id = qb::Format("o%llX", static_cast<unsigned long long>(nextHandle_++));
+  } while (entries_.count(id) || forgotten_.count(id));
   IndexEntry e;
   e.id = id;
   e.puid = RandomPuid();
@@ -158,23 +193,17 @@ std::string SimDeviceState::NewIdLocked(const std::string& rel) {
 
 std::string SimDeviceState::IdForPath(const std::string& rel) {
   std::lock_guard<std::mutex> lock(m_);
-  if (rel.find('/') == std::string::npos) {
-    for (size_t i = 0; i < spec_.storages.size(); ++i)
-      if (spec_.storages[i].folder == rel) return StorageId(i);
-  }
-  auto it = pathToId_.find(rel);
-  if (it != pathToId_.end()) return it->second;
-  return NewIdLocked(rel);
+  return IdsLocked({rel}).front();
+}
+
+std::vector<std::string> SimDeviceState::IdsForPaths(const std::vector<std::string>& rels) {
+  std::lock_guard<std::mutex> lock(m_);
+  return IdsLocked(rels);
 }
 
 std::string SimDeviceState::LookupId(const std::string& rel) {
   std::lock_guard<std::mutex> lock(m_);
-  if (rel.find('/') == std::string::npos) {
-    for (size_t i = 0; i < spec_.storages.size(); ++i)
-      if (spec_.storages[i].folder == rel) return StorageId(i);
-  }
-  auto it = pathToId_.find(rel);
-  return it == pathToId_.end() ? std::string() : it->second;
+  return KnownIdLocked(rel);
 }
 
 std::string SimDeviceState::ParentIdForPath(const std::string& rel) {
@@ -330,16 +359,6 @@ void SimDeviceState::LoadIndexLocked() {
 void SimDeviceState::SaveIndexLocked() {
   IndexLock lock(folder_);
   MergeFileLocked();
-  WriteFileLocked();
-}
-
-void SimDeviceState::ReserveBlockLocked() {
-  constexpr uint64_t kBlock = 4096;
-  IndexLock lock(folder_);
-  MergeFileLocked();
-  blockNext_ = nextHandle_;
-  blockEnd_ = blockNext_ + kBlock;
-  nextHandle_ = blockEnd_;
   WriteFileLocked();
 }
 

@@ -65,8 +65,11 @@ class SimDeviceState : public std::enable_shared_from_this<SimDeviceState> {
   HRESULT Resolve(const std::string& id, ObjRef* ref);
   std::filesystem::path PathOf(const std::string& rel) const { return folder_ / rel; }
   std::string StorageId(size_t index) const;
-  // Id of the content object at `rel`, assigned when new. Takes m_.
+  // Id of the content object at `rel`, assigned when new. Takes m_ and,
+  // for a new one, the index file's lock.
   std::string IdForPath(const std::string& rel);
+  // The same for several paths under one hold of the index lock.
+  std::vector<std::string> IdsForPaths(const std::vector<std::string>& rels);
   // Id of the object at `rel` when known, else empty (never assigns).
   std::string LookupId(const std::string& rel);
   // Id of the folder or storage holding `rel`.
@@ -96,16 +99,18 @@ class SimDeviceState : public std::enable_shared_from_this<SimDeviceState> {
 
  private:
   explicit SimDeviceState(std::filesystem::path folder);
-  // index.ini is shared by every process that opens the device: each takes
-  // ids from a block of handles it reserved in the file, and a save first
-  // takes in what others wrote meanwhile. All three run under m_ and take
-  // the file lock themselves.
+  // index.ini is shared by every process that opens the device. A new id
+  // is only taken with the file lock held, right after taking in what the
+  // others wrote (so an object they entered keeps their id), and the file
+  // is written before the lock goes; a save too first takes in what the
+  // others wrote. These run under m_ and take the file lock themselves.
   void LoadIndexLocked();
   void SaveIndexLocked();
-  void ReserveBlockLocked();
+  std::vector<std::string> IdsLocked(const std::vector<std::string>& rels);
   void MergeFileLocked();   // the file lock held
   void WriteFileLocked();   // the file lock held
-  std::string NewIdLocked(const std::string& rel);
+  std::string KnownIdLocked(const std::string& rel) const;
+  std::string NewIdLocked(const std::string& rel);  // the file lock held, file merged
   void ReloadSpecLocked();
 
   // Set once.
@@ -118,7 +123,6 @@ class SimDeviceState : public std::enable_shared_from_this<SimDeviceState> {
   std::map<std::string, IndexEntry> entries_;       // by id
   std::map<std::string, std::deque<std::string>> tombstones_;  // rel -> ids
   uint64_t nextHandle_ = 0x100;   // the file's next free handle as we know it
-  uint64_t blockNext_ = 0, blockEnd_ = 0;  // our reserved handles
   std::set<std::string> forgotten_;  // ids this process saw go: never taken back from the file
   bool dirty_ = false;
   std::map<std::string, std::shared_ptr<IPortableDeviceEventCallback>> sinks_;

@@ -172,7 +172,7 @@ HRESULT MakeSimUploadStream(std::shared_ptr<SimSession> session, const std::stri
                             std::unique_ptr<IPortableDeviceDataStream>* stream) {
   fs::path partial = session->state->Folder() / kPartialDir;
   std::error_code ec;
-  fs::create_directories(partial, ec);
+  fs::create_directory(partial, ec);  // never brings back a device folder that was removed
   fs::path temp = partial / qb::Format("%d-%llu.part", static_cast<int>(getpid()),
                                        static_cast<unsigned long long>(++g_uploadCounter));
   int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);

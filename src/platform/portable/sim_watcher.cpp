@@ -123,9 +123,15 @@ void SimWatcher::WatchTree(const std::string& rel, bool announce) {
     std::error_code ec2;
     children.emplace_back(rel + "/" + name, entry.is_directory(ec2) && !entry.is_symlink(ec2));
   }
+  // Everything found in a folder that just appeared is new to our sinks,
+  // even when its id is already known (another process or the model of
+  // this one may have entered it in the index first). A change the new
+  // watch reports for it afterwards is not announced a second time.
   for (const auto& [child, dir] : children) {
-    bool known = state_->KnowsPath(child);
-    if (announce && !known) Raise(WPD_EVENT_OBJECT_ADDED, state_->IdForPath(child), child, dir);
+    if (announce && !pendingCreate_.count(child)) {
+      scanned_.insert(child);
+      Raise(WPD_EVENT_OBJECT_ADDED, state_->IdForPath(child), child, dir);
+    }
     if (dir) WatchTree(child, announce);
   }
 }
@@ -171,6 +177,9 @@ void SimWatcher::ProcessBatch(const char* buf, ssize_t len) {
     if (name.empty() || (it->second.find('/') == std::string::npos && IsOurFile(name))) continue;
     std::string rel = it->second + "/" + name;
     bool dir = (ev->mask & IN_ISDIR) != 0;
+    // Found by the scan of its new folder: already announced (and watched).
+    const bool scanned = scanned_.erase(rel) != 0;
+    if (scanned && ((ev->mask & IN_CREATE) || ((ev->mask & IN_MOVED_TO) && !moves.count(ev->cookie)))) continue;
     if (ev->mask & IN_CREATE) OnCreate(rel, dir);
     if (ev->mask & IN_CLOSE_WRITE) {
       bool added = pendingCreate_.erase(rel) != 0;
@@ -213,6 +222,7 @@ void SimWatcher::OnCreate(const std::string& rel, bool dir) {
 
 void SimWatcher::OnDelete(const std::string& rel, bool dir) {
   pendingCreate_.erase(rel);
+  ForgetScannedUnder(rel);
   IndexEntry e = state_->TakeRemovedEntry(rel);
   if (dir) {
     DropWatchesUnder(rel);
@@ -223,10 +233,16 @@ void SimWatcher::OnDelete(const std::string& rel, bool dir) {
 
 void SimWatcher::OnMoved(const std::string& from, const std::string& to, bool dir) {
   if (pendingCreate_.erase(from)) pendingCreate_[to] = true;
+  ForgetScannedUnder(from);
+  ForgetScannedUnder(to);
   bool wasKnown = state_->KnowsPath(to) || state_->KnowsPath(from);
   if (!state_->KnowsPath(to)) state_->RenamePath(from, to);
   if (dir) RenameWatches(from, to);
   Raise(wasKnown ? WPD_EVENT_OBJECT_UPDATED : WPD_EVENT_OBJECT_ADDED, state_->IdForPath(to), to, dir);
+}
+
+void SimWatcher::ForgetScannedUnder(const std::string& rel) {
+  std::erase_if(scanned_, [&](const std::string& p) { return p == rel || IsUnder(p, rel); });
 }
 
 void SimWatcher::DropWatchesUnder(const std::string& rel) {

@@ -17,6 +17,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -54,6 +55,7 @@ class SimWatcher : public std::enable_shared_from_this<SimWatcher> {
   void OnCreate(const std::string& rel, bool dir);
   void OnDelete(const std::string& rel, bool dir);
   void OnMoved(const std::string& from, const std::string& to, bool dir);
+  void ForgetScannedUnder(const std::string& rel);
   void DropWatchesUnder(const std::string& rel);
   void RenameWatches(const std::string& from, const std::string& to);
 
@@ -68,6 +70,7 @@ class SimWatcher : public std::enable_shared_from_this<SimWatcher> {
   // Watcher thread only.
   std::map<int, std::string> wdToRel_;  // "" is the device folder itself
   std::map<std::string, bool> pendingCreate_;  // files created, not yet closed
+  std::set<std::string> scanned_;  // announced by the scan of a new folder; no event for them since
   bool gone_ = false;
   // Under queueMutex_.
   std::mutex queueMutex_;

@@ -1,6 +1,10 @@
 // Events of simulated devices: changes through the model, changes made to
 // the folder by others, and removal of the device.
+#include <unistd.h>
+
 #include <cstdlib>
+#include <fstream>
+#include <set>
 
 #include "platform/portable/sim_devices.h"
 #include "sim_fixture.h"
@@ -192,6 +196,94 @@ TEST_F(SimEventsTest, AfterUnadviseTheSinkHearsNothing) {
   EXPECT_TRUE(sink_->Events().empty());
   EXPECT_EQ(device_->Unadvise(cookie), S_OK);
   cookie_.clear();
+}
+
+// Another process (this test program, running only the helper below) makes
+// a folder and uploads a file into it while this one listens: the events
+// here carry the ids and persistent unique ids that process got, never an id
+// already in use, and the objects read back under those ids.
+TEST_F(SimEventsTest, ObjectsMadeByAnotherProcessArriveWithTheirOwnIds) {
+  WriteFile("a-internal/Download/readme.txt", "read me");
+  WriteFile("a-internal/notes.txt", "notes");
+  // This process knows some objects (and so has taken ids) before the other starts.
+  std::set<std::string> known;
+  const std::string download = ChildNamed(*content_, "s10001", "Download");
+  ASSERT_FALSE(download.empty());
+  for (const std::string& parent : {std::string("s10001"), download})
+    for (const auto& id : Children(*content_, parent)) known.insert(id);
+  ASSERT_EQ(known.size(), 3u);
+
+  const std::string report = (home_.Path() / "child-ids.txt").string();
+  const std::string cmd = "QB_SIM_UPLOAD_CHILD='" + report + "' /proc/" + std::to_string(getpid()) +
+                          "/exe --gtest_filter=SimUploadChild.MakesAFolderAndUploads >/dev/null 2>&1";
+  ASSERT_EQ(std::system(cmd.c_str()), 0);
+  std::ifstream in(report);
+  std::string inboxId, inboxPuid, putId, putPuid;
+  ASSERT_TRUE(in >> inboxId >> inboxPuid >> putId >> putPuid);
+
+  SeenEvent inbox, put;
+  ASSERT_TRUE(sink_->WaitFor(WPD_EVENT_OBJECT_ADDED, "Inbox", &inbox));
+  ASSERT_TRUE(sink_->WaitFor(WPD_EVENT_OBJECT_ADDED, "put.txt", &put));
+  EXPECT_EQ(inbox.objectId, inboxId);
+  EXPECT_EQ(inbox.puid, inboxPuid);
+  EXPECT_EQ(put.objectId, putId);
+  EXPECT_EQ(put.puid, putPuid);
+  EXPECT_EQ(put.parentId, inboxId);
+  EXPECT_EQ(known.count(put.objectId), 0u);
+  EXPECT_EQ(known.count(inbox.objectId), 0u);
+
+  qp::PortableDeviceValues props;
+  ASSERT_EQ(props_->GetValues(put.objectId, nullptr, &props), S_OK);
+  std::string name;
+  EXPECT_EQ(props.GetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, &name), S_OK);
+  EXPECT_EQ(name, "put.txt");
+  uint64_t size = 0;
+  EXPECT_EQ(props.GetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, &size), S_OK);
+  EXPECT_EQ(size, 3u);
+  // The objects known before still answer as themselves.
+  ASSERT_EQ(props_->GetValues(download, nullptr, &props), S_OK);
+  EXPECT_EQ(props.GetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, &name), S_OK);
+  EXPECT_EQ(name, "Download");
+  EXPECT_EQ(ChildNamed(*content_, "s10001", "Inbox"), inboxId);
+}
+
+// Run by ObjectsMadeByAnotherProcessArriveWithTheirOwnIds in a process of its own.
+TEST(SimUploadChild, MakesAFolderAndUploads) {
+  const char* report = std::getenv("QB_SIM_UPLOAD_CHILD");
+  if (!report) GTEST_SKIP() << "helper of another test";
+  auto device = qp::CreatePortableDevice();
+  ASSERT_EQ(device->Open(qp::sim::SimPnpId(qp::sim::ListDevices().at(0)), qp::PortableDeviceValues{}), S_OK);
+  std::shared_ptr<qp::IPortableDeviceContent> content;
+  ASSERT_EQ(device->Content(&content), S_OK);
+  std::shared_ptr<qp::IPortableDeviceProperties> props;
+  ASSERT_EQ(content->Properties(&props), S_OK);
+  ASSERT_FALSE(Children(*content, "s10001").empty());  // takes ids of its own first
+
+  qp::PortableDeviceValues v;
+  v.SetStringValue(WPD_OBJECT_PARENT_ID, "s10001");
+  v.SetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, "Inbox");
+  v.SetGuidValue(WPD_OBJECT_CONTENT_TYPE, WPD_CONTENT_TYPE_FOLDER);
+  std::string inbox;
+  ASSERT_EQ(content->CreateObjectWithPropertiesOnly(v, &inbox), S_OK);
+  v.Clear();
+  v.SetStringValue(WPD_OBJECT_PARENT_ID, inbox);
+  v.SetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, "put.txt");
+  std::unique_ptr<qp::IPortableDeviceDataStream> stream;
+  ASSERT_EQ(content->CreateObjectWithPropertiesAndData(v, &stream, nullptr), S_OK);
+  uint32_t written = 0;
+  ASSERT_EQ(stream->Write("put", 3, &written), S_OK);
+  ASSERT_EQ(stream->Commit(qp::STGC_DEFAULT), S_OK);
+  std::string put;
+  ASSERT_EQ(stream->GetObjectID(&put), S_OK);
+
+  std::ofstream out(report);
+  for (const std::string& id : {inbox, put}) {
+    qp::PortableDeviceValues got;
+    ASSERT_EQ(props->GetValues(id, nullptr, &got), S_OK);
+    std::string puid;
+    ASSERT_EQ(got.GetStringValue(WPD_OBJECT_PERSISTENT_UNIQUE_ID, &puid), S_OK);
+    out << id << " " << puid << "\n";
+  }
 }
 
 }  // namespace

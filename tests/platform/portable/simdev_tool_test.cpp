@@ -1,7 +1,13 @@
 // quillbox-simdev from the outside, and the demo device it makes.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <thread>
 #include <fstream>
 #include <sstream>
 
@@ -188,6 +194,51 @@ TEST(JpegWriter, OddSizesStayWellFormed) {
   for (size_t i = 0; i < px.size(); ++i) px[i] = {static_cast<uint8_t>(i * 40), 255, static_cast<uint8_t>(i)};
   ExpectWellFormedJpeg(qb::portable::sim::EncodeJpeg(13, 5, px, 95));
   EXPECT_TRUE(qb::portable::sim::EncodeJpeg(4, 4, px, 80).empty());  // wrong pixel count
+}
+
+// Another holder of the device keeps making files in its folder (lock
+// files, uploads under .partial/) until it notices the device is gone;
+// removing the device still succeeds and leaves nothing behind.
+TEST_F(SimdevToolTest, RemoveWhileTheDeviceIsOpenAndWrittenTo) {
+  ASSERT_EQ(Run("create cam2 --storage card").code, 0);
+  const auto folder = qb::portable::sim::DeviceFolder("cam2");
+  qb::portable::sim::DeviceSpec spec;
+  ASSERT_TRUE(qb::portable::sim::ReadDevice(folder, &spec, nullptr));
+  auto device = qp::CreatePortableDevice();
+  ASSERT_EQ(device->Open(qb::portable::sim::SimPnpId(spec), qp::PortableDeviceValues{}), S_OK);
+  auto sink = std::make_shared<RecordingSink>();
+  std::string cookie;
+  ASSERT_EQ(device->Advise(0, sink, nullptr, &cookie), S_OK);
+  std::shared_ptr<qp::IPortableDeviceContent> content;
+  ASSERT_EQ(device->Content(&content), S_OK);
+  qp::PortableDeviceValues v;
+  v.SetStringValue(WPD_OBJECT_PARENT_ID, "s10001");
+  v.SetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, "half.bin");
+  std::unique_ptr<qp::IPortableDeviceDataStream> upload;  // open under .partial/
+  ASSERT_EQ(content->CreateObjectWithPropertiesAndData(v, &upload, nullptr), S_OK);
+
+  std::atomic<bool> done{false};
+  std::thread peer([&] {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    for (int i = 0; !done && std::chrono::steady_clock::now() < deadline; ++i) {
+      ::mkdir((folder / ".partial").c_str(), 0755);
+      for (const auto& f : {folder / ".partial" / ("peer-" + std::to_string(i)), folder / "index.lock"}) {
+        int fd = ::open(f.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        if (fd >= 0) ::close(fd);
+      }
+      std::this_thread::yield();
+    }
+  });
+  const ToolResult r = Run("remove cam2");
+  done = true;
+  peer.join();
+  EXPECT_EQ(r.code, 0) << r.out;
+  EXPECT_FALSE(std::filesystem::exists(folder));
+  EXPECT_TRUE(sink->WaitFor([](const SeenEvent& e) { return e.id == WPD_EVENT_DEVICE_REMOVED; }));
+  EXPECT_NE(upload->Commit(qp::STGC_DEFAULT), S_OK);
+  upload.reset();
+  EXPECT_TRUE(std::filesystem::is_empty(folder.parent_path())) << "left behind in " << folder.parent_path();
+  device->Unadvise(cookie);
 }
 
 }  // namespace
