@@ -13,8 +13,12 @@
 #include "platform/system/clock.h"
 #include "platform/system/codes.h"
 #include "platform/system/named_mutex.h"
+#include "platform/system/paths.h"
 
 namespace qb::app {
+
+std::string SharedMutexNamePrefix() { return sys::SharedSectionName().substr(1) + ".mutex."; }
+
 namespace {
 
 constexpr uint32_t kHandleSignature = Signature("QSGH");
@@ -66,7 +70,7 @@ uint64_t CSharedHandle::Add(uint64_t handle, pid_t pid) {
   if (handle == 0) {
     // A mutex that other instances can reach is always a named semaphore
     // here, so the table becomes named whatever it was initialised as.
-    std::string name = qb::Format("Quillbox.%" PRIi64, sys::QueryPerformanceCounter());
+    std::string name = SharedMutexNamePrefix() + qb::Format("%" PRIi64, sys::QueryPerformanceCounter());
     auto mutex = sys::NamedMutex::Create(name);
     if (!mutex) {
       Trace("G21@CSharedHandle::Add: ", "RETURN[2]: RC=0x%08X (%s)", 0, CodeToName(0));

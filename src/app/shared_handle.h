@@ -7,9 +7,14 @@
 //
 // The struct is the table's bytes (808); its functions work in place.
 #include <cstdint>
+#include <string>
 #include <sys/types.h>
 
 namespace qb::app {
+
+// Names of the mutexes the instances share begin with this (the section's
+// name), so that a new section can clear what killed instances left.
+std::string SharedMutexNamePrefix();
 
 struct CSharedHandle {
   uint32_t bNamed;            // 1: a named mutex others open by name

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "app/neighbours.h"
+#include "app/shared_handle.h"
 #include "common/strings.h"
 #include "diag/trace.h"
 #include "platform/system/child_handles.h"
@@ -77,6 +78,8 @@ void CSuperGlobals::Init(bool agent) {
   m_pView = static_cast<SharedSectionLayout*>(m_Section.Data());
 
   const bool perProcess = PerProcessLogApplies(flags);
+  // No instance holds a new section, so no one holds its mutexes either.
+  if (m_Section.IsNew()) sys::NamedMutex::RemoveAllWithPrefix(SharedMutexNamePrefix());
   if (m_Section.IsNew() || perProcess)
     SetUpAsFirstInstance(sharedLog, m_Section.IsNew() && !perProcess);
   else if (sharedLog)

@@ -10,6 +10,7 @@
 #include <signal.h>
 
 #include "app/run_process.h"
+#include "app/shared_handle.h"
 #include "app/super_globals.h"
 #include "platform/system/child_handles.h"
 #include "platform/system/named_mutex.h"
@@ -106,6 +107,15 @@ TEST_F(SharedSectionTest, SecondInstanceSeesTheFirstsDrive) {
   EXPECT_EQ(g.View()->dwInstances, 1u);
 }
 
+// Semaphores in /dev/shm that belong to this test's section.
+int SectionSemaphores() {
+  const std::string prefix = "sem." + qb::app::SharedMutexNamePrefix();
+  int n = 0;
+  for (const auto& e : std::filesystem::directory_iterator("/dev/shm"))
+    if (e.path().filename().string().rfind(prefix, 0) == 0) ++n;
+  return n;
+}
+
 TEST_F(SharedSectionTest, SectionOfAKilledInstanceIsTakenAsNew) {
   {
     qbtest::BackgroundProcess holder({QB_APP_HELPER, "hold", "k", "held-device"});
@@ -114,10 +124,13 @@ TEST_F(SharedSectionTest, SectionOfAKilledInstanceIsTakenAsNew) {
     holder.Signal(SIGKILL);
     ASSERT_TRUE(holder.Wait(10s, nullptr));
   }
+  // The killed instance's log mutex is left behind until a new section clears it.
+  EXPECT_EQ(SectionSemaphores(), 1);
   CSuperGlobals g;
   g.Init(false);
   ASSERT_TRUE(g.IsInitialized());
   EXPECT_TRUE(g.IsNewSection());
+  EXPECT_EQ(SectionSemaphores(), 1);  // only this instance's own
   EXPECT_FALSE(g.IsDriveMapped('k'));
   EXPECT_EQ(g.View()->dwInstances, 1u);
 }

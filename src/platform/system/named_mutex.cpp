@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <filesystem>
 
 namespace qb::sys {
 
@@ -34,6 +35,18 @@ std::unique_ptr<NamedMutex> NamedMutex::Open(const std::string& name) {
 
 bool NamedMutex::Remove(const std::string& name) {
   return sem_unlink(NamedMutexPosixName(name).c_str()) == 0;
+}
+
+int NamedMutex::RemoveAllWithPrefix(const std::string& prefix) {
+  // Linux keeps named semaphores as /dev/shm/sem.<name>.
+  const std::string wanted = "sem." + NamedMutexPosixName(prefix).substr(1);
+  std::error_code ec;
+  int removed = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", ec)) {
+    const std::string file = entry.path().filename().string();
+    if (file.rfind(wanted, 0) == 0 && Remove(file.substr(4))) ++removed;
+  }
+  return removed;
 }
 
 NamedMutex::~NamedMutex() { sem_close(sem_); }

@@ -28,6 +28,10 @@ class NamedMutex {
   static std::unique_ptr<NamedMutex> Open(const std::string& name);
   // Removes the name; instances that hold it open keep working.
   static bool Remove(const std::string& name);
+  // Removes every name that begins with `prefix`; only for names that no
+  // running process can hold (left behind by instances that were killed).
+  // Returns how many went.
+  static int RemoveAllWithPrefix(const std::string& prefix);
 
   ~NamedMutex();
   NamedMutex(const NamedMutex&) = delete;
