@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <filesystem>
 
+#include "platform/portable/object_batch.h"
 #include "platform/portable/sim_session.h"
 #include "platform/portable/sim_streams.h"
 
@@ -178,22 +179,12 @@ class SimContent : public IPortableDeviceContent {
     return S_OK;
   }
 
-  template <typename Fn>
+  // Each object in turn, then the index once for the whole batch.
+  template <class Fn>
   HRESULT ForEach(const std::vector<std::string>& ids, std::vector<PROPVARIANT>* results, Fn fn) {
-    if (results) results->clear();
-    HRESULT last = S_OK;
-    size_t failed = 0;
-    for (const auto& id : ids) {
-      HRESULT one = fn(id);
-      if (results) results->push_back(PROPVARIANT::Error(one));
-      if (FAILED(one)) {
-        ++failed;
-        last = one;
-      }
-    }
+    const HRESULT hr = ForEachObject(ids, results, fn);
     s_->state->SaveIndex();
-    if (failed == 0) return S_OK;
-    return ids.size() == 1 ? last : S_FALSE;
+    return hr;
   }
 
   HRESULT DeleteOne(const std::string& id, uint32_t options) {

@@ -8,6 +8,7 @@
 
 #include "diag/trace.h"
 #include "platform/portable/mtp/mtp_formats.h"
+#include "platform/portable/object_batch.h"
 #include "platform/portable/mtp/mtp_streams.h"
 #include "platform/portable/mtp/mtp_time.h"
 
@@ -146,38 +147,14 @@ class MtpContent : public IPortableDeviceContent, public std::enable_shared_from
   HRESULT Delete(uint32_t options, const std::vector<std::string>& objectIds,
                  std::vector<PROPVARIANT>* results) override {
     if (s_->ReadOnly()) return E_ACCESSDENIED;
-    if (results) results->clear();
-    size_t failed = 0;
-    HRESULT last = S_OK;
-    for (const auto& id : objectIds) {
-      HRESULT one = DeleteOne(options, id);
-      if (results) results->push_back(PROPVARIANT::Error(one));
-      if (FAILED(one)) {
-        ++failed;
-        last = one;
-      }
-    }
-    if (objectIds.size() == 1) return last;
-    return failed ? S_FALSE : S_OK;
+    return ForEachObject(objectIds, results, [&](const std::string& id) { return DeleteOne(options, id); });
   }
 
   HRESULT Move(const std::vector<std::string>& objectIds, const std::string& destinationFolderId,
                std::vector<PROPVARIANT>* results) override {
     if (!s_->CanMove()) return E_ERROR_NOT_SUPPORTED;
     if (s_->ReadOnly()) return E_ACCESSDENIED;
-    if (results) results->clear();
-    size_t failed = 0;
-    HRESULT last = S_OK;
-    for (const auto& id : objectIds) {
-      HRESULT one = MoveOne(id, destinationFolderId);
-      if (results) results->push_back(PROPVARIANT::Error(one));
-      if (FAILED(one)) {
-        ++failed;
-        last = one;
-      }
-    }
-    if (objectIds.size() == 1) return last;
-    return failed ? S_FALSE : S_OK;
+    return ForEachObject(objectIds, results, [&](const std::string& id) { return MoveOne(id, destinationFolderId); });
   }
 
  private:
