@@ -5,8 +5,12 @@
 //
 // Locks, in the order in which they may be nested:
 //   ActiveDrives' registry mutex (dokan_linux.cpp) -> notifyMutex_;
+//   opensMutex_ -> Open::lent (shared; taken there only for listed opens,
+//   which nobody holds exclusively, so it never waits);
 //   opensMutex_, Open::mutex and the node table's mutex are leaves: no
 //   operation of the table is ever called while one of them is held.
+//   Open::lent is held across one table call: shared by a request that
+//   borrowed the open, exclusively by its Cleanup and CloseFile.
 #define FUSE_USE_VERSION 312
 #include <fuse3/fuse_lowlevel.h>
 
@@ -136,8 +140,7 @@ class Drive {
   int NamedPathOf(uint64_t node, std::string* path) const;
   // Path for requests on an open: the last one its node had.
   int PathOf(uint64_t node, std::string* path) const;
-  // Attributes through one handle: the open, or one borrowed for the node.
-  int InfoThroughOpen(fuse_req_t req, uint64_t node, Open* open, BY_HANDLE_FILE_INFORMATION* info);
+  int InfoOfOpen(fuse_req_t req, uint64_t node, Open* open, BY_HANDLE_FILE_INFORMATION* info);
   // Attributes of a node for the kernel; a node without a name has no links.
   void StatOfNode(const BY_HANDLE_FILE_INFORMATION& info, uint64_t node, struct stat* st) const;
   // The path of an open whose node went (the teardown): the root stands in.

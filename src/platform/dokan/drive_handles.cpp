@@ -56,14 +56,8 @@ int Drive::NamedPathOf(uint64_t node, std::string* path) const {
   return 0;
 }
 
-int Drive::InfoThroughOpen(fuse_req_t req, uint64_t node, Open* open,
-                           BY_HANDLE_FILE_INFORMATION* info) {
-  Borrowed lent;
-  if (!open) {
-    lent = Borrow(node);
-    open = lent.open;
-  }
-  if (!open) return ENOENT;
+int Drive::InfoOfOpen(fuse_req_t req, uint64_t node, Open* open,
+                      BY_HANDLE_FILE_INFORMATION* info) {
   const std::string path = PathOrRoot(node);
   DOKAN_FILE_INFO di = Begin(req, open);
   const NTSTATUS status = table_.GetInformation(path, info, &di);

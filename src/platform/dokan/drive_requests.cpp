@@ -31,13 +31,15 @@ int Drive::Lookup(fuse_req_t req, uint64_t parent, const char* name, fuse_entry_
 // An object that is open answers through its open, whatever happened to
 // its name since: the kernel asks without a handle for fstat(2) too.
 int Drive::GetAttr(fuse_req_t req, uint64_t node, Open* open, struct stat* st) {
-  BY_HANDLE_FILE_INFORMATION info;
-  int err = InfoThroughOpen(req, node, open, &info);
-  if (err == ENOENT && !open) {
-    std::string path;
-    if ((err = NamedPathOf(node, &path))) return err;
-    err = QueryByPath(req, path, &info);
+  Borrowed lent;
+  if (!open) {
+    lent = Borrow(node);
+    open = lent.open;
   }
+  BY_HANDLE_FILE_INFORMATION info;
+  std::string path;
+  int err = open ? InfoOfOpen(req, node, open, &info) : NamedPathOf(node, &path);
+  if (!err && !open) err = QueryByPath(req, path, &info);
   if (err) return err;
   StatOfNode(info, node, st);
   return 0;

@@ -62,14 +62,16 @@ TEST_F(DriveIdentity, AnUnlinkedOpenFileStaysReadableAndWritableUntilItsLastClos
     print "$back\n";
     open(my $g, ">", "scratch.txt") or die "again: $!";
     print $g "new"; close($g);
+    chmod(0444, $f) or die "fchmod: $!";
     @st = stat($f) or die "fstat: $!";
-    print "$st[7]\n";)";
+    printf("%d %o\n", $st[7], $st[2] & 0777);)";
   std::string out;
   ASSERT_EQ(0, Perl(program, &out)) << out;
-  EXPECT_EQ("name gone\n11 0\nhello world\n11\n", out);
+  EXPECT_EQ("name gone\n11 0\nhello world\n11 444\n", out);
   std::string content;
   ASSERT_TRUE(Fs().Read("\\scratch.txt", &content));
   EXPECT_EQ("new", content);  // a new file under the old name, untouched
+  EXPECT_EQ(0u, Fs().Attributes("\\scratch.txt") & FILE_ATTRIBUTE_READONLY);
   ASSERT_TRUE(WaitForCalls("\\scratch.txt", {"WriteFile", "Cleanup", "CloseFile"}));
 }
 
