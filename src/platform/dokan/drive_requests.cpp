@@ -28,19 +28,20 @@ int Drive::Lookup(fuse_req_t req, uint64_t parent, const char* name, fuse_entry_
   return 0;
 }
 
+// An object that is open answers through its open, whatever happened to
+// its name since: the kernel asks without a handle for fstat(2) too.
 int Drive::GetAttr(fuse_req_t req, uint64_t node, Open* open, struct stat* st) {
-  std::string path;
-  if (int err = PathOf(node, &path)) return err;
-  BY_HANDLE_FILE_INFORMATION info;
-  if (open) {
-    DOKAN_FILE_INFO di = Begin(req, open);
-    const NTSTATUS status = table_.GetInformation(path, &info, &di);
-    End(open, di);
-    if (int err = ErrnoOfStatus(status)) return err;
-  } else if (int err = QueryByPath(req, path, &info)) {
-    return err;
+  Borrowed lent;
+  if (!open) {
+    lent = Borrow(node);
+    open = lent.open;
   }
-  StatOf(info, node, owner_, st);
+  BY_HANDLE_FILE_INFORMATION info;
+  std::string path;
+  int err = open ? InfoOfOpen(req, node, open, &info) : NamedPathOf(node, &path);
+  if (!err && !open) err = QueryByPath(req, path, &info);
+  if (err) return err;
+  StatOfNode(info, node, st);
   return 0;
 }
 
@@ -81,9 +82,15 @@ int Drive::ApplySetAttr(const std::string& path, const struct stat* attr, int to
 int Drive::SetAttr(fuse_req_t req, uint64_t node, const struct stat* attr, int toSet, Open* open,
                    struct stat* st) {
   std::string path;
-  if (int err = PathOf(node, &path)) return err;
+  int err = NamedPathOf(node, &path);
+  Borrowed lent;
+  if (err == ENOENT && !open) {  // no name any more: only an open reaches it
+    lent = Borrow(node);
+    open = lent.open;
+  }
+  if (open) err = PathOf(node, &path);
+  if (err) return err;
   BY_HANDLE_FILE_INFORMATION after;
-  int err;
   if (open) {
     DOKAN_FILE_INFO di = Begin(req, open);
     err = ApplySetAttr(path, attr, toSet, &di);
@@ -98,7 +105,7 @@ int Drive::SetAttr(fuse_req_t req, uint64_t node, const struct stat* attr, int t
     if (!err) err = ErrnoOfStatus(table_.GetInformation(path, &after, &h.info));
     CloseTemp(&h);
   }
-  if (!err) StatOf(after, node, owner_, st);
+  if (!err) StatOfNode(after, node, st);
   return err;
 }
 
