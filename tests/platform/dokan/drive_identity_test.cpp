@@ -4,7 +4,7 @@
 // drive reports about names are the ones it enforces.
 #include <gtest/gtest.h>
 
-#include "drive_fixture.h"
+#include "mounted_drive_test.h"
 
 namespace qbtest {
 namespace {

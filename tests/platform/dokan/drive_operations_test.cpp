@@ -2,7 +2,7 @@
 // and the calls that each of them makes reach the operation table with.
 #include <gtest/gtest.h>
 
-#include "drive_fixture.h"
+#include "mounted_drive_test.h"
 #include "platform/dokan/dokan_linux.h"
 
 namespace qbtest {

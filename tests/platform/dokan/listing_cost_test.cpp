@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "drive_fixture.h"
+#include "mounted_drive_test.h"
 
 namespace {
 
