@@ -133,6 +133,7 @@ class Drive {
   NTSTATUS OpenTemp(fuse_req_t req, const std::string& path, ACCESS_MASK access, ULONG options,
                     bool directory, TempHandle* handle);
   void CloseTemp(TempHandle* handle);
+  int FolderTargetErrno(fuse_req_t req, const std::string& newPath, int err);
   int QueryByPath(fuse_req_t req, const std::string& path, BY_HANDLE_FILE_INFORMATION* out);
   // Paths for requests that name something: only a name that still leads
   // to its node counts (ENOENT when it went).

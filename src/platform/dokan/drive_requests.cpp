@@ -161,6 +161,16 @@ int Drive::Unlink(fuse_req_t req, uint64_t parent, const char* name, bool direct
   return 0;
 }
 
+// A folder cannot replace another folder here, which Windows answers with
+// "access denied"; a program renaming onto a folder expects the POSIX
+// answer for a folder that cannot be replaced.
+int Drive::FolderTargetErrno(fuse_req_t req, const std::string& newPath, int err) {
+  if (err != EACCES && err != EEXIST) return err;
+  BY_HANDLE_FILE_INFORMATION target;
+  if (QueryByPath(req, newPath, &target) != 0) return err;
+  return (target.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) ? ENOTEMPTY : err;
+}
+
 int Drive::Rename(fuse_req_t req, uint64_t parent, const char* name, uint64_t newParent,
                   const char* newName, unsigned flags) {
   if (flags & ~RENAME_NOREPLACE) return EINVAL;  // no exchange, no whiteouts
@@ -172,7 +182,7 @@ int Drive::Rename(fuse_req_t req, uint64_t parent, const char* name, uint64_t ne
   NTSTATUS status = OpenTemp(req, path, kDeleteAccess, FILE_OPEN_FOR_BACKUP_INTENT, false, &h);
   if (status >= 0) status = table_.Move(path, newPath, !(flags & RENAME_NOREPLACE), &h.info);
   CloseTemp(&h);
-  if (int err = ErrnoOfStatus(status)) return err;
+  if (int err = ErrnoOfStatus(status)) return FolderTargetErrno(req, newPath, err);
   nodes_.Renamed(parent, name, newParent, newName);
   return 0;
 }
