@@ -1,12 +1,13 @@
 // Virtual naming: the pattern, the mapping of one file and the Sort that
 // names all files of the tree.
 #include <algorithm>
-#include <unordered_set>
 #include <vector>
 
 #include "common/strings.h"
 #include "diag/trace.h"
+#include "directory/collection_index.h"
 #include "directory/directory.h"
+#include "directory/flat_hash_index.h"
 #include "directory/file_name_format.h"
 #include "directory/name_hash.h"
 #include "directory/naming_tables.h"
@@ -163,25 +164,41 @@ void CDirectory::SortVirtual(int32_t storageIdx) {
 // A-Z) is given once, in naming order; a later file whose name is taken gets
 // the first free " (n)" before its extension.
 void CDirectory::GiveEveryFileItsOwnName(const std::vector<DirectoryItem*>& inOrder) {
-  std::unordered_set<std::string> taken;
-  taken.reserve(inOrder.size());
-  for (DirectoryItem* item : inOrder) {
-    const std::string& full = item->sFullName;
+  // An index of hashes to the files that hold each name: the names are
+  // compared only on a hash match, so the check costs a few bytes per file.
+  auto visible = [](const DirectoryItem* item) {
+    return item->sFullName.substr(0, item->sFullName.rfind('\\') + 1) + item->rFindData.cFileName;
+  };
+  qb::directory::FlatHashIndex<uint32_t> holders;
+  auto taken = [&](const std::string& name) {
+    bool found = false;
+    holders.ForEach(qb::directory::KeyHash(name), [&](uint32_t at) {
+      found = found || qb::EqualsNoCaseAZ(visible(inOrder[at]), name);
+    });
+    return found;
+  };
+  for (uint32_t i = 0; i < inOrder.size(); ++i) {
+    DirectoryItem* item = inOrder[i];
+    const std::string full = item->sFullName;
     if (full.empty() || full[0] != '\\') continue;  // still named by its object id
+    const std::string name = visible(item);
+    if (!taken(name)) {
+      holders.Insert(qb::directory::KeyHash(name), i);
+      continue;
+    }
     const size_t slash = full.rfind('\\');
     const std::string folder = full.substr(0, slash + 1);
     const std::string base = full.substr(slash + 1);
     const std::string& file = item->rFindData.cFileName;
-    if (taken.insert(qb::ToUpperAZ(folder + file)).second) continue;
     const std::string extension = file.size() >= base.size() ? file.substr(base.size()) : std::string();
     for (int n = 1;; ++n) {
       const std::string suffix = qb::Format(" (%d)", n);
       const std::string candidate = base + suffix + extension;
-      if (!taken.insert(qb::ToUpperAZ(folder + candidate)).second) continue;
-      Trace(kSortTag, "Name \"%s%s\" is taken; \"%s%s\" used", folder.c_str(), file.c_str(), folder.c_str(),
-            candidate.c_str());
+      if (taken(folder + candidate)) continue;
+      Trace(kSortTag, "Name \"%s\" is taken; \"%s%s\" used", name.c_str(), folder.c_str(), candidate.c_str());
       SetFullName(item, full + suffix);
       item->rFindData.cFileName = candidate;
+      holders.Insert(qb::directory::KeyHash(folder + candidate), i);
       break;
     }
   }
