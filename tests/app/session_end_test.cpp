@@ -70,13 +70,13 @@ TEST_F(SessionEndTest, WaitingCommandLineInstanceGivesTheSessionBack) {
   fs::create_directories(bin);
   fs::create_symlink(QB_APP_HELPER, bin / "quillbox");
   qbtest::WriteHive(home_ / "machine.reg", "HKEY_LOCAL_MACHINE", "SOFTWARE\\Quillbox", {"@=\"" + bin.string() + "\""});
-  qb::portable::sim::DeviceSpec spec;
-  spec.folder = "testphone";
-  spec.friendlyName = "Test Phone";
-  spec.storages.push_back({});
-  spec.storages.back().folder = "internal";
+  qb::portable::sim::DeviceSpec device;
+  device.folder = "testphone";
+  device.friendlyName = "Test Phone";
+  device.storages.push_back({});
+  device.storages.back().folder = "internal";
   std::string error;
-  ASSERT_TRUE(qb::portable::sim::WriteDevice(spec, &error)) << error;
+  ASSERT_TRUE(qb::portable::sim::WriteDevice(device, &error)) << error;
 
   for (int sig : {SIGTERM, SIGINT, SIGHUP}) {
     const fs::path childLog = home_ / ("child-" + std::to_string(sig) + ".log");
