@@ -19,14 +19,9 @@ namespace {
 constexpr const char* kTag = "M01@QuillboxEntry: ";
 
 int32_t RunCommandLine(int argc, char** argv) {
-  // The session-end watcher stands for the hidden event-handler window.
-  sys::SessionSignalWatcher sessionEnd;
-  sessionEnd.Start(OnSessionEnd);
   const bool quiet = HasQuietSwitch(argc, argv);
   int32_t code = QuillboxMain(argc, argv);
-  int32_t exitCode = ProcessError(quiet, code);
-  sessionEnd.Stop();
-  return exitCode;
+  return ProcessError(quiet, code);
 }
 
 int32_t RunInteractive(CSuperGlobals* globals) {
@@ -58,7 +53,13 @@ int QuillboxEntry(int argc, char** argv) {
   Trace(kTag, "ENTER argc=%d", argc);
   ProcessStorageLists().Clear();
   nb::StartDeviceAccess();
+  // The session-end watcher stands for the hidden event-handler window; every
+  // role has it, so that each ends cleanly on SIGTERM, SIGHUP and SIGINT.
+  g_interactiveInstance = argc <= 1;
+  sys::SessionSignalWatcher sessionEnd;
+  sessionEnd.Start(OnSessionEnd);
   int32_t exitCode = argc > 1 ? RunCommandLine(argc, argv) : RunInteractive(&globals);
+  sessionEnd.Stop();
   nb::StopDeviceAccess();
   ProcessStorageLists().Clear();
   Trace(kTag, "RETURN: RC=0x%08X (%s)", static_cast<uint32_t>(exitCode), CodeToName(exitCode));
