@@ -143,5 +143,35 @@ TEST_F(SimDeviceTest, ALongJournalIsRewrittenAndKeepsEveryId) {
   EXPECT_EQ(ChildNamed(*content, album, "p999.jpg"), last);
 }
 
+TEST_F(SimDeviceTest, ARewriteByAnotherProcessIsReadWholeAndItsIdsAreKept) {
+  WriteFile("a-internal/a.txt", "a");
+  auto device = Open();
+  std::shared_ptr<qp::IPortableDeviceContent> content;
+  device->Content(&content);
+  const std::string a = ChildNamed(*content, "s10001", "a.txt");
+  ASSERT_FALSE(a.empty());
+  WriteFile("a-internal/b.txt", "b");  // this process has read the file by now
+  ASSERT_FALSE(ChildNamed(*content, "s10001", "b.txt").empty());
+  // Another process rewrote the index while it entered an object of its own.
+  const auto file = folder_ / sim::kIndexFile;
+  std::string text;
+  ASSERT_TRUE(sim::ReadFileText(file, &text));
+  WriteFile("b-card/x.txt", "x");
+  {
+    sim::ScopedFileLock lock(folder_ / "index.lock");
+    ASSERT_TRUE(lock.Held());
+    sim::IndexJournal other(file);
+    // Its object first: a reader that went on from where it was would miss it.
+    ASSERT_TRUE(other.Rewrite(sim::IndexNextLine(0x5000) +
+                              sim::IndexLine({"o5000", "{OTHER}", 0, 0, "b-card/x.txt"}) + text));
+  }
+  EXPECT_EQ(ChildNamed(*content, "s20001", "x.txt"), "o5000");
+  WriteFile("a-internal/new.txt", "n");
+  const std::string fresh = ChildNamed(*content, "s10001", "new.txt");
+  ASSERT_GT(fresh.size(), 1u);
+  EXPECT_GT(std::strtoull(fresh.c_str() + 1, nullptr, 16), 0x5000u);
+  EXPECT_EQ(ChildNamed(*content, "s10001", "a.txt"), a);
+}
+
 }  // namespace
 }  // namespace qbtest
