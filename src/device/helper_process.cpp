@@ -3,7 +3,6 @@
 // worker's CallerGate first, so an abandoned worker never calls them.
 #include "device/helper_worker.h"
 #include "device/trace_lines.h"
-#include "platform/portable/portable.h"
 
 namespace {
 
@@ -84,10 +83,6 @@ HRESULT ProcessRequest(HelperWorkerState& state, HelperRequest& request) {
   TraceEnter(tag);
   request.pGate = &state.gate;
   request.bInProgress = 1;
-  // The back ends report progress from inside long calls (a transfer block
-  // moved in parts, a slow listing) through this reporter, so that a long
-  // call is only taken for stuck when it really stops.
-  qb::portable::ScopedProgressReporter progress([&state] { state.NoteActivity(); });
   HRESULT hr = E_FAIL;
   try {
     hr = CallLibrary(*state.pApi, state.pContext, request);
