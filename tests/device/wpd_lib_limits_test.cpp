@@ -170,6 +170,32 @@ TEST_F(DeviceLimitsTest, DataThatEndsBeforeTheObjectsSizeIsAFailedDownload) {
   EXPECT_EQ(ok.finalCalls, 1);
 }
 
+TEST_F(DeviceLimitsTest, ASlowBlockIsNotTakenForAStuckWorker) {
+  // One block of 256 KiB at 96 KiB/s takes well over the stall limit, but
+  // the device reports each eighth of a second's worth of it.
+  WriteFile("a-internal/slow.bin", std::string(kBlock, 's'));
+  CWPDHelperLocal helper;
+  helper.SetStallLimitMs(1500);
+  ASSERT_EQ(helper.Init(), S_OK);
+  ASSERT_EQ(helper.RegisterEventHandler(pnpId_.c_str(), &qbtest::EventLog::Callback), S_OK);
+  CDirectory tree;
+  tree.Init("\\", 1);
+  ASSERT_GE(helper.GetDirlist(&tree, 1, nullptr, nullptr, 1, 0, nullptr), 0);
+  std::string id;
+  for (const auto& item : *tree.m_pFiles)
+    if (item && item->IsLive() && item->rFindData.cFileName == "slow.bin" && item->sItemID) id = *item->sItemID;
+  ASSERT_FALSE(id.empty());
+  qbtest::sim::Faults faults;
+  faults.rate = 96 * 1024;
+  SetFaults(faults);
+  Sink sink;
+  EXPECT_EQ(helper.GetFile(id.c_str(), "/cache/copy", Sink::Cb, &sink), S_OK);
+  EXPECT_EQ(sink.data.size(), kBlock);
+  EXPECT_EQ(helper.LastWorkerExitCode(), STILL_ACTIVE);  // never restarted
+  helper.DeRegisterEventHandler();
+  helper.DeInit(5000);
+}
+
 TEST_F(DeviceLimitsTest, ADeviceUnpluggedDuringADownloadFailsIt) {
   WriteFile("a-internal/big.bin", std::string(4 * kBlock, 'b'));
   ASSERT_EQ(Open(), S_OK);
