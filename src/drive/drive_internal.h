@@ -64,6 +64,9 @@ void RefreshShell(DriveState* state, uint32_t event, const std::string& path);
 // Answers the status with the numbered return line of the tag.
 NTSTATUS TraceStatus(const char* tag, NTSTATUS status, int exitNo = 0);
 
+// Lists the folders that lead to a path the tree does not hold yet.
+void PopulateAncestorsOf(DriveState* state, const std::string& path);
+
 // ValidateExistingCacheEntry (read path).
 int ValidateExistingCacheEntry(DriveState* state, CCacheItem** entry, DirectoryItem* item);
 

@@ -190,6 +190,41 @@ void PopulateIfNeeded(DriveState* state, std::optional<CReadLock>& readLock, con
 
 }  // namespace
 
+namespace qb::drive {
+
+// A path that the tree does not hold may lie in a folder that was never
+// listed: programs on Linux open paths without listing their folders first.
+// Populates the deepest known ancestor folder while it is not populated, then
+// the next one down, until the path is found or no folder is left to list.
+void PopulateAncestorsOf(DriveState* state, const std::string& path) {
+  if (!IsOriginalStructure(state) || !(state->dwStructureFlags & kFlagPopulateOnDemand)) return;
+  for (int round = 0; round < 64; ++round) {
+    DirectoryItem* unlisted = nullptr;
+    {
+      CReadLock lock(&state->rDriveLock);
+      if (FindFile(state, path) || FindFolder(state, path)) return;
+      std::string ancestor = ParentPath(path.size() > 1 && path.back() == '\\' ? path.substr(0, path.size() - 1) : path);
+      for (;;) {
+        DirectoryItem* folder = FindFolder(state, ancestor);
+        if (folder) {
+          if (!folder->bPopulated) unlisted = folder;
+          break;
+        }
+        if (ancestor == "\\") break;
+        ancestor = ParentPath(ancestor.substr(0, ancestor.size() - 1));
+      }
+      if (!unlisted) return;
+    }
+    CWriteLock lock(&state->rDriveLock);
+    if (unlisted->bPopulated || !unlisted->IsLive()) continue;
+    Trace(kTag, "Populating directory \"%s\"", unlisted->sFullName.c_str());
+    Populate(state, unlisted);
+    if (!unlisted->bPopulated) return;  // the device did not answer: give up
+  }
+}
+
+}  // namespace qb::drive
+
 NTSTATUS QuillboxFindFiles(LPCWSTR PathName, PFillFindData FillFindData, PDOKAN_FILE_INFO DokanFileInfo) {
   const std::string request(PathName ? PathName : "");
   Trace(kTag, "FileName=\"%s\"", request.c_str());

@@ -179,6 +179,7 @@ NTSTATUS QuillboxCreateFile(LPCWSTR FileName, PDOKAN_IO_SECURITY_CONTEXT, ACCESS
   DokanMapKernelToUserCreateFileFlags(DesiredAccess, FileAttributes, CreateOptions,
                                       CreateDisposition, &r.access, &r.flags, &r.disposition);
   TraceRequest(r, DesiredAccess, ShareAccess);
+  PopulateAncestorsOf(state, r.path);
   {
     CReadLock lock(&state->rDriveLock);
     DirectoryItem* folder = FindFolder(state, r.path);
@@ -216,6 +217,8 @@ NTSTATUS QuillboxCreateFile(LPCWSTR FileName, PDOKAN_IO_SECURITY_CONTEXT, ACCESS
     lock.Unlock();
     return status;
   }
+  // A new open may try the device again after a failed download.
+  if (!item->bDownloading) item->dwError = 0;
   item->bFileFlagDeleteOnClose = (r.flags & FILE_FLAG_DELETE_ON_CLOSE) ? 1 : 0;
   if (item->bFileFlagDeleteOnClose) Trace(kTag, "DeleteOnClose");
   item->rFindData.dwFileAttributes |=
