@@ -150,6 +150,9 @@ struct DriveHooks {
   std::function<void()> fnCheckAllNonSignalledDevices;
   // A message box with the localised error title and the text of an id.
   std::function<void(int textId)> fnShowError;
+  // A message box with the localised error title and a ready text (the
+  // write side's rescue notice). Empty: the text goes to standard error.
+  std::function<void(const std::string& text)> fnShowMessage;
 };
 
 // ---------------------------------------------------------------------------

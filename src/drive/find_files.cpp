@@ -6,6 +6,7 @@
 #include "common/strings.h"
 #include "diag/trace.h"
 #include "drive/drive_internal.h"
+#include "drive/write_side.h"
 #include "platform/system/clock.h"
 
 using namespace qb::drive;
@@ -291,19 +292,25 @@ void RemoveAll(DriveState* state, const std::string& folderPath) {
 HRESULT RemoveDirFromPersistFolders(DriveState* state, const std::string& path, int treeOnly) {
   static const char* tag = "M52@RemoveDirFromPersistFolders: ";
   Trace(tag, "FileName=\"%s\"", path.c_str());
+  DirectoryItem* onDevice = nullptr;  // write side: the folder to delete on the device
   {
     CWriteLock lock(&state->rDriveLock);
     DirectoryItem* folder = FindFolder(state, path);
-    if (folder) {
+    if (folder && !treeOnly && !folder->bSystem && path != "\\") {
+      onDevice = folder;
+    } else if (folder) {
       if (folder->bSystem) return TraceStatus(tag, 1, 1);
       if (path == "\\") return TraceStatus(tag, 1, 2);
-      if (!treeOnly) return TraceStatus(tag, E_NOTIMPL, 4);
       Trace(tag, "Removed virtual persistent folder \"%s\"", path.c_str());
       // The record stays owned by the tree (others may hold its address);
       // marking it deleted takes it out of every lookup and listing.
       folder->bDeleted = 1;
       folder->bPopulated = 0;
     }
+  }
+  if (onDevice) {
+    const HRESULT hr = DeleteFolderOnDevice(state, onDevice, path);
+    if (FAILED(hr)) return TraceStatus(tag, hr, 4);
   }
   std::string parent = path;
   if (!parent.empty() && parent.back() == '\\') parent.pop_back();

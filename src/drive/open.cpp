@@ -8,6 +8,7 @@
 #include "common/strings.h"
 #include "diag/trace.h"
 #include "drive/drive_internal.h"
+#include "drive/write_side.h"
 
 using namespace qb::drive;
 
@@ -110,6 +111,11 @@ NTSTATUS PrepareWriteOpen(DriveState* state, OpenRequest& r, DirectoryItem*& ite
     }
     const DWORD err = TouchLocalCopy(entry->sLocalPath, O_CREAT | O_TRUNC);
     if (isNew) item->bUploadPending = 1;
+    // Write side: an existing file opened to be emptied starts from nothing.
+    if (!isNew && (truncate || r.disposition == CREATE_ALWAYS)) {
+      item->bUploadPending = 1;
+      item->rFindData.SetFileSize(0);
+    }
     if (err) return alreadyExists ? TraceStatus(kTag, STATUS_OBJECT_NAME_COLLISION, 29)
                                   : TraceStatus(kTag, ToNtStatus(err), 9);
     return STATUS_SUCCESS;
@@ -121,6 +127,11 @@ NTSTATUS PrepareWriteOpen(DriveState* state, OpenRequest& r, DirectoryItem*& ite
   const DWORD err = TouchLocalCopy(entry->sLocalPath, flags);
   if (err) return alreadyExists ? TraceStatus(kTag, STATUS_OBJECT_NAME_COLLISION, truncate ? 20 : 21)
                                 : TraceStatus(kTag, ToNtStatus(err), truncate ? 10 : 11);
+  // Write side: an emptied copy is new content that the cleanup uploads.
+  if (flags & O_TRUNC) {
+    item->bUploadPending = 1;
+    item->rFindData.SetFileSize(0);
+  }
   return STATUS_SUCCESS;
 }
 
@@ -145,12 +156,17 @@ NTSTATUS NotFound(OpenRequest& r) {
 NTSTATUS FolderBranch(DriveState* state, OpenRequest& r, ULONG kernelDisposition) {
   NTSTATUS status;
   if (kernelDisposition == FILE_CREATE || kernelDisposition == FILE_OPEN_IF) {
-    // Creating folders belongs to the write side; until it is there the
-    // virtual structure's answers hold for both.
-    if (kernelDisposition == FILE_CREATE || IsOriginalStructure(state)) {
-      status = IsOriginalStructure(state) && kernelDisposition == FILE_OPEN_IF && FindFolder(state, r.path)
-                   ? STATUS_SUCCESS
-                   : STATUS_ACCESS_DENIED;
+    // Write side: folders are created on the device in the original structure.
+    if (IsOriginalStructure(state)) {
+      bool exists = false;
+      if (kernelDisposition == FILE_OPEN_IF) {
+        CReadLock lock(&state->rDriveLock);
+        exists = FindFolder(state, r.path) != nullptr;
+      }
+      status = exists ? STATUS_SUCCESS : QuillboxCreateDirectory(r.path.c_str(), r.info);
+      if (kernelDisposition == FILE_OPEN_IF) return TraceStatus(kTag, status, 21);
+    } else if (kernelDisposition == FILE_CREATE) {
+      status = STATUS_ACCESS_DENIED;
     } else {
       return TraceStatus(kTag, STATUS_SUCCESS, 21);
     }

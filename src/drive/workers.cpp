@@ -6,6 +6,7 @@
 #include "common/strings.h"
 #include "diag/trace.h"
 #include "drive/drive_internal.h"
+#include "drive/write_side.h"
 
 using namespace qb::drive;
 
@@ -42,7 +43,8 @@ void ProcessCurrentEventQueueItem(DriveState* state, const EventItem& event) {
       break;
     }
     default:
-      Trace(tag, "retrieved %s: \"%s\"", EventName(event.dwEvent), event.sUniqueID.c_str());
+      // Write side: created, deleted and updated objects.
+      qb::drive::ProcessItemEvent(state, event);
       break;
   }
 }
