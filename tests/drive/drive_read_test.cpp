@@ -115,6 +115,20 @@ TEST_F(DriveReadTest, ValidCopyIsUsedWithoutTheDeviceAndAChangedFileIsFetchedAga
   }, 15000)) << out;
 }
 
+TEST_F(DriveReadTest, AsynchronousListingHandsTheFolderOverAndPopulatesIt) {
+  for (int i = 0; i < 50; ++i) MakeDeviceFile("many/f" + std::to_string(i) + ".txt", 10 + i, i);
+  MakeDeviceFile("many/sub/deep.txt", 5, 99);
+  ASSERT_TRUE(Mount({"--flags", "60000"}));
+  std::string out;
+  EXPECT_TRUE(WaitUntil([&] {
+    Sh("ls \"$D/many\" | wc -l", &out);
+    return out == "51\n";
+  }, 15000)) << out;
+  ASSERT_EQ(Sh("cmp \"$D/many/f7.txt\" \"$S/many/f7.txt\" && cat \"$D/many/sub/deep.txt\" | wc -c", &out), 0) << out;
+  EXPECT_EQ(out, "5\n");
+  EXPECT_NE(TraceText().find("ASYNC dirlist finished: \"\\many\\\""), std::string::npos);
+}
+
 TEST_F(DriveReadTest, VirtualStructureRenamesReadsAndRefusesEveryChange) {
   MakeDeviceFile("DCIM/IMG_0001.JPG", 5000, 1);
   MakeDeviceFile("DCIM/sub/IMG_0002.JPG", 7000, 2);
