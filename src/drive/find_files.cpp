@@ -274,7 +274,9 @@ void RemoveAll(DriveState* state, const std::string& folderPath) {
   };
   for (DirectoryItem* item : Raw(*state->pDirectory->m_pFiles)) {
     auto r = rest(item);
-    if (r && r->find('\\') == std::string_view::npos) {
+    // A file whose download runs keeps its record: the tree refills deleted
+    // records, and the transfer still writes through this one.
+    if (r && r->find('\\') == std::string_view::npos && !item->bDownloading) {
       Trace(tag, "File: %s", item->sFullName.c_str());
       item->bDeleted = 1;
     }

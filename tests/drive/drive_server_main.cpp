@@ -108,8 +108,10 @@ int main(int argc, char** argv) {
   DOKAN_OPERATIONS operations = *QuillboxOperations();
   const int result = DokanMain(&options, &operations);
   DokanShutdown();
-  helper.DeRegisterEventHandler();
+  // Stopping the workers first ends a running transfer, which would keep the
+  // request worker (and so the deregistration) busy.
   const bool stopped = StopDriveWorkers(&state, kWorkerStopLimitMs);
+  helper.DeRegisterEventHandler();
   SetDriveState(nullptr);
   helper.DeInit(5000);
   if (traceFd >= 0) TraceStop();
