@@ -82,7 +82,7 @@ const char* ReasonOf(HRESULT hr) {
 NTSTATUS StatusOf(HRESULT hr) {
   if (hr == kDiskFull) return STATUS_DISK_FULL;
   if (hr == static_cast<HRESULT>(0x80070032u) || hr == E_ACCESSDENIED) return STATUS_ACCESS_DENIED;
-  if (hr == kDeviceGone) return STATUS_DEVICE_NOT_READY;
+  if (hr == kDeviceGone) return STATUS_NO_SUCH_DEVICE;
   return STATUS_UNSUCCESSFUL;
 }
 

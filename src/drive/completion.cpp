@@ -58,7 +58,9 @@ void RelistFolder(DriveState* state, DirectoryItem* folder) {
     if (!list) continue;
     for (DirectoryItem* item : Raw(*list)) {
       // Provisional items have no device object yet; they stay.
-      if (!item->IsLive() || IsProvisional(item) || item->bSystem || !DirectlyIn(item, path)) continue;
+      if (!item->IsLive() || IsProvisional(item) || item->bSystem || item->bDownloading || item->bUploadPending ||
+          !DirectlyIn(item, path))
+        continue;
       if (!onDevice.count(item->sUniqueID)) {
         Trace(kTagRelist, "Gone: \"%s\"", item->sFullName.c_str());
         item->bDeleted = 1;

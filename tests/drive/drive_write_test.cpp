@@ -186,7 +186,7 @@ TEST_F(DriveWriteTest, DeviceThatRefusesWritesRefusesEveryChange) {
   sim::Faults noWrite;
   noWrite.noWrite = true;
   SetFaults(noWrite);
-  for (const std::string change :
+  for (const std::string& change :
        {"echo x > \"$D/new.txt\"", "echo x >> \"$D/a/f.txt\"", "mkdir \"$D/newdir\"", "rm \"$D/a/f.txt\"",
         "mv \"$D/a/f.txt\" \"$D/a/g.txt\"", "chmod a-w \"$D/a/f.txt\"", "touch -d 2020-01-01 \"$D/a/f.txt\""}) {
     EXPECT_NE(Sh(change + " 2>&1", &out), 0) << change;
@@ -203,7 +203,7 @@ TEST_F(DriveWriteTest, VirtualStructureRefusesRenamesAndAttributeChanges) {
   std::string out;
   ASSERT_EQ(Sh("cd \"$D\" && find . -type f | head -1", &out), 0);
   const std::string first = out.substr(2, out.find('\n') - 2);
-  for (const std::string change : {"mv \"$D/" + first + "\" \"$D/renamed.JPG\"", "chmod a-w \"$D/" + first + "\"",
+  for (const std::string& change : {"mv \"$D/" + first + "\" \"$D/renamed.JPG\"", "chmod a-w \"$D/" + first + "\"",
                                    "touch -d 2020-01-01 \"$D/" + first + "\"", "truncate -s 0 \"$D/" + first + "\""}) {
     EXPECT_NE(Sh(change + " 2>&1", &out), 0) << change;
     EXPECT_NE(out.find("ermission denied"), std::string::npos) << change << ": " << out;
