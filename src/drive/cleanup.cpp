@@ -235,7 +235,6 @@ NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string
   {
     CReadLock lock(&state->rDriveLock);
     item->bUploadPending = 0;
-    item->bFileFlagDeleteOnClose = 0;
     if (IsProvisional(item)) {
       Trace(kTag, "DID:%s", item->ItemIDText());
       item->bDeleted = 1;

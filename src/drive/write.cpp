@@ -49,12 +49,11 @@ NTSTATUS EnsureFullCopy(DriveState* state, DirectoryItem* item, const std::strin
   return status;
 }
 
-// A change of content: the old device object goes at the cleanup.
+// A change of content. The old device object of a file that has one goes
+// right before the upload (the item's delete-on-close flag stays the
+// program's own: a failed upload must never turn into a plain delete).
 void MarkChanged(DirectoryItem* item, int64_t size) {
-  if (!IsProvisional(item) && !item->bFileFlagDeleteOnClose) {
-    item->bFileFlagDeleteOnClose = 1;
-    Trace(kTagWrite, "Delete before upload");
-  }
+  if (!IsProvisional(item) && !item->bUploadPending) Trace(kTagWrite, "Delete before upload");
   item->bUploadPending = 1;
   item->rFindData.SetFileSize(size);
 }
@@ -205,6 +204,9 @@ NTSTATUS QuillboxSetFileAttributes(LPCWSTR FileName, DWORD FileAttributes, PDOKA
   if (!IsOriginalStructure(state)) return TraceStatus(kTagAttr, STATUS_ACCESS_DENIED, 111);
   if (FileAttributes == 0) return TraceStatus(kTagAttr, STATUS_SUCCESS, 2);
   DirectoryItem* item = ContextItem(DokanFileInfo);
+  // Folders keep no attributes of their own on the device.
+  if ((!item && DokanFileInfo && DokanFileInfo->IsDirectory) || (item && item->bPersistent))
+    return TraceStatus(kTagAttr, STATUS_SUCCESS, 7);
   if (!item) return TraceStatus(kTagAttr, STATUS_UNSUCCESSFUL, 1);
   const DWORD now = item->rFindData.dwFileAttributes;
   const DWORD changed = (now ^ FileAttributes) & kDeviceAttributes;
@@ -247,6 +249,9 @@ NTSTATUS QuillboxSetFileTime(LPCWSTR FileName, const FILETIME* CreationTime, con
   if (!state) return STATUS_UNSUCCESSFUL;
   if (!IsOriginalStructure(state)) return TraceStatus(kTagTime, STATUS_ACCESS_DENIED, 111);
   DirectoryItem* item = ContextItem(DokanFileInfo);
+  // Folders have no times that the device lets the drive set.
+  if ((!item && DokanFileInfo && DokanFileInfo->IsDirectory) || (item && item->bPersistent))
+    return TraceStatus(kTagTime, STATUS_SUCCESS, 9);
   if (!item) return TraceStatus(kTagTime, STATUS_UNSUCCESSFUL, 1);
   if (!CreationTime && !LastWriteTime) return TraceStatus(kTagTime, STATUS_SUCCESS, 6);
   if (!WriteAllowed(state)) return TraceStatus(kTagTime, STATUS_ACCESS_DENIED, 7);
