@@ -131,14 +131,12 @@ NTSTATUS QuillboxMoveFile(LPCWSTR FileName, LPCWSTR NewFileName, BOOL ReplaceIfE
     id = *item->sItemID;
     parentId = item->sParentID;
     if (parentId.empty()) {
-      const DirectoryItem* folder = FindFolder(state, srcDir);
-      if (folder && folder->sItemID) parentId = *folder->sItemID;
+      parentId = FolderDeviceId(state, FindFolder(state, srcDir));
       Trace(kTagMove, "pID=%s", parentId.c_str());
     }
     if (!sameFolder) {
-      const DirectoryItem* target = FindFolder(state, dstDir);
-      if (!target || !target->sItemID) return TraceStatus(kTagMove, STATUS_OBJECT_PATH_NOT_FOUND, 12);
-      targetFolderId = *target->sItemID;
+      targetFolderId = FolderDeviceId(state, FindFolder(state, dstDir));
+      if (targetFolderId.empty()) return TraceStatus(kTagMove, STATUS_OBJECT_PATH_NOT_FOUND, 12);
     }
     if (s.dstFile) {
       Trace(kTagMove, "Replace Existing Target File");
@@ -228,9 +226,8 @@ NTSTATUS QuillboxCreateDirectory(LPCWSTR FileName, PDOKAN_FILE_INFO) {
   {
     CReadLock lock(&state->rDriveLock);
     if (FindFolder(state, path) || FindFile(state, Trimmed(name))) return TraceStatus(kTagMkdir, STATUS_OBJECT_NAME_COLLISION, 2);
-    const DirectoryItem* parent = FindFolder(state, ParentPath(Trimmed(name)));
-    if (!parent || !parent->sItemID) return TraceStatus(kTagMkdir, STATUS_ACCESS_DENIED, 4);
-    parentId = *parent->sItemID;
+    parentId = FolderDeviceId(state, FindFolder(state, ParentPath(Trimmed(name))));
+    if (parentId.empty()) return TraceStatus(kTagMkdir, STATUS_ACCESS_DENIED, 4);
   }
   if (!WriteAllowed(state)) return TraceStatus(kTagMkdir, STATUS_ACCESS_DENIED, 5);
   auto wait = RegisterWait(state, path);

@@ -119,7 +119,7 @@ bool MakePlan(DriveState* state, DirectoryItem* item, const std::string& path, U
   plan->parentId = item->sParentID;
   if (plan->parentId.empty() || IsProvisional(item)) {
     const DirectoryItem* folder = FindFolder(state, ParentPath(path));
-    if (folder && folder->sItemID) plan->parentId = *folder->sItemID;
+    if (!FolderDeviceId(state, folder).empty()) plan->parentId = FolderDeviceId(state, folder);
     Trace(kTagUpload, "pID=%s", plan->parentId.c_str());
   }
   plan->waitName = item->sFullPath + item->rFindData.cFileName;
@@ -222,7 +222,8 @@ NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string
   UploadProgress progress;
   progress.ullFileSize = size;
   Trace(kTagUpload, "PutFile \"%s\" (%llu bytes)", path.c_str(), static_cast<unsigned long long>(size));
-  HRESULT hr = state->pHelper->PutFile(plan.name.c_str(), plan.extension.c_str(), plan.localPath.c_str(),
+  HRESULT hr = state->pHelper->PutFile(plan.name.c_str(), plan.extension.empty() ? nullptr : plan.extension.c_str(),
+                                       plan.localPath.c_str(),
                                        plan.parentId.c_str(), size, &written, &PutFileDataCallback, &progress);
   if (progress.hLocalFile >= 0) ::close(progress.hLocalFile);
   if (SUCCEEDED(hr) && progress.dwError) hr = E_FAIL;
@@ -241,6 +242,7 @@ NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string
     }
   }
   if (state->llFreeBytes >= 0) RefreshDriveFreeSpace();
+  plan.delayedWrite = FILETIME{};  // went with the upload
   ApplyAfterUpload(state, plan, path);
   RefreshShell(state, SHCNE_UPDATEITEM, path);
   return STATUS_SUCCESS;

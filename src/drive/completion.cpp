@@ -26,7 +26,7 @@ bool ListOnDevice(DriveState* state, const DirectoryItem* folder, std::set<std::
   scratch.SetNamingPattern(state->pDirectory->GetNamingPattern());
   if (!state->pHelper ||
       FAILED(state->pHelper->GetDirlist(&scratch, state->nStorageIndex, folder->sFullName.c_str(),
-                                        folder->ItemIDText(), 0, 0, nullptr)))
+                                        FolderDeviceId(state, folder).c_str(), 0, 0, nullptr)))
     return false;
   for (const CDirectory::ItemList* list : {scratch.m_pFiles.get(), scratch.m_pPersistFolders.get()})
     if (list)
@@ -68,7 +68,7 @@ void RelistFolder(DriveState* state, DirectoryItem* folder) {
     }
   }
   if (SUCCEEDED(state->pHelper->GetDirlist(state->pDirectory.get(), state->nStorageIndex, path.c_str(),
-                                           folder->ItemIDText(), 0, 0, nullptr)))
+                                           FolderDeviceId(state, folder).c_str(), 0, 0, nullptr)))
     state->pDirectory->Sort(state->nStorageIndex);
   RefreshShell(state, SHCNE_UPDATEDIR, path.size() > 1 ? path.substr(0, path.size() - 1) : path);
 }
@@ -79,6 +79,21 @@ namespace qb::drive {
 
 bool IsProvisional(const DirectoryItem* item) {
   return item->sItemID && item->sItemID->compare(0, 5, "DMYID") == 0;
+}
+
+std::string FolderDeviceId(const DriveState* state, const DirectoryItem* folder) {
+  if (!folder) return {};
+  if (folder->sItemID) return *folder->sItemID;
+  if (folder->sFullName != "\\" || !state->pDirectory->m_pStorageRoots) return {};
+  const DirectoryItem* only = nullptr;
+  int count = 0;
+  for (DirectoryItem* root : Raw(*state->pDirectory->m_pStorageRoots)) {
+    if (!root->IsLive() || !root->sItemID) continue;
+    if (state->nStorageIndex && root->nStorageIdx == state->nStorageIndex) return *root->sItemID;
+    only = root;
+    ++count;
+  }
+  return count == 1 ? *only->sItemID : std::string();
 }
 
 std::shared_ptr<CSyncEvent> RegisterWait(DriveState* state, const std::string& name) {
@@ -103,9 +118,9 @@ bool AwaitConfirmation(DriveState* state, const std::shared_ptr<CSyncEvent>& wai
 void RelistFolderById(DriveState* state, const std::string& folderId) {
   CWriteLock lock(&state->rDriveLock);
   DirectoryItem* folder = state->pDirectory->FindFileByItemID(folderId.c_str(), 0);
-  std::string path;
-  if (!folder || !folder->bPersistent ||
-      !state->pDirectory->GetFullPathByUniqueID(&path, qb::directory::kFullNameCapacity, folderId.c_str(), 0)) {
+  if (folder && folder->sFullName == "\\") folder = FindFolder(state, "\\");  // a storage root
+  if (!folder && FolderDeviceId(state, FindFolder(state, "\\")) == folderId) folder = FindFolder(state, "\\");
+  if (!folder || !folder->bPersistent) {
     Trace(kTagRelist, "ParentID not found: \"%s\"", folderId.c_str());
     return;
   }
@@ -117,7 +132,7 @@ void RelistFolderOfPath(DriveState* state, const std::string& path) {
   if (trimmed.size() > 1 && trimmed.back() == '\\') trimmed.pop_back();
   CWriteLock lock(&state->rDriveLock);
   DirectoryItem* folder = FindFolder(state, ParentPath(trimmed));
-  if (!folder || !folder->sItemID) {
+  if (FolderDeviceId(state, folder).empty()) {
     Trace(kTagRelist, "ParentID not found: \"%s\"", ParentPath(trimmed).c_str());
     return;
   }

@@ -21,6 +21,8 @@ std::string DrivePath(const DirectoryItem* item) {
 }
 
 std::string ParentPathOf(DriveState* state, const std::string& parentId) {
+  if (parentId.empty()) return {};
+  if (FolderDeviceId(state, FindFolder(state, "\\")) == parentId) return "\\";
   std::string path;
   if (!state->pDirectory->GetFullPathByUniqueID(&path, qb::directory::kFullNameCapacity, parentId.c_str(), 0))
     return {};
@@ -33,6 +35,7 @@ void ItemCreated(DriveState* state, const EventItem& event) {
   {
     CWriteLock lock(&state->rDriveLock);
     DirectoryItem* parent = state->pDirectory->FindFileByItemID(event.sParentID.c_str(), 0);
+    if (ParentPathOf(state, event.sParentID) == "\\") parent = FindFolder(state, "\\");
     if (!parent || !parent->bPersistent) return;  // listed with its folder later
     std::string parentPath = ParentPathOf(state, event.sParentID);
     if (parentPath.empty()) parentPath = parent->sFullName;

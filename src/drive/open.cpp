@@ -86,7 +86,8 @@ NTSTATUS PrepareWriteOpen(DriveState* state, OpenRequest& r, DirectoryItem*& ite
     }
   }
   DirectoryItem* parent = FindFolder(state, ParentPath(r.path));
-  if (parent && !parent->sItemID) return TraceStatus(kTag, STATUS_ACCESS_DENIED, 12);
+  // Write side: the root of a one-storage drive carries the storage's id.
+  if (parent && FolderDeviceId(state, parent).empty()) return TraceStatus(kTag, STATUS_ACCESS_DENIED, 12);
   if (makeCopy && !item) {
     if (!parent) return STATUS_PENDING_NOT_FOUND;
     const std::string last = r.path.substr(r.path.rfind('\\') + 1);
@@ -95,7 +96,7 @@ NTSTATUS PrepareWriteOpen(DriveState* state, OpenRequest& r, DirectoryItem*& ite
     std::string id = "DMYID" + parent->sFullName + base + ext;
     CDirectory::StripColons(id);
     state->pDirectory->AddFile(base.c_str(), (parent->sFullName + base).c_str(),
-                               parent->ItemIDText(), ext.empty() ? "" : ext.c_str() + 1, 0, nullptr,
+                               FolderDeviceId(state, parent).c_str(), ext.empty() ? "" : ext.c_str() + 1, 0, nullptr,
                                id.c_str(), id.c_str(), parent->sFullName.c_str(), 0, -1);
     item = FindFile(state, r.path);
     if (!item) return STATUS_PENDING_NOT_FOUND;

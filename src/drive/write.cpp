@@ -91,7 +91,7 @@ NTSTATUS QuillboxWriteFile(LPCWSTR FileName, LPCVOID Buffer, DWORD Length, LPDWO
   if (item) {
     if (!qb::EqualsNoCaseAZ(FileFullName(item), path)) return TraceStatus(kTagWrite, STATUS_OBJECT_NAME_NOT_FOUND, 2);
     const DirectoryItem* parent = FindFolder(state, ParentPath(path));
-    if (parent && !parent->sItemID) return TraceStatus(kTagWrite, STATUS_ACCESS_DENIED, 3);
+    if (parent && FolderDeviceId(state, parent).empty()) return TraceStatus(kTagWrite, STATUS_ACCESS_DENIED, 3);
   } else {
     item = FindFile(state, path);
   }
@@ -274,6 +274,11 @@ NTSTATUS QuillboxSetFileTime(LPCWSTR FileName, const FILETIME* CreationTime, con
     store();
     return TraceStatus(kTagTime, STATUS_SUCCESS, 8);
   }
+  // A time the device already has raises no event to wait for.
+  auto sameSecond = [](const FILETIME& a, const FILETIME& b) { return a.Value() / 10000000 == b.Value() / 10000000; };
+  if ((!CreationTime || sameSecond(*CreationTime, item->rFindData.ftCreationTime)) &&
+      (!LastWriteTime || sameSecond(*LastWriteTime, item->rFindData.ftLastWriteTime)))
+    return TraceStatus(kTagTime, STATUS_SUCCESS, 10);
   const std::string id = item->ItemIDText();
   auto wait = RegisterWait(state, id);
   const HRESULT hr = state->pHelper->SetFileTime(id.c_str(), CreationTime, LastWriteTime);

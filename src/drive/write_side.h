@@ -17,6 +17,11 @@ constexpr uint32_t kDeleteConfirmLimitMs = 15000;
 // An item made by an open that has no device object yet ("DMYID...").
 bool IsProvisional(const DirectoryItem* item);
 
+// The device object id of a folder item: its own, or for the root of a
+// drive that shows one storage the storage's id (the root folder item is
+// made by the tree before the storage is listed). "" when it has none.
+std::string FolderDeviceId(const DriveState* state, const DirectoryItem* folder);
+
 // Registers a completion wait under the name; null when it cannot be made
 // (the caller must then not ask the device).
 std::shared_ptr<CSyncEvent> RegisterWait(DriveState* state, const std::string& name);
