@@ -171,7 +171,7 @@ TEST_F(DriveWriteTest, WriteBeyondFreeSpaceFailsWithEnospcAndLeavesNothingHalfWr
   SetFreeSpace(1 << 20);
   ASSERT_TRUE(Mount());
   std::string out;
-  EXPECT_NE(Sh("head -c 3000000 /dev/zero > \"$D/huge.bin\" 2>&1", &out), 0);
+  EXPECT_NE(Sh("{ head -c 3000000 /dev/zero > \"$D/huge.bin\"; } 2>&1", &out), 0);
   EXPECT_NE(out.find("No space left"), std::string::npos) << out;
   ASSERT_EQ(Sh("head -c 1000 /dev/zero > \"$D/small.bin\"", &out), 0) << out;
   EXPECT_TRUE(DeviceHolds("small.bin", std::string(1000, '\0')));
@@ -187,9 +187,9 @@ TEST_F(DriveWriteTest, DeviceThatRefusesWritesRefusesEveryChange) {
   noWrite.noWrite = true;
   SetFaults(noWrite);
   for (const char* change :
-       {"echo x > \"$D/new.txt\"", "echo x >> \"$D/a/f.txt\"", "mkdir \"$D/newdir\"", "rm \"$D/a/f.txt\"",
+       {"echo x | cat > \"$D/new.txt\"", "echo x | cat >> \"$D/a/f.txt\"", "mkdir \"$D/newdir\"", "rm \"$D/a/f.txt\"",
         "mv \"$D/a/f.txt\" \"$D/a/g.txt\"", "chmod a-w \"$D/a/f.txt\"", "touch -d 2020-01-01 \"$D/a/f.txt\""}) {
-    EXPECT_NE(Sh(std::string(change) + " 2>&1", &out), 0) << change;
+    EXPECT_NE(Sh("{ " + std::string(change) + "; } 2>&1", &out), 0) << change;
     EXPECT_NE(out.find("ermission denied"), std::string::npos) << change << ": " << out;
   }
   EXPECT_EQ(Read(Storage() / "a" / "f.txt"), "f");
