@@ -86,7 +86,7 @@ bool QueueDownload(DriveState* state, DirectoryItem* item, const std::string& lo
   Trace(kTag, "WAIT 3745 (0x%08X)", 0u);
   std::lock_guard queue(state->hDownloadQueueMutex);
   Trace(kTag, "GOT 3748  (0x%08X)", 0u);
-  Trace(kTag, "Add(%s.%s)", item->rFindData.cFileName.c_str(), ext.empty() ? "<NULL>" : ext.c_str() + 1);
+  Trace(kTag, "Add(%s.%s)", item->sOriginalDeviceName.c_str(), ext.empty() ? "<NULL>" : ext.c_str() + 1);
   state->DownloadQueue.Add(std::move(record));
   Trace(kTag, "RELEASE_SEMAPHORE 3753 (0x%08X)", 0u);
   if (!state->hDownloadQueueSemaphore.Release()) {

@@ -73,23 +73,24 @@ TEST_F(DriveReadTest, OriginalStructureListsAndReadsLikeTheDevice) {
 
 TEST_F(DriveReadTest, LargeFileFirstBytesArriveAtOnceAndReadersShareOneDownload) {
   ASSERT_EQ(Sh("truncate -s 1G \"$S/big.bin\" && printf 'HEAD' | dd of=\"$S/big.bin\" conv=notrunc 2>/dev/null"), 0);
-  MakeDeviceFile("shared.bin", 3000000, 9);
+  MakeDeviceFile("shared.dat", 3000000, 9);
   ASSERT_TRUE(Mount({"--cache-limit-mb", "4096"}));
   std::string out;
   // Two readers at once: one download of the file.
-  ASSERT_EQ(Sh("(cat \"$D/shared.bin\" > /dev/null & cat \"$D/shared.bin\" | sha256sum; wait)", &out), 0);
+  ASSERT_EQ(Sh("(cat \"$D/shared.dat\" > /dev/null & cat \"$D/shared.dat\" | sha256sum; wait)", &out), 0);
   std::string device;
-  ASSERT_EQ(Sh("sha256sum < \"$S/shared.bin\"", &device), 0);
+  ASSERT_EQ(Sh("sha256sum < \"$S/shared.dat\"", &device), 0);
   EXPECT_EQ(out, device);
-  const std::string trace = TraceText();
-  size_t queued = 0;
-  for (size_t at = 0; (at = trace.find("Add(shared.bin.bin)", at)) != std::string::npos; ++at) ++queued;
-  EXPECT_EQ(queued, 1u);
   // head ends long before the 1 GiB transfer could; the unmount ends the
   // transfer that goes on in the background.
   ASSERT_EQ(Sh("head -c 4 \"$D/big.bin\"", &out), 0) << out;
   EXPECT_EQ(out, "HEAD");
   EXPECT_EQ(Unmount(), 0);
+  const std::string trace = TraceText();
+  size_t queued = 0;
+  for (size_t at = 0; (at = trace.find("QuillboxReadFile: Add(", at)) != std::string::npos; ++at)
+    queued += trace.compare(trace.find(')', at) - 4, 4, ".dat") == 0 ? 1 : 0;
+  EXPECT_EQ(queued, 1u);
 }
 
 TEST_F(DriveReadTest, ValidCopyIsUsedWithoutTheDeviceAndAChangedFileIsFetchedAgain) {
@@ -126,6 +127,7 @@ TEST_F(DriveReadTest, AsynchronousListingHandsTheFolderOverAndPopulatesIt) {
   }, 15000)) << out;
   ASSERT_EQ(Sh("cmp \"$D/many/f7.txt\" \"$S/many/f7.txt\" && cat \"$D/many/sub/deep.txt\" | wc -c", &out), 0) << out;
   EXPECT_EQ(out, "5\n");
+  ASSERT_EQ(Unmount(), 0);  // the trace is complete once the server has ended
   EXPECT_NE(TraceText().find("ASYNC dirlist finished: \"\\many\\\""), std::string::npos);
 }
 
@@ -240,6 +242,31 @@ TEST_F(DriveReadTest, CacheIsRebuiltFromDiskAndKeptUnderItsLimit) {
   offline.offline = true;
   SetFaults(offline);
   EXPECT_EQ(Sh("cmp \"$D/f5.bin\" \"$S/f5.bin\"", &out), 0) << out;
+}
+
+TEST_F(DriveReadTest, FullCacheDiskFailsTheReadAtOnceAndLosesNothingElse) {
+  // A small file system for the cache folder (needs the right to mount).
+  const fs::path cache = CacheFolder();
+  fs::create_directories(cache);
+  if (Sh("mount -t tmpfs -o size=2m quillbox-test-cache " + Quote(cache.string())) != 0)
+    GTEST_SKIP() << "cannot mount a small file system here";
+  struct Unmounter {
+    std::string path;
+    ~Unmounter() { RunShell("umount -l " + Quote(path)); }
+  } unmounter{cache.string()};
+  MakeDeviceFile("small.bin", 1000000, 1);
+  MakeDeviceFile("large.bin", 3000000, 2);
+  ASSERT_TRUE(Mount({"--cache-limit-mb", "4096"}));
+  std::string out;
+  ASSERT_EQ(Sh("cmp \"$D/small.bin\" \"$S/small.bin\"", &out), 0) << out;
+  EXPECT_NE(Sh("cat \"$D/large.bin\" > /dev/null", &out), 0);
+  EXPECT_NE(out.find("Input/output error"), std::string::npos) << out;
+  sim::Faults offline;
+  offline.offline = true;
+  SetFaults(offline);
+  EXPECT_EQ(Sh("cmp \"$D/small.bin\" \"$S/small.bin\"", &out), 0) << out;
+  ASSERT_EQ(Unmount(), 0);
+  EXPECT_NE(TraceText().find("Not enough space in directory"), std::string::npos);
 }
 
 }  // namespace
