@@ -276,6 +276,24 @@ TEST_F(DriveWriteTest, DeviceRemovedDuringAnUploadKeepsTheContent) {
   EXPECT_FALSE(fs::exists(Storage() / "slow.bin"));
 }
 
+TEST_F(DriveWriteTest, FileStillOpenWhenTheInstanceEndsIsRescued) {
+  ASSERT_TRUE(Mount());
+  ASSERT_EQ(Sh("ls \"$D\" >/dev/null"), 0);
+  const std::string pid = Quote((home_ / "pid").string());
+  // A program keeps the file open while the drive goes.
+  ASSERT_EQ(Sh("sh -c 'exec 3> \"$0/held.txt\"; echo \"still open\" >&3; echo $$ > \"$1.new\"; mv \"$1.new\" \"$1\"; "
+               "exec sleep 60' \"$D\" " + pid + " > /dev/null 2>&1 &"),
+            0);
+  ASSERT_TRUE(WaitUntil([&] { return fs::exists(home_ / "pid"); }, kDeviceLimitMs));
+  sim::Faults offline;
+  offline.offline = true;
+  SetFaults(offline);
+  EXPECT_EQ(Unmount(), 0);
+  Sh("kill $(cat " + pid + ")");
+  ASSERT_TRUE(fs::exists(Rescued() / "held.txt"));
+  EXPECT_EQ(Read(Rescued() / "held.txt"), "still open\n");
+}
+
 // ---------------------------------------------------------------------------
 // Changes made on the device show live.
 
