@@ -59,7 +59,7 @@ HRESULT PutFileDataCallback(void* context, uint8_t* buffer, uint32_t length, uin
 // What an upload needs of the item, taken under the drive lock: the device
 // event worker may refill the record while the upload runs.
 struct UploadPlan {
-  std::string localPath, name, extension, parentId, waitName, oldId;
+  std::string localPath, name, extension, parentId, waitName, oldId, cacheName, fileName;
   bool replace = false;
   DWORD attributes = 0;
   FILETIME delayedCreation, delayedWrite;
@@ -95,12 +95,16 @@ NTSTATUS Fail(DriveState* state, DirectoryItem* item, const UploadPlan& plan, co
   const std::string rescued = hasContent ? RescueContent(state, plan.localPath, path, ReasonOf(hr)) : std::string();
   {
     CReadLock lock(&state->rDriveLock);
-    item->bUploadPending = 0;
-    if (IsProvisional(item)) {
-      Trace(kTag, "DID:%s", item->ItemIDText());
-      item->bDeleted = 1;
+    // The record may serve another object by now (a replaced file's record
+    // is free once its old object is gone): only its own flags change.
+    if (plan.oldId == item->ItemIDText()) {
+      item->bUploadPending = 0;
+      if (IsProvisional(item)) {
+        Trace(kTag, "DID:%s", item->ItemIDText());
+        item->bDeleted = 1;
+      }
     }
-    CCacheItem* entry = state->pCache->Find(CacheName(item), item->rFindData.cFileName);
+    CCacheItem* entry = state->pCache->Find(plan.cacheName, plan.fileName);
     if (entry && (!hasContent || !rescued.empty())) state->pCache->Delete(&entry, 1);
   }
   RefreshShell(state, SHCNE_UPDATEDIR, ParentPath(path));
@@ -113,6 +117,8 @@ bool MakePlan(DriveState* state, DirectoryItem* item, const std::string& path, U
   CCacheItem* entry = state->pCache->Find(CacheName(item), item->rFindData.cFileName);
   if (!entry) return false;
   plan->localPath = entry->sLocalPath;
+  plan->cacheName = CacheName(item);
+  plan->fileName = item->rFindData.cFileName;
   plan->name = item->sOriginalItemName;
   const std::string ext(ExtensionOf(item->rFindData.cFileName));
   plan->extension = ext.empty() ? "" : ext.substr(1);
@@ -235,10 +241,14 @@ NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string
   if (!AwaitConfirmation(state, wait, kConfirmLimitMs)) RelistFolderById(state, plan.parentId);
   {
     CReadLock lock(&state->rDriveLock);
-    item->bUploadPending = 0;
-    if (IsProvisional(item)) {
-      Trace(kTag, "DID:%s", item->ItemIDText());
-      item->bDeleted = 1;
+    // A record that the device's object took over in place is already
+    // refilled; one that still carries its old id is this upload's own.
+    if (plan.oldId == item->ItemIDText()) {
+      item->bUploadPending = 0;
+      if (IsProvisional(item)) {
+        Trace(kTag, "DID:%s", item->ItemIDText());
+        item->bDeleted = 1;
+      }
     }
   }
   if (state->llFreeBytes >= 0) RefreshDriveFreeSpace();
