@@ -112,8 +112,12 @@ TEST_F(DriveWriteTest, FoldersDeletesRenamesAndMovesHappenOnTheDevice) {
   ASSERT_EQ(Sh("mv \"$D/b\" \"$D/new/deep/\" 2>&1 && ls \"$D/new/deep/b\"", &out), 0) << out;
   EXPECT_EQ(out, "keep.txt\n");
   EXPECT_EQ(Read(Storage() / "new" / "deep" / "b" / "keep.txt"), "1");
+  // A folder renamed in its folder keeps its content.
+  ASSERT_EQ(Sh("mv \"$D/new/deep/b\" \"$D/new/deep/c\" 2>&1 && cat \"$D/new/deep/c/keep.txt\"", &out), 0) << out;
+  EXPECT_EQ(out, "1");
+  EXPECT_EQ(Read(Storage() / "new" / "deep" / "c" / "keep.txt"), "1");
   ASSERT_EQ(Sh("cd \"$D\" && find . | sort", &out), 0);
-  EXPECT_EQ(out, ".\n./a\n./new\n./new/deep\n./new/deep/b\n./new/deep/b/keep.txt\n");
+  EXPECT_EQ(out, ".\n./a\n./new\n./new/deep\n./new/deep/c\n./new/deep/c/keep.txt\n");
 }
 
 TEST_F(DriveWriteTest, DeviceWithoutMoveRefusesMovesButRenames) {
