@@ -1,0 +1,300 @@
+// The cleanup of a handle: the device delete of a file, and the upload of
+// its pending content with the rescue of what could not reach the device.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "common/strings.h"
+#include "diag/trace.h"
+#include "drive/write_side.h"
+#include "platform/system/clock.h"
+
+using namespace qb::drive;
+
+namespace {
+
+constexpr const char* kTag = "M36@QuillboxCleanup: ";
+constexpr const char* kTagUpload = "M37@UploadPending: ";
+constexpr const char* kTagPut = "M38@PutFileDataCallback: ";
+constexpr DWORD kDeviceAttributes = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM;
+constexpr HRESULT kDeviceGone = static_cast<HRESULT>(0x80210005u);
+constexpr HRESULT kDiskFull = static_cast<HRESULT>(0x80070070u);
+
+struct UploadProgress {
+  uint64_t* pullAlreadyUploaded = nullptr;
+  int hLocalFile = -1;
+  uint64_t ullFileSize = 0;
+  uint32_t dwError = 0;
+};
+
+HRESULT PutFileDataCallback(void* context, uint8_t* buffer, uint32_t length, uint64_t offset,
+                            const char* path, uint32_t* supplied) {
+  auto* progress = static_cast<UploadProgress*>(context);
+  Trace(kTagPut, "%ld, %lld", static_cast<long>(length), static_cast<long long>(offset));
+  if (supplied) *supplied = 0;
+  if (!progress || !buffer || !path) return S_OK;
+  if (offset == 0 && progress->hLocalFile < 0) {
+    progress->hLocalFile = ::open(path, O_RDONLY | O_CLOEXEC);
+    Trace(kTagPut, "CreateFile(0x%08X)", static_cast<unsigned>(progress->hLocalFile));
+  }
+  if (progress->hLocalFile < 0) {
+    progress->dwError = 2;
+    return E_FAIL;
+  }
+  ssize_t n;
+  do n = ::pread(progress->hLocalFile, buffer, length, static_cast<off_t>(offset));
+  while (n < 0 && errno == EINTR);
+  if (n < 0) {
+    progress->dwError = 1;
+    return E_FAIL;
+  }
+  if (supplied) *supplied = static_cast<uint32_t>(n);
+  if (progress->pullAlreadyUploaded) *progress->pullAlreadyUploaded = offset + static_cast<uint64_t>(n);
+  Trace(kTagPut, "%d, %llu, %ld", static_cast<int>(n), static_cast<unsigned long long>(offset), static_cast<long>(length));
+  return S_OK;
+}
+
+// What an upload needs of the item, taken under the drive lock: the device
+// event worker may refill the record while the upload runs.
+struct UploadPlan {
+  std::string localPath, name, extension, parentId, waitName, oldId, cacheName, fileName;
+  bool replace = false;
+  DWORD attributes = 0;
+  FILETIME delayedCreation, delayedWrite;
+  int64_t oldSize = 0;
+};
+
+FILETIME CopyWriteTime(const std::string& path, const DirectoryItem* item) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return item->rFindData.ftLastWriteTime;
+  return qb::sys::UnixToFileTime(st.st_mtim.tv_sec, 0);
+}
+
+const char* ReasonOf(HRESULT hr) {
+  if (hr == kDeviceGone) return "the device is not connected";
+  if (hr == kDiskFull) return "the device is full";
+  if (hr == static_cast<HRESULT>(0x80070032u) || hr == E_ACCESSDENIED) return "the device refuses writes";
+  return "the transfer failed";
+}
+
+NTSTATUS StatusOf(HRESULT hr) {
+  if (hr == kDiskFull) return STATUS_DISK_FULL;
+  if (hr == static_cast<HRESULT>(0x80070032u) || hr == E_ACCESSDENIED) return STATUS_ACCESS_DENIED;
+  if (hr == kDeviceGone) return STATUS_NO_SUCH_DEVICE;
+  return STATUS_UNSUCCESSFUL;
+}
+
+// The upload did not happen: the content goes to the rescue folder, the
+// placeholder leaves the tree.
+NTSTATUS Fail(DriveState* state, DirectoryItem* item, const UploadPlan& plan, const std::string& path, HRESULT hr) {
+  Trace(kTagUpload, "Upload of \"%s\" failed: 0x%08X", path.c_str(), static_cast<unsigned>(hr));
+  struct stat st {};
+  const bool hasContent = ::stat(plan.localPath.c_str(), &st) == 0 && st.st_size > 0;
+  const std::string rescued = hasContent ? RescueContent(state, plan.localPath, path, ReasonOf(hr)) : std::string();
+  {
+    CReadLock lock(&state->rDriveLock);
+    // The record may serve another object by now (a replaced file's record
+    // is free once its old object is gone): only its own flags change.
+    if (plan.oldId == item->ItemIDText()) {
+      item->bUploadPending = 0;
+      if (IsProvisional(item)) {
+        Trace(kTag, "DID:%s", item->ItemIDText());
+        item->bDeleted = 1;
+      }
+    }
+    CCacheItem* entry = state->pCache->Find(plan.cacheName, plan.fileName);
+    if (entry && (!hasContent || !rescued.empty())) state->pCache->Delete(&entry, 1);
+  }
+  RefreshShell(state, SHCNE_UPDATEDIR, ParentPath(path));
+  RefreshShell(state, SHCNE_UPDATEITEM, path);
+  return StatusOf(hr);
+}
+
+bool MakePlan(DriveState* state, DirectoryItem* item, const std::string& path, UploadPlan* plan) {
+  CReadLock lock(&state->rDriveLock);
+  CCacheItem* entry = state->pCache->Find(CacheName(item), item->rFindData.cFileName);
+  if (!entry) return false;
+  plan->localPath = entry->sLocalPath;
+  plan->cacheName = CacheName(item);
+  plan->fileName = item->rFindData.cFileName;
+  plan->name = item->sOriginalItemName;
+  const std::string ext(ExtensionOf(item->rFindData.cFileName));
+  plan->extension = ext.empty() ? "" : ext.substr(1);
+  plan->parentId = item->sParentID;
+  if (plan->parentId.empty() || IsProvisional(item)) {
+    const DirectoryItem* folder = FindFolder(state, ParentPath(path));
+    if (!FolderDeviceId(state, folder).empty()) plan->parentId = FolderDeviceId(state, folder);
+    Trace(kTagUpload, "pID=%s", plan->parentId.c_str());
+  }
+  plan->waitName = item->sFullPath + item->rFindData.cFileName;
+  // An item with a device object is replaced: its old object goes first.
+  plan->replace = !IsProvisional(item);
+  plan->oldId = item->ItemIDText();
+  plan->oldSize = item->rFindData.FileSize();
+  plan->attributes = item->rFindData.dwFileAttributes & kDeviceAttributes;
+  plan->delayedCreation = item->ftDelayedCreationTime;
+  plan->delayedWrite = item->ftDelayedLastWriteTime;
+  return true;
+}
+
+// Attributes and times that had to wait for the upload, applied to the
+// object that now carries the path.
+void ApplyAfterUpload(DriveState* state, const UploadPlan& plan, const std::string& path) {
+  if (!plan.attributes && !plan.delayedCreation.Value() && !plan.delayedWrite.Value()) return;
+  DOKAN_FILE_INFO info;
+  {
+    CReadLock lock(&state->rDriveLock);
+    DirectoryItem* item = FindFile(state, path);
+    if (!item || IsProvisional(item)) {
+      Trace(kTagUpload, "Delayed SetFileTime failed");
+      return;
+    }
+    info.Context = reinterpret_cast<ULONG64>(item);
+    if (plan.attributes) {
+      Trace(kTagUpload, "Set file attributes(2)");
+      item->rFindData.dwFileAttributes &= ~kDeviceAttributes;
+    }
+  }
+  if (plan.attributes &&
+      QuillboxSetFileAttributes(path.c_str(), plan.attributes | FILE_ATTRIBUTE_ARCHIVE, &info) != STATUS_SUCCESS)
+    Trace(kTagUpload, "Set file attributes failed");
+  if (plan.delayedCreation.Value() || plan.delayedWrite.Value()) {
+    Trace(kTagUpload, "Delayed SetFileTime");
+    if (QuillboxSetFileTime(path.c_str(), plan.delayedCreation.Value() ? &plan.delayedCreation : nullptr, nullptr,
+                            plan.delayedWrite.Value() ? &plan.delayedWrite : nullptr, &info) != STATUS_SUCCESS)
+      Trace(kTagUpload, "Delayed SetFileTime failed");
+  }
+}
+
+}  // namespace
+
+namespace qb::drive {
+
+HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string& path) {
+  Trace(kTag, "  DeleteFile ");
+  std::string id;
+  int64_t size = 0;
+  {
+    CReadLock lock(&state->rDriveLock);
+    id = item->ItemIDText();
+    size = item->rFindData.FileSize();
+    item->bPendingDelete = 1;
+  }
+  auto wait = RegisterWait(state, id);
+  const HRESULT hr = state->pHelper ? state->pHelper->DeleteFile(id.c_str()) : E_FAIL;
+  if (FAILED(hr)) {
+    DiscardEventDone(wait);
+    CReadLock lock(&state->rDriveLock);
+    item->bPendingDelete = 0;
+    Trace(kTag, "Cannot delete file \"%s\" from device", path.c_str());
+    return hr;
+  }
+  Trace(kTag, ">>Waiting for DELETE callback to finish with '%s', 0x%08X", id.c_str(), 0u);
+  if (!AwaitConfirmation(state, wait, kDeleteConfirmLimitMs)) RelistFolderOfPath(state, path);
+  CWriteLock lock(&state->rDriveLock);
+  state->pDirectory->AddSize(-size);
+  return S_OK;
+}
+
+NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string& path) {
+  UploadPlan plan;
+  if (!MakePlan(state, item, path, &plan)) {
+    Trace(kTagUpload, "No cache copy of \"%s\"", path.c_str());
+    item->bUploadPending = 0;
+    return STATUS_SUCCESS;
+  }
+  const bool refused = TakeRefusedWrite(item);
+  if (refused) return Fail(state, item, plan, path, kDiskFull);
+  struct stat st {};
+  if (::stat(plan.localPath.c_str(), &st) != 0) return Fail(state, item, plan, path, E_FAIL);
+  const uint64_t size = static_cast<uint64_t>(st.st_size);
+  const int64_t free = state->llFreeBytes;
+  // Checked before the old object goes, so that a file that cannot fit
+  // leaves the device as it was.
+  if (free >= 0 && size > static_cast<uint64_t>(free) + (plan.replace ? static_cast<uint64_t>(plan.oldSize) : 0))
+    return Fail(state, item, plan, path, kDiskFull);
+  if (plan.replace) {
+    const HRESULT hr = DeleteOnDevice(state, item, path);
+    if (FAILED(hr)) return Fail(state, item, plan, path, hr);
+  }
+  FILETIME written = plan.delayedWrite.Value() ? plan.delayedWrite : CopyWriteTime(plan.localPath, item);
+  {
+    CReadLock lock(&state->rDriveLock);
+    item->rFindData.SetFileSize(static_cast<int64_t>(size));
+  }
+  auto wait = RegisterWait(state, plan.waitName);
+  UploadProgress progress;
+  progress.ullFileSize = size;
+  Trace(kTagUpload, "PutFile \"%s\" (%llu bytes)", path.c_str(), static_cast<unsigned long long>(size));
+  HRESULT hr = state->pHelper->PutFile(plan.name.c_str(), plan.extension.empty() ? nullptr : plan.extension.c_str(),
+                                       plan.localPath.c_str(),
+                                       plan.parentId.c_str(), size, &written, &PutFileDataCallback, &progress);
+  if (progress.hLocalFile >= 0) ::close(progress.hLocalFile);
+  if (SUCCEEDED(hr) && progress.dwError) hr = E_FAIL;
+  if (FAILED(hr)) {
+    DiscardEventDone(wait);
+    return Fail(state, item, plan, path, hr);
+  }
+  Trace(kTag, ">>Waiting for CREATE callback to finish with '%s', 0x%08X", path.c_str(), 0u);
+  if (!AwaitConfirmation(state, wait, kConfirmLimitMs)) RelistFolderById(state, plan.parentId);
+  {
+    CReadLock lock(&state->rDriveLock);
+    // A record that the device's object took over in place is already
+    // refilled; one that still carries its old id is this upload's own.
+    if (plan.oldId == item->ItemIDText()) {
+      item->bUploadPending = 0;
+      if (IsProvisional(item)) {
+        Trace(kTag, "DID:%s", item->ItemIDText());
+        item->bDeleted = 1;
+      }
+    }
+  }
+  if (state->llFreeBytes >= 0) RefreshDriveFreeSpace();
+  plan.delayedWrite = FILETIME{};  // went with the upload
+  ApplyAfterUpload(state, plan, path);
+  RefreshShell(state, SHCNE_UPDATEITEM, path);
+  return STATUS_SUCCESS;
+}
+
+}  // namespace qb::drive
+
+void QuillboxCleanup(LPCWSTR FileName, PDOKAN_FILE_INFO DokanFileInfo) {
+  const std::string path(FileName ? FileName : "");
+  Trace(kTag, "FileName=\"%s\"", path.c_str());
+  DriveState* state = GetDriveState();
+  if (!state || HasWildcard(path)) return;
+  DirectoryItem* item = ContextItem(DokanFileInfo);
+  if (!item) {
+    Trace(kTag, "Cleanup: \"%s\" - invalid handle", path.c_str());
+    return;
+  }
+  Trace(kTag, "Cleanup: 0x%08X", static_cast<unsigned>(reinterpret_cast<uintptr_t>(item)));
+  DokanFileInfo->Context = 0;
+  if (DokanFileInfo->IsDirectory || item->bPersistent) return;
+  bool deleteOnClose, uploadPending, provisional;
+  {
+    CReadLock lock(&state->rDriveLock);
+    deleteOnClose = item->bFileFlagDeleteOnClose && item->IsLive();
+    uploadPending = item->bUploadPending;
+    provisional = IsProvisional(item);
+  }
+  if (deleteOnClose && !uploadPending) {
+    Trace(kTag, "  DeleteOnClose");
+    if (!provisional) {
+      if (FAILED(DeleteOnDevice(state, item, path))) return;
+      CReadLock lock(&state->rDriveLock);
+      CCacheItem* entry = state->pCache->Find(CacheName(item), item->rFindData.cFileName);
+      if (entry) state->pCache->Delete(&entry, 1);
+    } else {
+      CReadLock lock(&state->rDriveLock);
+      Trace(kTag, "DID:%s", item->ItemIDText());
+      item->bDeleted = 1;
+    }
+    RefreshShell(state, SHCNE_DELETE, path);
+    return;
+  }
+  if (!IsOriginalStructure(state)) return;
+  if (uploadPending) UploadPending(state, item, path);
+}

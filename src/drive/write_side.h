@@ -1,0 +1,88 @@
+#pragma once
+// Steps of the drive's write side shared by its files (not part of the
+// public header): completion waits, re-listing after a missed confirmation,
+// the device delete and upload of a file, the rescue of content that could
+// not reach the device, and the event worker's changes to the tree.
+#include <memory>
+#include <string>
+
+#include "drive/drive_internal.h"
+
+namespace qb::drive {
+
+// Time limits of the confirmations.
+constexpr uint32_t kConfirmLimitMs = 3000;
+constexpr uint32_t kDeleteConfirmLimitMs = 15000;
+
+// An item made by an open that has no device object yet ("DMYID...").
+bool IsProvisional(const DirectoryItem* item);
+
+// The device object id of a folder item: its own, or for the root of a
+// drive that shows one storage the storage's id (the root folder item is
+// made by the tree before the storage is listed). "" when it has none.
+std::string FolderDeviceId(const DriveState* state, const DirectoryItem* folder);
+
+// Registers a completion wait under the name; null when it cannot be made
+// (the caller must then not ask the device).
+std::shared_ptr<CSyncEvent> RegisterWait(DriveState* state, const std::string& name);
+// Waits up to limitMs; on a time-out logs ">>Callback was not called" and
+// withdraws the wait. True when the device confirmed.
+bool AwaitConfirmation(DriveState* state, const std::shared_ptr<CSyncEvent>& wait, uint32_t limitMs);
+
+// Brings the tree's picture of one folder in line with the device (takes
+// the drive lock for writing): objects gone from the device leave the tree,
+// new ones come in. The folder is given by its device id, or by a path on
+// the drive whose containing folder is meant.
+void RelistFolderById(DriveState* state, const std::string& folderId);
+void RelistFolderOfPath(DriveState* state, const std::string& path);
+
+// Whether the device accepts changes; logs "Write access not supported".
+bool WriteAllowed(DriveState* state);
+
+// Deletes the item's device object and waits for the confirmation (the
+// item goes pending-delete meanwhile). The HRESULT of the device.
+HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string& path);
+
+// Uploads the pending content of a file item (cleanup and flush). A failed
+// upload keeps the content in the rescue folder. STATUS_SUCCESS, or the
+// status a program is to see.
+NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string& path);
+
+// Copies content that could not reach the device into
+// <local data>/Quillbox/Rescued/<device>/<path on the drive> (a time in the
+// name when that name is taken), logs and tells the user where it is. The
+// rescued file's path, or "" when even the copy failed.
+std::string RescueContent(DriveState* state, const std::string& localPath, const std::string& drivePath,
+                          const char* reason);
+
+// Marks a write of the item as refused (device full): its content must not
+// reach the device as if complete. Cleared by the next successful upload.
+void NoteRefusedWrite(DirectoryItem* item);
+bool TakeRefusedWrite(DirectoryItem* item);
+
+// The event worker's handling of created, deleted and updated objects.
+void ProcessItemEvent(DriveState* state, const EventItem& event);
+
+}  // namespace qb::drive
+
+void SignalEventDone(const std::string& name);
+void DiscardEventDone(const std::shared_ptr<CSyncEvent>& event);
+
+NTSTATUS Guard_QuillboxWriteFile(LPCWSTR FileName, LPCVOID Buffer, DWORD NumberOfBytesToWrite,
+                                 LPDWORD NumberOfBytesWritten, LONGLONG Offset,
+                                 PDOKAN_FILE_INFO DokanFileInfo);
+NTSTATUS QuillboxSetEndOfFile(LPCWSTR FileName, LONGLONG ByteOffset, PDOKAN_FILE_INFO DokanFileInfo);
+NTSTATUS QuillboxSetAllocationSize(LPCWSTR FileName, LONGLONG AllocSize, PDOKAN_FILE_INFO DokanFileInfo);
+NTSTATUS QuillboxFlushFileBuffers(LPCWSTR FileName, PDOKAN_FILE_INFO DokanFileInfo);
+NTSTATUS QuillboxSetFileAttributes(LPCWSTR FileName, DWORD FileAttributes, PDOKAN_FILE_INFO DokanFileInfo);
+NTSTATUS QuillboxSetFileTime(LPCWSTR FileName, const FILETIME* CreationTime, const FILETIME* LastAccessTime,
+                             const FILETIME* LastWriteTime, PDOKAN_FILE_INFO DokanFileInfo);
+void QuillboxCleanup(LPCWSTR FileName, PDOKAN_FILE_INFO DokanFileInfo);
+NTSTATUS QuillboxDeleteFile(LPCWSTR FileName, PDOKAN_FILE_INFO DokanFileInfo);
+NTSTATUS QuillboxDeleteDirectory(LPCWSTR FileName, PDOKAN_FILE_INFO DokanFileInfo);
+NTSTATUS Guard_QuillboxMoveFile(LPCWSTR FileName, LPCWSTR NewFileName, BOOL ReplaceIfExisting,
+                                PDOKAN_FILE_INFO DokanFileInfo);
+NTSTATUS QuillboxCreateDirectory(LPCWSTR FileName, PDOKAN_FILE_INFO DokanFileInfo);
+// The device delete of a folder (RemoveDirFromPersistFolders outside the
+// tree-only case): an HRESULT.
+HRESULT DeleteFolderOnDevice(DriveState* state, DirectoryItem* folder, const std::string& path);
