@@ -40,7 +40,6 @@ struct Open {
   DOKAN_FILE_INFO info;  // Context and flags of the open
   uint64_t node = 0;
   bool directory = false;
-  bool writable = false;  // opened for writing: its close(2) flushes
   // Folder snapshot, taken at offset 0; replies share it, never copy it.
   std::shared_ptr<const Listing> listing;
   // Held shared while another request of the node borrows this open; the
@@ -87,9 +86,6 @@ class Drive {
   int Write(fuse_req_t req, Open* open, const char* buffer, size_t size, off_t offset,
             size_t* written);
   int Flush(fuse_req_t req, Open* open);
-  // close(2) of a descriptor: a writing open hands its data on, so that the
-  // program learns of a failure; other opens have nothing to say.
-  int FlushOnClose(fuse_req_t req, Open* open);
   void Release(Open* open);
   int OpenDirectory(fuse_req_t req, uint64_t node, Open** out);
   // Fills `buffer` from `offset`; with `plus` every entry carries its

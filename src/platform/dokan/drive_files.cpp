@@ -23,7 +23,6 @@ int Drive::OpenFile(fuse_req_t req, uint64_t node, int flags, Open** out) {
   open->node = node;
   open->info = NewInfo(req);
   open->info.WriteToEndOfFile = (flags & O_APPEND) ? 1 : 0;
-  open->writable = (flags & O_ACCMODE) != O_RDONLY;
   const ULONG disposition = (flags & O_TRUNC) ? FILE_OVERWRITE : FILE_OPEN;
   const NTSTATUS status = table_.Create(path, AccessOfFlags(flags), 0, kShareAll, disposition,
                                         OptionsOfFlags(flags), &open->info);
@@ -40,7 +39,6 @@ int Drive::CreateFile(fuse_req_t req, uint64_t parent, const char* name, mode_t 
   auto open = std::make_unique<Open>();
   open->info = NewInfo(req);
   open->info.WriteToEndOfFile = (flags & O_APPEND) ? 1 : 0;
-  open->writable = (flags & O_ACCMODE) != O_RDONLY;
   const ULONG disposition = CreateDispositionOfFlags(flags);
   // A mode without write bits makes a read-only file; the new handle may
   // still write, on Linux as on Windows.
@@ -97,11 +95,6 @@ int Drive::Flush(fuse_req_t req, Open* open) {
   const NTSTATUS status = table_.Flush(path, &di);
   End(open, di);
   return ErrnoOfStatus(status);
-}
-
-int Drive::FlushOnClose(fuse_req_t req, Open* open) {
-  if (!open || !open->writable || open->directory) return 0;
-  return Flush(req, open);
 }
 
 void Drive::Release(Open* open) {

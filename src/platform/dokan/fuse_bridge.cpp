@@ -172,16 +172,9 @@ void OnWrite(fuse_req_t req, fuse_ino_t ino, const char* buf, size_t size, off_t
   });
 }
 
-// close(2) of one descriptor: Windows has no call for it (the handle ends
-// with the last descriptor, at release), but a descriptor that wrote flushes
-// here so that close(2) reports data that could not be stored.
-void OnFlush(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
-  Serve(req, "flush", ino, [&](bool& replied) {
-    const int err = DriveOf(req).FlushOnClose(req, OpenOf(fi));
-    replied = true;
-    fuse_reply_err(req, err);
-  });
-}
+// close(2) of one descriptor: Windows has no call for it; the handle ends
+// with the last descriptor (release).
+void OnFlush(fuse_req_t req, fuse_ino_t, fuse_file_info*) { fuse_reply_err(req, 0); }
 
 void OnFsync(fuse_req_t req, fuse_ino_t ino, int, fuse_file_info* fi) {
   Serve(req, "fsync", ino, [&](bool& replied) {
