@@ -1,5 +1,6 @@
 #include "conformance/target.h"
 
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -9,11 +10,15 @@
 #include <memory>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include "support/test_home.h"
 
 #ifndef QB_DOKAN_TEST_SERVER
 #define QB_DOKAN_TEST_SERVER ""
+#endif
+#ifndef QB_DRIVE_SERVER
+#define QB_DRIVE_SERVER ""
 #endif
 
 namespace fs = std::filesystem;
@@ -36,68 +41,85 @@ bool IsMounted(const fs::path& point) {
   return false;
 }
 
-// Maps a simulated device of its own as drive T and unmounts it at the end
-// of the run, also when a case failed.
-class MountedDrive {
+// A server process that mounts a drive on `letter`; unmounted and waited for
+// at the end of the run, also when a case failed.
+class ServedMount {
  public:
-  MountedDrive() {
-    const fs::path bin = qbtest::BinDir();
-    const std::string simdev = (bin / "quillbox-simdev").string();
-    const std::string quillbox = (bin / "quillbox").string();
-    if (RunQuiet(simdev + " create conf --name 'Conformance Device' --serial CONF1 "
-                 "--storage internal:Internal:4294967296") != 0) {
-      throw std::runtime_error("cannot create the simulated device");
+  ServedMount(const fs::path& home, char letter, std::vector<std::string> argv) {
+    mountPoint_ = home / "drives" / std::string(1, letter);
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      std::vector<char*> args;
+      for (auto& a : argv) args.push_back(a.data());
+      args.push_back(nullptr);
+      ::execv(args[0], args.data());
+      _exit(127);
     }
-    mountPoint_ = home_.Path() / "drives" / "T";
-    if (RunQuiet(quillbox + " /mn 'Conformance Device' /si 1 T:") != 0 || !IsMounted(mountPoint_)) {
-      throw std::runtime_error("cannot map the simulated device as T:");
+    // The server mounts in the background; wait for the mount, bounded.
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!IsMounted(mountPoint_)) {
+      int status = 0;
+      if (std::chrono::steady_clock::now() > limit || ::waitpid(pid_, &status, WNOHANG) == pid_) {
+        throw std::runtime_error("the server did not mount " + mountPoint_.string());
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    backing_ = home_.Path() / "devices" / "conf" / "internal";
   }
-  ~MountedDrive() {
-    const std::string quillbox = (qbtest::BinDir() / "quillbox").string();
-    if (RunQuiet(quillbox + " /u T:") != 0 || IsMounted(mountPoint_)) {
+  ~ServedMount() {
+    if (RunQuiet("fusermount3 -u '" + mountPoint_.string() + "'") != 0) {
       RunQuiet("fusermount3 -u -z '" + mountPoint_.string() + "'");
+    }
+    // Uploads may still finish at the unmount; then the server must end.
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    int status = 0;
+    while (::waitpid(pid_, &status, WNOHANG) == 0) {
+      if (std::chrono::steady_clock::now() > limit) {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, &status, 0);
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
   }
   const fs::path& MountPoint() const { return mountPoint_; }
+
+ private:
+  fs::path mountPoint_;
+  pid_t pid_ = -1;
+};
+
+// A simulated device of its own, served as drive T by the drive's server.
+class MountedDrive {
+ public:
+  MountedDrive() {
+    const std::string simdev = (qbtest::BinDir() / "quillbox-simdev").string();
+    if (RunQuiet(simdev + " create conf --name 'Conformance Device' --serial CONF1 "
+                 "--storage internal:Internal:8589934592") != 0) {
+      throw std::runtime_error("cannot create the simulated device");
+    }
+    backing_ = home_.Path() / "devices" / "conf" / "internal";
+    served_ = std::make_unique<ServedMount>(home_.Path(), 'T',
+                                            std::vector<std::string>{QB_DRIVE_SERVER, "T", "Conformance Device"});
+  }
+  const fs::path& MountPoint() const { return served_->MountPoint(); }
   const fs::path& Backing() const { return backing_; }
 
  private:
   qbtest::ScopedHome home_;
-  fs::path mountPoint_;
   fs::path backing_;
+  std::unique_ptr<ServedMount> served_;
 };
 
-// The drive layer's test server on letter M, removed at the end of the run.
+// The drive layer's test server on letter M.
 class MountedMemFs {
  public:
-  MountedMemFs() {
-    mountPoint_ = home_.Path() / "drives" / "M";
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      const char* server = QB_DOKAN_TEST_SERVER;
-      ::execl(server, server, "M", "/dev/null", static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    // The server mounts in the background; wait for the mount, bounded.
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!IsMounted(mountPoint_)) {
-      if (std::chrono::steady_clock::now() > limit) throw std::runtime_error("test server did not mount");
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-  }
-  ~MountedMemFs() {
-    RunQuiet("fusermount3 -u -z '" + mountPoint_.string() + "'");
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
-  }
-  const fs::path& MountPoint() const { return mountPoint_; }
+  MountedMemFs()
+      : served_(home_.Path(), 'M', std::vector<std::string>{QB_DOKAN_TEST_SERVER, "M", "/dev/null"}) {}
+  const fs::path& MountPoint() const { return served_.MountPoint(); }
 
  private:
   qbtest::ScopedHome home_;
-  fs::path mountPoint_;
-  pid_t pid_ = -1;
+  ServedMount served_;
 };
 
 struct Run {
