@@ -28,7 +28,7 @@ rm -rf "$work/merged" && mkdir -p "$work/merged"
 nice -n 10 "$bin" -merge=1 -timeout=10 -rss_limit_mb=2048 "$work/merged" "$kept" "$work/found" \
   >"$logs/$name.merge.log" 2>&1 || true
 if [ -n "$(ls -A "$work/merged")" ]; then
-  find "$kept" -maxdepth 1 -type f -name '[0-9a-f]*' -regex '.*/[0-9a-f]\{40\}$' -delete
+  find "$kept" -maxdepth 1 -type f -regextype posix-extended -regex '.*/[0-9a-f]{40}' -delete
   cp -n "$work/merged"/* "$kept"/
 fi
 echo "$(date -u +%FT%TZ) merged $name" >>"$logs/queue.log"
