@@ -10,6 +10,7 @@ packages=(
   qt6-base-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   tzdata procps psmisc
+  clang libclang-rt-dev  # the fuzzing build (docs/fuzzing.md)
 )
 
 missing=()
