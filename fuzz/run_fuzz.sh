@@ -23,13 +23,17 @@ nice -n 10 "$bin" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -pri
   -artifact_prefix="$work/artifacts/" "$work/found" "$kept" >"$logs/$name.log" 2>&1 || status=$?
 echo "$(date -u +%FT%TZ) fuzzed $name (exit $status)" >>"$logs/queue.log"
 
-# Minimise: the kept seeds first, so that they stay when they add coverage.
+# Minimise by covered edges (-use_counters=0: hit counts would keep many
+# times more files), the kept seeds first so that they stay when they add
+# coverage. Named seeds are kept as they are; libFuzzer's files (named by
+# their SHA-1) are replaced by the merged set, without copies of named ones.
 rm -rf "$work/merged" && mkdir -p "$work/merged"
-nice -n 10 "$bin" -merge=1 -timeout=10 -rss_limit_mb=2048 "$work/merged" "$kept" "$work/found" \
+nice -n 10 "$bin" -merge=1 -use_counters=0 -timeout=10 -rss_limit_mb=2048 "$work/merged" "$kept" "$work/found" \
   >"$logs/$name.merge.log" 2>&1 || true
 if [ -n "$(ls -A "$work/merged")" ]; then
   find "$kept" -maxdepth 1 -type f -regextype posix-extended -regex '.*/[0-9a-f]{40}' -delete
-  cp -n "$work/merged"/* "$kept"/
+  for f in "$kept"/*; do rm -f "$work/merged/$(sha1sum <"$f" | cut -c1-40)"; done
+  cp -n "$work/merged"/* "$kept"/ 2>/dev/null || true
 fi
 echo "$(date -u +%FT%TZ) merged $name" >>"$logs/queue.log"
 exit $status
