@@ -23,12 +23,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (size_t i = 0; i < files.size() && i < std::size(paths); ++i)
     if (!qbfuzz::WriteFile(paths[i], files[i])) std::abort();
 
-  sim::DeviceSpec spec;
+  sim::DeviceSpec found;
   std::string error;
-  if (sim::ReadDevice(device, &spec, &error)) {
-    if (spec.powerLevel > 100 || spec.storages.size() > 2) std::abort();
-    sim::SimPnpId(spec);
-    sim::IsValidFolderName(spec.friendlyName);
+  if (sim::ReadDevice(device, &found, &error)) {
+    if (found.powerLevel > 100 || found.storages.size() > 2) std::abort();
+    sim::SimPnpId(found);
+    sim::IsValidFolderName(found.friendlyName);
   }
   sim::ReadFaults(device);
   return 0;
