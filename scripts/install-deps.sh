@@ -11,6 +11,7 @@ packages=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   tzdata procps psmisc
   rsync tar coreutils findutils
+  clang libclang-rt-dev  # the fuzzing build (docs/fuzzing.md)
 )
 
 missing=()

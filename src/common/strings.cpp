@@ -34,6 +34,14 @@ char32_t Decode(std::string_view s, size_t* i) {
     }
     cp = (cp << 6) | (c & 0x3F);
   }
+  // Overlong forms, surrogates and values past U+10FFFF are not UTF-8: taken
+  // as they are, they would turn into other text (a NUL, a lone surrogate)
+  // on the way to UTF-16 and back.
+  static constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  if (cp < kSmallest[len] || (cp >= 0xD800 && cp < 0xE000) || cp > 0x10FFFF) {
+    ++*i;
+    return 0xFFFD;
+  }
   *i += len;
   return cp;
 }

@@ -289,7 +289,6 @@ int CDirectory::_MapFileName(std::string* out, size_t capacity, const char* uniq
     source += "0";  // the same name met again in the same format: a separate file
   }
 
-  const size_t sourceIndex = tables.AddSource(source);
   FILETIME local = *creationTime;
   if (local.Value() != 0) {
     const int64_t shifted = static_cast<int64_t>(local.Value()) -
@@ -308,6 +307,10 @@ int CDirectory::_MapFileName(std::string* out, size_t capacity, const char* uniq
     target = TargetOfKey(key, pattern, patternNoCounters, item, local);
     if (target.empty()) target = FallbackName(item, tag);
   }
+
+  // The source goes in only with its target: a file that cannot be named
+  // must leave the two lists in step for the files after it.
+  const size_t sourceIndex = tables.AddSource(source);
   const size_t targetIndex = tables.AddTarget(target);
   if (targetIndex != sourceIndex) {
     if (tag) Trace(tag, "Names out of sync: source=%s, target=%s", source.c_str(), target.c_str());

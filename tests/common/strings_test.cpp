@@ -42,3 +42,17 @@ TEST(CheckedStrings, Utf16RoundTripAndCaseAZ) {
   EXPECT_FALSE(qb::EqualsNoCaseAZ("\xC3\xA9", "\xC3\x89"));
   EXPECT_LT(qb::CompareNoCaseAZ("abc", "ABD"), 0);
 }
+
+TEST(CheckedStrings, BytesThatAreNotUtf8BecomeReplacementCharacters) {
+  const std::u16string bad3(3, u'\uFFFD');
+  // An encoded surrogate, an overlong NUL and a value past U+10FFFF: each
+  // byte becomes one U+FFFD, never a lone surrogate or a NUL.
+  EXPECT_EQ(qb::ToUtf16("\xED\xB2\x93"), bad3);
+  EXPECT_EQ(qb::ToUtf16("a\xC0\x80"), u"a\uFFFD\uFFFD");
+  EXPECT_EQ(qb::ToUtf16("\xF4\x90\x80\x80"), std::u16string(4, u'\uFFFD'));
+  EXPECT_EQ(qb::ToUtf16("\xE0\x80\xAF"), bad3);
+  // The largest values of each length still decode.
+  EXPECT_EQ(qb::ToUtf16("\xF4\x8F\xBF\xBF"), u"\U0010FFFF");
+  EXPECT_EQ(qb::ToUtf16("\xEF\xBF\xBD\xED\x9F\xBF"), u"\uFFFD\uD7FF");
+  EXPECT_EQ(qb::Utf16Length("\xED\xB2\x93"), 3u);
+}

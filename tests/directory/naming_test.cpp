@@ -141,6 +141,20 @@ TEST_F(SortTest, CountersCountPerDayInTimeOrder) {
   EXPECT_EQ(source, "\\x\\y") << "targets begin with a backslash: the path is answered unchanged";
 }
 
+TEST_F(SortTest, AFileThatCannotBeNamedLeavesTheOthersNamed) {
+  tree_.SetNamingPattern("<O>_<O>_<O><Fo>");
+  // Three times a long name is over 260 characters: the first file (and the
+  // one of the same name after it) cannot be named, the short one can.
+  const std::string longName(100, 'x');
+  DirectoryItem* bad = Add(longName.c_str(), "JPG", At(2013, 1, 1, 9));
+  DirectoryItem* again = Add(longName.c_str(), "JPG", At(2013, 1, 1, 9));
+  DirectoryItem* good = Add("IMG_2", "JPG", At(2013, 1, 1, 10));
+  tree_.Sort(0);
+  EXPECT_EQ(good->sFullName, "\\IMG_2_IMG_2_IMG_2");
+  EXPECT_EQ(bad->rFindData.cFileName, longName + ".JPG");
+  EXPECT_EQ(again->rFindData.cFileName, longName + ".JPG");
+}
+
 TEST_F(SortTest, NumbersInNamesOrderFilesOfOneTime) {
   tree_.SetNamingPattern("<C2><Fo>");
   const FILETIME t = At(2013, 1, 1, 10);

@@ -116,6 +116,18 @@ TEST(HiveFormat, OddKeyAndValueNamesRoundTrip) {
   }
 }
 
+// Text that is not UTF-8 (here an encoded surrogate next to a control
+// character, which sends the value out in hex(1) form) settles after one
+// save: every later save writes the same file.
+TEST(HiveFormat, TextThatIsNotUtf8SettlesAfterOneSave) {
+  const std::string file =
+      "Windows Registry Editor Version 5.00\n\n[HKEY_CURRENT_USER\\K]\n\"v\"=\"a\xED\xB2\x93\x02\"\n";
+  const std::string once = SerializeHive(MustParse(file), "HKEY_CURRENT_USER");
+  const std::string twice = SerializeHive(MustParse(once), "HKEY_CURRENT_USER");
+  EXPECT_EQ(twice, once);
+  EXPECT_NE(once.find("hex(1):61,00,fd,ff,fd,ff,fd,ff,02,00,00,00"), std::string::npos) << once;
+}
+
 TEST(HiveFormat, SubkeysEnumerateIgnoringCase) {
   const HiveKey tree = MustParse(
       "Windows Registry Editor Version 5.00\n"

@@ -94,6 +94,7 @@ std::string FormatMtpDate(int64_t unixSeconds) {
 
 bool UnixToVariantDate(int64_t unixSeconds, double* date) {
   if (unixSeconds < -11644473600ll) return false;  // before 1601
+  if (unixSeconds > 253402300799ll) return false;  // after 9999: no variant date, and no FILETIME to reckon in
   return FileTimeToVariantTime(qb::sys::UnixToFileTime(unixSeconds), date);
 }
 

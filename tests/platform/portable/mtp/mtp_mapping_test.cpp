@@ -2,6 +2,7 @@
 // that need no device.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <string>
@@ -84,6 +85,22 @@ TEST(MtpDates, VariantDatesCarryUtcCalendar) {
   EXPECT_EQ(back, 15);
   EXPECT_FALSE(PropVariantToUnix(PROPVARIANT::Text("20240101T000000"), &back));
   EXPECT_FALSE(UnixToVariantDate(-11644473601ll, &d));
+}
+
+TEST(MtpDates, DatesPastTheLastVariantDateAreRefused) {
+  double d = 0;
+  ASSERT_TRUE(UnixToVariantDate(253402300799ll, &d));  // 9999-12-31 23:59:59
+  EXPECT_FALSE(UnixToVariantDate(253402300800ll, &d));
+  // A device's record far past any calendar gives no date, never a wrapped one.
+  EXPECT_FALSE(UnixToVariantDate(3617569395854852400ll, &d));
+  EXPECT_FALSE(UnixToVariantDate(INT64_MAX, &d));
+  MtpObjectFacts f;
+  f.fileName = "a.jpg";
+  f.hasModified = true;
+  f.modified = 3617569395854852400ll;
+  PortableDeviceValues v;
+  BuildObjectValues(f, 0, &v);
+  EXPECT_FALSE(v.Find(WPD_OBJECT_DATE_MODIFIED));
 }
 
 TEST(MtpErrors, PtpAnswersGetTheirCodes) {
