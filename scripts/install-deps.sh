@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config ccache
   libfuse3-dev fuse3
-  libmtp-dev
+  libmtp-dev libusb-1.0-0-dev mtp-tools jmtpfs go-mtpfs
   qt6-base-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   tzdata procps psmisc

@@ -37,8 +37,8 @@ uint8_t FirstAddress(const std::string& name) {
 
 }  // namespace
 
-EmulatedDevice::EmulatedDevice(fs::path folder, std::string pnpId, SpeedModel speed)
-    : folder_(std::move(folder)), pnpId_(std::move(pnpId)), speed_(speed) {
+EmulatedDevice::EmulatedDevice(fs::path folder, std::string pnpId, SpeedModel speed, std::string interfaceName)
+    : folder_(std::move(folder)), pnpId_(std::move(pnpId)), speed_(speed), interfaceName_(std::move(interfaceName)) {
   address_ = FirstAddress(folder_.filename().string());
 }
 
@@ -71,6 +71,11 @@ bool EmulatedDevice::OpenModelLocked(std::string* error) {
   PortableDeviceValues client;
   client.SetStringValue(WPD_CLIENT_NAME, "quillbox-mtp-emulator");
   HRESULT hr = model->Open(pnpId_, client);
+  if (hr == E_ACCESSDENIED) {
+    // A device that refuses writing is still served, read-only.
+    client.SetUnsignedIntegerValue(WPD_CLIENT_DESIRED_ACCESS, GENERIC_READ);
+    hr = model->Open(pnpId_, client);
+  }
   if (FAILED(hr)) {
     char text[96];
     std::snprintf(text, sizeof text, "cannot open the simulated device (0x%08X)", static_cast<unsigned>(hr));
@@ -85,6 +90,7 @@ bool EmulatedDevice::OpenModelLocked(std::string* error) {
   v.GetStringValue(WPD_DEVICE_MANUFACTURER, &strings_.manufacturer);
   v.GetStringValue(WPD_DEVICE_MODEL, &strings_.product);
   v.GetStringValue(WPD_DEVICE_SERIAL_NUMBER, &strings_.serial);
+  strings_.interfaceName = interfaceName_;
   model->Advise(0, std::make_shared<EventSink>(weak_from_this()), nullptr, &cookie_);
   model_ = std::move(model);
   responder_ = std::make_shared<MtpResponder>(model_.get(), &in_);
@@ -148,7 +154,7 @@ WireDescription EmulatedDevice::Describe(std::vector<uint8_t>* config) {
   d.speed = LIBUSB_SPEED_HIGH;
   std::vector<uint8_t> dev = DeviceDescriptor();
   std::copy(dev.begin(), dev.end(), d.deviceDescriptor);
-  *config = ConfigDescriptor();
+  *config = ConfigDescriptor(!interfaceName_.empty());
   d.configLength = static_cast<uint16_t>(config->size());
   return d;
 }
@@ -169,7 +175,7 @@ int EmulatedDevice::Control(const uint8_t setup[8], const std::vector<uint8_t>& 
   if (type == 0x80 && request == LIBUSB_REQUEST_GET_DESCRIPTOR) {
     uint8_t kind = static_cast<uint8_t>(value >> 8), number = static_cast<uint8_t>(value);
     if (kind == LIBUSB_DT_DEVICE) return answer(DeviceDescriptor());
-    if (kind == LIBUSB_DT_CONFIG && number == 0) return answer(ConfigDescriptor());
+    if (kind == LIBUSB_DT_CONFIG && number == 0) return answer(ConfigDescriptor(!interfaceName_.empty()));
     if (kind == LIBUSB_DT_STRING) {
       std::lock_guard<std::mutex> lock(m_);
       std::vector<uint8_t> s = StringDescriptor(number, strings_);

@@ -37,7 +37,8 @@ struct SpeedModel {
 
 class EmulatedDevice : public std::enable_shared_from_this<EmulatedDevice> {
  public:
-  EmulatedDevice(std::filesystem::path folder, std::string pnpId, SpeedModel speed);
+  // `interfaceName`: empty for an interface without a name string.
+  EmulatedDevice(std::filesystem::path folder, std::string pnpId, SpeedModel speed, std::string interfaceName = "");
   ~EmulatedDevice();
   // Opens the model; false with a message when the device cannot be opened.
   bool Start(std::string* error);
@@ -68,6 +69,7 @@ class EmulatedDevice : public std::enable_shared_from_this<EmulatedDevice> {
   const std::filesystem::path folder_;
   const std::string pnpId_;
   const SpeedModel speed_;
+  const std::string interfaceName_;
   InQueue in_;
   // Under m_.
   std::mutex m_;

@@ -29,6 +29,8 @@ const char kUsage[] =
     "  --usb2               USB 2 speed model: about 35 MB/s and a fixed cost per operation\n"
     "  --rate BYTES_PER_S   speed model with this rate\n"
     "  --latency-us N       the speed model's cost per operation (default 1000)\n"
+    "  --interface-name T   name the MTP interface T (go-mtpfs needs \"MTP\" in it; libmtp\n"
+    "                       then needs no OS descriptor)\n"
     "  --die-with-parent    stop when the process that started it ends\n"
     "\n"
     "MTP programs find the device when they run on the emulator's USB library:\n"
@@ -54,6 +56,7 @@ int Serve(const std::vector<std::string>& args) {
   SpeedModel speed;
   uint64_t latencyUs = 1000;
   bool dieWithParent = false;
+  std::string interfaceName;
   for (size_t i = 1; i < args.size(); ++i) {
     const std::string& opt = args[i];
     uint64_t n = 0;
@@ -63,6 +66,8 @@ int Serve(const std::vector<std::string>& args) {
       dieWithParent = true;
     } else if (i + 1 >= args.size()) {
       return UsageError("unknown option or missing value: " + opt);
+    } else if (opt == "--interface-name") {
+      interfaceName = args[++i];
     } else if (opt == "--socket") {
       socketPath = args[++i];
     } else if (opt == "--rate" && ParseNumber(args[i + 1], &n) && n > 0) {
@@ -91,7 +96,7 @@ int Serve(const std::vector<std::string>& args) {
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  auto device = std::make_shared<EmulatedDevice>(folder, sim::SimPnpId(spec), speed);
+  auto device = std::make_shared<EmulatedDevice>(folder, sim::SimPnpId(spec), speed, interfaceName);
   if (!device->Start(&error)) {
     std::fprintf(stderr, "quillbox-mtp-emulator: %s: %s\n", spec.folder.c_str(), error.c_str());
     return 1;

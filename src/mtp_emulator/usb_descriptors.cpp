@@ -27,12 +27,13 @@ std::vector<uint8_t> DeviceDescriptor() {
           1,    2,    3,    1};    // strings: manufacturer, product, serial; one configuration
 }
 
-std::vector<uint8_t> ConfigDescriptor() {
+std::vector<uint8_t> ConfigDescriptor(bool namedInterface) {
   std::vector<uint8_t> d = {9, 2, 0, 0, 1, 1, 0, 0x80, 250,  // bus powered, 500 mA
-                            9, 4, 0, 0, 3, 0xFF, 0xFF, 0, 4,  // vendor-specific, string 4
+                            9, 4, 0, 0, 3, 0xFF, 0xFF, 0, 0,  // vendor-specific, no name
                             7, 5, kBulkIn, 2, kPacketSize & 0xFF, kPacketSize >> 8, 0,
                             7, 5, kBulkOut, 2, kPacketSize & 0xFF, kPacketSize >> 8, 0,
                             7, 5, kInterruptIn, 3, 64, 0, 6};
+  if (namedInterface) d[9 + 8] = 4;  // iInterface: string 4
   d[2] = static_cast<uint8_t>(d.size());
   d[3] = static_cast<uint8_t>(d.size() >> 8);
   return d;
@@ -44,7 +45,7 @@ std::vector<uint8_t> StringDescriptor(uint8_t index, const UsbStrings& strings) 
     case 1: return Utf16Descriptor(strings.manufacturer);
     case 2: return Utf16Descriptor(strings.product);
     case 3: return Utf16Descriptor(strings.serial);
-    case 4: return Utf16Descriptor(kInterfaceName);
+    case 4: return strings.interfaceName.empty() ? std::vector<uint8_t>{} : Utf16Descriptor(strings.interfaceName);
     case 0xEE: {
       std::vector<uint8_t> d = Utf16Descriptor("MSFT100");
       d.push_back(kOsVendorCode);

@@ -17,15 +17,17 @@ inline constexpr uint8_t kBulkIn = 0x81;
 inline constexpr uint8_t kBulkOut = 0x02;
 inline constexpr uint8_t kInterruptIn = 0x83;
 inline constexpr uint8_t kOsVendorCode = 0x54;
-// No "MTP" in it: hosts must find the device through the OS descriptor.
-inline constexpr const char* kInterfaceName = "Quillbox media transfer";
 
 struct UsbStrings {
   std::string manufacturer, product, serial;
+  // The interface has no name unless one is given: then hosts must find the
+  // device through the OS descriptor. (go-mtpfs takes only devices whose
+  // interface name holds "MTP", and libmtp takes such a name as enough.)
+  std::string interfaceName;
 };
 
 std::vector<uint8_t> DeviceDescriptor();
-std::vector<uint8_t> ConfigDescriptor();
+std::vector<uint8_t> ConfigDescriptor(bool namedInterface);
 // String descriptor `index` (0: the language list, 0xEE: the OS string);
 // empty when there is none.
 std::vector<uint8_t> StringDescriptor(uint8_t index, const UsbStrings& strings);
