@@ -37,8 +37,13 @@ uint8_t FirstAddress(const std::string& name) {
 
 }  // namespace
 
-EmulatedDevice::EmulatedDevice(fs::path folder, std::string pnpId, SpeedModel speed, std::string interfaceName)
-    : folder_(std::move(folder)), pnpId_(std::move(pnpId)), speed_(speed), interfaceName_(std::move(interfaceName)) {
+EmulatedDevice::EmulatedDevice(fs::path folder, std::string pnpId, SpeedModel speed, std::string interfaceName,
+                               fs::path usbFolder)
+    : folder_(std::move(folder)),
+      pnpId_(std::move(pnpId)),
+      speed_(speed),
+      interfaceName_(std::move(interfaceName)),
+      usbFolder_(std::move(usbFolder)) {
   address_ = FirstAddress(folder_.filename().string());
 }
 
@@ -46,7 +51,38 @@ EmulatedDevice::~EmulatedDevice() { Stop(); }
 
 bool EmulatedDevice::Start(std::string* error) {
   std::lock_guard<std::mutex> lock(m_);
-  return OpenModelLocked(error);
+  if (!OpenModelLocked(error)) return false;
+  WriteUsbEntryLocked();
+  return true;
+}
+
+void EmulatedDevice::WriteUsbEntryLocked() {
+  if (usbFolder_.empty()) return;
+  fs::path dir = usbFolder_ / ("1-" + std::to_string(address_));
+  std::error_code ec;
+  fs::create_directories(dir, ec);
+  auto put = [&dir](const char* name, const std::string& text) {
+    if (FILE* f = std::fopen((dir / name).c_str(), "w")) {
+      std::fprintf(f, "%s\n", text.c_str());
+      std::fclose(f);
+    }
+  };
+  char hex[8];
+  put("busnum", "1");
+  put("devnum", std::to_string(address_));
+  std::snprintf(hex, sizeof hex, "%04x", kVendorId);
+  put("idVendor", hex);
+  std::snprintf(hex, sizeof hex, "%04x", kProductId);
+  put("idProduct", hex);
+  put("serial", strings_.serial);
+  put("manufacturer", strings_.manufacturer);
+  put("product", strings_.product);
+}
+
+void EmulatedDevice::RemoveUsbEntryLocked() {
+  if (usbFolder_.empty()) return;
+  std::error_code ec;
+  fs::remove_all(usbFolder_ / ("1-" + std::to_string(address_)), ec);
 }
 
 void EmulatedDevice::Stop() {
@@ -55,6 +91,7 @@ void EmulatedDevice::Stop() {
   {
     std::lock_guard<std::mutex> lock(m_);
     stopped_ = true;
+    RemoveUsbEntryLocked();
     model = std::move(model_);
     cookie = cookie_;
     eventCv_.notify_all();
@@ -117,6 +154,7 @@ bool EmulatedDevice::Plugged() {
     if (!there) {
       if (!unplugged_) {
         unplugged_ = true;
+        RemoveUsbEntryLocked();
         ResetLocked();
         eventCv_.notify_all();
       }
@@ -129,8 +167,10 @@ bool EmulatedDevice::Plugged() {
     responder_.reset();
     assembler_.reset();
     if (!OpenModelLocked(nullptr)) return false;
+    RemoveUsbEntryLocked();
     unplugged_ = false;
     address_ = static_cast<uint8_t>(address_ % 120 + 2);
+    WriteUsbEntryLocked();
   }
   in_.Wake();
   if (old) {
@@ -296,6 +336,7 @@ void EmulatedDevice::OnModelEvent(const PortableDeviceValues& event) {
     // close the model. The next request looks at the folder and reopens.
     std::lock_guard<std::mutex> lock(m_);
     unplugged_ = true;
+    RemoveUsbEntryLocked();
     ResetLocked();
     eventCv_.notify_all();
     return;

@@ -38,7 +38,10 @@ struct SpeedModel {
 class EmulatedDevice : public std::enable_shared_from_this<EmulatedDevice> {
  public:
   // `interfaceName`: empty for an interface without a name string.
-  EmulatedDevice(std::filesystem::path folder, std::string pnpId, SpeedModel speed, std::string interfaceName = "");
+  // `usbFolder`: where the device's sysfs-like entry is kept while it is
+  // plugged in (empty: none).
+  EmulatedDevice(std::filesystem::path folder, std::string pnpId, SpeedModel speed, std::string interfaceName = "",
+                 std::filesystem::path usbFolder = {});
   ~EmulatedDevice();
   // Opens the model; false with a message when the device cannot be opened.
   bool Start(std::string* error);
@@ -60,6 +63,9 @@ class EmulatedDevice : public std::enable_shared_from_this<EmulatedDevice> {
   bool Plugged();  // looks at the folder; handles unplug and replug
   bool OpenModelLocked(std::string* error);
   void ResetLocked();
+  // The entry a program reads as /sys/bus/usb/devices/<bus>-<address>.
+  void WriteUsbEntryLocked();
+  void RemoveUsbEntryLocked();
   void Pace(uint64_t bytes, bool newOperation);
   int ReadEvent(uint32_t length, std::vector<uint8_t>* in, std::chrono::milliseconds timeout,
                 const std::function<bool()>& stop);
@@ -70,6 +76,7 @@ class EmulatedDevice : public std::enable_shared_from_this<EmulatedDevice> {
   const std::string pnpId_;
   const SpeedModel speed_;
   const std::string interfaceName_;
+  const std::filesystem::path usbFolder_;
   InQueue in_;
   // Under m_.
   std::mutex m_;

@@ -96,7 +96,8 @@ int Serve(const std::vector<std::string>& args) {
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  auto device = std::make_shared<EmulatedDevice>(folder, sim::SimPnpId(spec), speed, interfaceName);
+  auto device = std::make_shared<EmulatedDevice>(folder, sim::SimPnpId(spec), speed, interfaceName,
+                                                  std::filesystem::path(socketPath).parent_path() / "usb-devices");
   if (!device->Start(&error)) {
     std::fprintf(stderr, "quillbox-mtp-emulator: %s: %s\n", spec.folder.c_str(), error.c_str());
     return 1;
