@@ -85,7 +85,11 @@ std::string EmulatedMtpDevice::FindMtpDevice() {
 std::unique_ptr<qp::IPortableDevice> EmulatedMtpDevice::OpenDevice(std::string* pnpId) {
   std::string id = FindMtpDevice();
   if (id.empty()) {
-    ADD_FAILURE() << "the emulated device is not listed";
+    std::error_code ec;
+    std::string seen;
+    for (const auto& e : std::filesystem::directory_iterator(home_->Path() / "sockets", ec))
+      seen += e.path().filename().string() + " ";
+    ADD_FAILURE() << "the emulated device is not listed; in the socket folder: " << seen;
     return nullptr;
   }
   auto device = qp::CreatePortableDevice();
