@@ -8,6 +8,7 @@
 #include <set>
 
 #include "emulated_fixture.h"
+#include "platform/portable/mtp/mtp_backend.h"
 #include "platform/portable/sim_devices.h"
 #include "platform/portable/sim_fixture.h"
 
@@ -171,6 +172,62 @@ TEST_F(EmulatedMtpDevice, UnpluggingInTheMiddleOfAReadFailsItAndRemovesTheDevice
   EXPECT_TRUE(FAILED(hr)) << "the read went on after unplugging";
   EXPECT_LT(total, big.size());
   EXPECT_TRUE(FindMtpDevice().empty()) << "an unplugged device is still listed";
+  device->Close();
+}
+
+}  // namespace
+}  // namespace qbtest
+
+namespace qbtest {
+namespace {
+
+namespace qp = qb::portable;
+
+TEST_F(EmulatedMtpDevice, ListsTheDeviceUnderItsUsbIdsSerialAndNames) {
+  std::vector<qp::mtp::MtpDeviceEntry> devices;
+  ASSERT_EQ(qp::mtp::ListMtpDevices(&devices), S_OK);
+  EXPECT_TRUE(devices.empty()) << "listed before the emulator runs";
+  ASSERT_TRUE(StartEmulator());
+  ASSERT_EQ(qp::mtp::ListMtpDevices(&devices), S_OK);
+  ASSERT_EQ(devices.size(), 1u);
+  EXPECT_NE(devices[0].pnpId.find("usb#vid_1209&pid_0001#QBDEMO0001#"), std::string::npos) << devices[0].pnpId;
+  EXPECT_TRUE(qp::mtp::IsMtpPnpId(devices[0].pnpId));
+  EXPECT_EQ(devices[0].friendlyName, "Quillbox Demo Phone");
+  EXPECT_EQ(devices[0].manufacturer, "Quillbox");
+}
+
+TEST_F(EmulatedMtpDevice, BusyAndFailingTransfersReachTheCaller) {
+  ASSERT_TRUE(StartEmulator());
+  auto device = OpenDevice();
+  ASSERT_TRUE(device);
+  std::shared_ptr<qp::IPortableDeviceContent> content;
+  ASSERT_EQ(device->Content(&content), S_OK);
+  std::vector<std::string> storages;
+  ChildNames(content.get(), WPD_DEVICE_OBJECT_ID, &storages);
+  ASSERT_FALSE(storages.empty());
+  std::string data(300000, 'd');
+  std::string id, error;
+  ASSERT_EQ(Upload(content.get(), storages[0], "data.bin", data, &id), S_OK);
+
+  qp::sim::Faults faults;
+  faults.busy = 1;
+  ASSERT_TRUE(qp::sim::WriteFaults(device_, faults, &error)) << error;
+  std::string other;
+  EXPECT_EQ(Upload(content.get(), storages[0], "busy.bin", "x", &other), E_ERROR_BUSY);
+  EXPECT_FALSE(fs::exists(Storage("busy.bin")));
+  EXPECT_EQ(Upload(content.get(), storages[0], "busy.bin", "x", &other), S_OK) << "busy once only";
+
+  faults = {};
+  faults.failAfter = 100000;
+  ASSERT_TRUE(qp::sim::WriteFaults(device_, faults, &error)) << error;
+  HRESULT hr = S_OK;
+  std::string got = ReadAll(content.get(), id, &hr);
+  EXPECT_TRUE(FAILED(hr)) << "a failing transfer read " << got.size() << " bytes without an error";
+  EXPECT_LT(got.size(), data.size());
+
+  faults = {};
+  ASSERT_TRUE(qp::sim::WriteFaults(device_, faults, &error)) << error;
+  EXPECT_EQ(ReadAll(content.get(), id), data) << "the device works again once the fault is gone";
   device->Close();
 }
 
