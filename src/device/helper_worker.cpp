@@ -1,6 +1,7 @@
 #include "device/helper_worker.h"
 
 #include "device/trace_lines.h"
+#include "platform/portable/portable.h"
 #include "platform/system/clock.h"
 
 namespace {
@@ -19,6 +20,10 @@ HRESULT CreateLibraryContext(HelperWorkerState& st) {
   if (SUCCEEDED(hr) && ctx) {
     ctx->dwBusyRetryDelayMs = st.dwBusyRetryDelayMs;
     ctx->pActivityTick = &st.ullActivityTick;
+    // Long single device calls (an MTP upload) report progress here too.
+    qb::portable::SetThreadProgressHook(
+        [](void* tick) { static_cast<std::atomic<uint64_t>*>(tick)->store(qb::sys::GetTickCount64()); },
+        &st.ullActivityTick);
     ctx->pGate = &st.gate;
   }
   std::lock_guard hold(st.mtx);

@@ -241,6 +241,14 @@ std::string MakePnpDeviceId(const std::string& bus, const std::string& product, 
 // The three middle parts of such an id; false when it has another form.
 bool SplitPnpDeviceId(const std::string& pnpId, std::string* bus, std::string* product, std::string* serial);
 
+// Progress of long device calls. A request worker sets a hook for its own
+// thread; a back end calls NoteThreadProgress() from inside one long call
+// (an upload or a whole download that is a single library call) whenever
+// data moved, so that the worker is not taken for stuck. Null: no hook.
+using ProgressHook = void (*)(void* context);
+void SetThreadProgressHook(ProgressHook hook, void* context);
+void NoteThreadProgress();
+
 // OLE automation dates (VT_DATE: days since 1899-12-30), as
 // SystemTimeToVariantTime / VariantTimeToSystemTime do it (whole seconds;
 // false for a date out of range).

@@ -233,3 +233,37 @@ TEST_F(EmulatedMtpDevice, BusyAndFailingTransfersReachTheCaller) {
 
 }  // namespace
 }  // namespace qbtest
+
+namespace qbtest {
+namespace {
+
+namespace qp = qb::portable;
+
+// A slow upload is one libmtp call; it must show progress on the way, or the
+// request worker takes it for stuck.
+TEST_F(EmulatedMtpDevice, ALongUploadReportsProgressWhileItRuns) {
+  ASSERT_TRUE(StartEmulator());
+  auto device = OpenDevice();
+  ASSERT_TRUE(device);
+  std::shared_ptr<qp::IPortableDeviceContent> content;
+  ASSERT_EQ(device->Content(&content), S_OK);
+  std::vector<std::string> storages;
+  ChildNames(content.get(), WPD_DEVICE_OBJECT_ID, &storages);
+  ASSERT_FALSE(storages.empty());
+  std::string error;
+  qp::sim::Faults faults;
+  faults.rate = 4 << 20;
+  ASSERT_TRUE(qp::sim::WriteFaults(device_, faults, &error)) << error;
+  int calls = 0;
+  qp::SetThreadProgressHook([](void* n) { ++*static_cast<int*>(n); }, &calls);
+  std::string id;
+  std::string data(2 << 20, 'p');
+  HRESULT hr = Upload(content.get(), storages[0], "slow.bin", data, &id);
+  qp::SetThreadProgressHook(nullptr, nullptr);
+  EXPECT_EQ(hr, S_OK);
+  EXPECT_GT(calls, 10) << "progress was reported " << calls << " times during a 2 MiB upload";
+  device->Close();
+}
+
+}  // namespace
+}  // namespace qbtest
