@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <thread>
 
 #include "emulated_fixture.h"
 #include "platform/portable/mtp/mtp_backend.h"
@@ -262,6 +263,53 @@ TEST_F(EmulatedMtpDevice, ALongUploadReportsProgressWhileItRuns) {
   qp::SetThreadProgressHook(nullptr, nullptr);
   EXPECT_EQ(hr, S_OK);
   EXPECT_GT(calls, 10) << "progress was reported " << calls << " times during a 2 MiB upload";
+  device->Close();
+}
+
+}  // namespace
+}  // namespace qbtest
+
+namespace qbtest {
+namespace {
+
+namespace qp = qb::portable;
+
+// An event that comes while a long upload holds the device (longer than the
+// 10 s the event thread would wait for it) is told once the device is free.
+TEST_F(EmulatedMtpDevice, AnEventWhileTheDeviceIsHeldIsToldLaterNotDropped) {
+  ASSERT_TRUE(StartEmulator());
+  auto device = OpenDevice();
+  ASSERT_TRUE(device);
+  auto sink = std::make_shared<RecordingSink>();
+  std::string cookie;
+  ASSERT_EQ(device->Advise(0, sink, nullptr, &cookie), S_OK);
+  std::shared_ptr<qp::IPortableDeviceContent> content;
+  ASSERT_EQ(device->Content(&content), S_OK);
+  std::vector<std::string> storages;
+  ChildNames(content.get(), WPD_DEVICE_OBJECT_ID, &storages);
+  ASSERT_FALSE(storages.empty());
+  std::string error;
+  qp::sim::Faults faults;
+  faults.rate = 175000;  // 2 MiB in 12 s
+  ASSERT_TRUE(qp::sim::WriteFaults(device_, faults, &error)) << error;
+  // Another program writes a file while the upload runs.
+  std::thread outsider([this] {
+    auto partial = device_ / qp::sim::kPartialDir;
+    auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    std::error_code ec;
+    while (std::chrono::steady_clock::now() < limit &&
+           (!fs::exists(partial, ec) || fs::is_empty(partial, ec)))
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::ofstream(Storage("Documents/during-upload.txt")) << "made while the device was held\n";
+  });
+  std::string id;
+  HRESULT hr = Upload(content.get(), storages[0], "held.bin", std::string(2 << 20, 'h'), &id);
+  outsider.join();
+  EXPECT_EQ(hr, S_OK);
+  EXPECT_TRUE(sink->WaitFor([](const SeenEvent& e) {
+    return e.id == WPD_EVENT_OBJECT_ADDED && e.name == "during-upload.txt";
+  })) << "the event of a file made during the upload was lost";
+  device->Unadvise(cookie);
   device->Close();
 }
 
