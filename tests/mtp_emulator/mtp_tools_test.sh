@@ -12,7 +12,11 @@ emulator_pid=""
 failures=0
 passes=0
 
+mount_dir=""
 cleanup() {
+  if [ -n "$mount_dir" ] && mountpoint -q "$mount_dir"; then
+    fusermount3 -u "$mount_dir" 2>/dev/null || fusermount3 -uz "$mount_dir" 2>/dev/null
+  fi
   if [ -n "$emulator_pid" ]; then
     kill "$emulator_pid" 2>/dev/null
     wait "$emulator_pid" 2>/dev/null
@@ -85,6 +89,19 @@ check "mtp-delfile deletes" test ! -e "$device/internal/Download/up.bin"
 echo "from outside" >"$device/internal/Documents/outside.txt"
 run mtp-files
 check "a file made in the device folder is listed" grep -q "Filename: outside.txt" <<<"$out"
+
+# jmtpfs: a FUSE mount through libmtp, read with ordinary programs.
+if command -v jmtpfs >/dev/null && [ -e /dev/fuse ]; then
+  mount_dir="$home/mnt"
+  mkdir -p "$mount_dir"
+  timeout 60 "$bin/quillbox-mtp-run" jmtpfs "$mount_dir" >"$home/jmtpfs.log" 2>&1
+  check "jmtpfs mounts the device" mountpoint -q "$mount_dir"
+  check "jmtpfs shows the storages" test -d "$mount_dir/SD card"
+  check "a file read through jmtpfs is the device's" \
+    cmp -s "$mount_dir/Internal storage/Documents/outside.txt" "$device/internal/Documents/outside.txt"
+  fusermount3 -u "$mount_dir"
+  check "jmtpfs unmounts" bash -c "! mountpoint -q '$mount_dir'"
+fi
 
 # Faults of the simulated device.
 "$bin/quillbox-simdev" fault demo offline >/dev/null
