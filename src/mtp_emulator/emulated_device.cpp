@@ -253,14 +253,16 @@ void EmulatedDevice::PortReset() {
   ResetLocked();
 }
 
-void EmulatedDevice::Pace(uint64_t bytes, bool newOperation) {
+void EmulatedDevice::Pace(uint64_t bytes, bool newOperation, std::chrono::steady_clock::time_point start) {
   if (speed_.bytesPerSecond == 0) return;
   auto cost = std::chrono::microseconds(bytes * 1000000 / speed_.bytesPerSecond);
   if (newOperation) cost += speed_.perOperation;
   std::chrono::steady_clock::time_point until;
   {
     std::lock_guard<std::mutex> lock(paceMutex_);
-    busFree_ = std::max(busFree_, std::chrono::steady_clock::now()) + cost;
+    // The bus time counts from when the transfer came, so that the work of
+    // the emulator itself overlaps with it instead of adding to it.
+    busFree_ = std::max(busFree_, start) + cost;
     until = busFree_;
   }
   std::this_thread::sleep_until(until);
@@ -271,6 +273,7 @@ int EmulatedDevice::Transfer(uint8_t endpoint, uint32_t length, const std::vecto
                              const std::function<bool()>& stop, uint32_t* taken) {
   *taken = 0;
   in->clear();
+  const auto start = std::chrono::steady_clock::now();
   if (!Plugged()) return LIBUSB_ERROR_NO_DEVICE;
   if (endpoint == kInterruptIn) return ReadEvent(length, in, timeout, stop);
   if (qb::portable::sim::ReadFaults(folder_).offline) return LIBUSB_ERROR_IO;
@@ -285,7 +288,7 @@ int EmulatedDevice::Transfer(uint8_t endpoint, uint32_t length, const std::vecto
       lock2.unlock();
       if (assembler && !out.empty()) assembler->Write(out.data(), out.size());
     }
-    Pace(out.size(), responder->Operations() != before);
+    Pace(out.size(), responder->Operations() != before, start);
     *taken = static_cast<uint32_t>(out.size());
     return Plugged() ? LIBUSB_SUCCESS : LIBUSB_ERROR_NO_DEVICE;
   }
@@ -293,7 +296,7 @@ int EmulatedDevice::Transfer(uint8_t endpoint, uint32_t length, const std::vecto
     auto gone = [&] { return stop() || !Responder(); };
     int r = in_.Read(length, timeout, gone, in);
     if (!Responder()) return LIBUSB_ERROR_NO_DEVICE;
-    if (r == LIBUSB_SUCCESS) Pace(in->size(), false);
+    if (r == LIBUSB_SUCCESS) Pace(in->size(), false, start);
     // Unplugged while the data was read: the host sees the device go.
     if (!Plugged()) return LIBUSB_ERROR_NO_DEVICE;
     return r;

@@ -66,7 +66,7 @@ class EmulatedDevice : public std::enable_shared_from_this<EmulatedDevice> {
   // The entry a program reads as /sys/bus/usb/devices/<bus>-<address>.
   void WriteUsbEntryLocked();
   void RemoveUsbEntryLocked();
-  void Pace(uint64_t bytes, bool newOperation);
+  void Pace(uint64_t bytes, bool newOperation, std::chrono::steady_clock::time_point start);
   int ReadEvent(uint32_t length, std::vector<uint8_t>* in, std::chrono::milliseconds timeout,
                 const std::function<bool()>& stop);
   std::shared_ptr<MtpResponder> Responder();
