@@ -131,5 +131,25 @@ check "an unplugged device is not listed" grep -q "No raw devices found" <<<"$ou
 run mtp-files
 check "plugged in again, it is listed again" grep -q "Filename: exact.bin" <<<"$out"
 
+# go-mtpfs takes only devices whose interface name holds "MTP".
+if command -v go-mtpfs >/dev/null && [ -e /dev/fuse ]; then
+  kill "$emulator_pid"
+  wait "$emulator_pid" 2>/dev/null
+  : >"$home/emulator.log"
+  "$bin/quillbox-mtp-emulator" serve demo --interface-name MTP --die-with-parent >"$home/emulator.log" 2>&1 &
+  emulator_pid=$!
+  check "emulator serves with a named interface" wait_for grep -qs "^serving demo" "$home/emulator.log"
+  mount_dir="$home/gomnt"
+  mkdir -p "$mount_dir"
+  timeout 60 "$bin/quillbox-mtp-run" go-mtpfs "$mount_dir" >"$home/go-mtpfs.log" 2>&1 &
+  go_pid=$!
+  check "go-mtpfs mounts the device" wait_for mountpoint -q "$mount_dir"
+  check "a file read through go-mtpfs is the device's" \
+    cmp -s "$mount_dir/Internal storage/DCIM/Camera/IMG_20230614_091205.jpg" \
+    "$device/internal/DCIM/Camera/IMG_20230614_091205.jpg"
+  fusermount3 -u "$mount_dir"
+  wait "$go_pid"
+fi
+
 echo "$passes passed, $failures failed"
 [ "$failures" -eq 0 ]
