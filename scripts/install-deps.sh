@@ -6,8 +6,8 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config ccache
   libfuse3-dev fuse3
-  libmtp-dev
-  qt6-base-dev libxcb1-dev xvfb
+  libmtp-dev libusb-1.0-0-dev mtp-tools jmtpfs go-mtpfs
+  qt6-base-dev qt6-svg-dev libxcb1-dev xvfb xauth
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   tzdata procps psmisc
   rsync tar coreutils findutils

@@ -34,11 +34,11 @@ HRESULT HresultOfPtpCode(uint16_t code) {
     case 0x2001: return S_OK;
     case 0x2005:                                     // Operation Not Supported
     case 0x2014:                                     // Specification By Format Unsupported
-    case 0x201B: return E_ERROR_NOT_SUPPORTED;      // (0x201B: Specification Of Destination Unsupported)
+    case 0x2020: return E_ERROR_NOT_SUPPORTED;      // Specification Of Destination Unsupported
     case 0x2008:                                     // Invalid StorageID
     case 0x2009:                                     // Invalid ObjectHandle
     case 0x2013:                                     // Store Not Available
-    case 0x2023: return E_ERROR_NOT_FOUND;          // Invalid Parent Object
+    case 0x201A: return E_ERROR_NOT_FOUND;          // Invalid Parent Object
     case 0x200C: return E_DISK_FULL;                 // Store Full
     case 0x200D:                                     // Object WriteProtected
     case 0x200E:                                     // Store Read-Only
@@ -48,9 +48,14 @@ HRESULT HresultOfPtpCode(uint16_t code) {
     case 0x02F9:                                     // no device (libgphoto's transport code)
     case 0x02FA: return WIA_ERROR_OFFLINE;          // timeout: the device does not answer
     case 0x02FB: return E_ABORT;                    // cancelled
-    case 0xA80A: return E_INVALIDARG;               // MTP: Invalid ObjectProp Value
+    // The device answered an operation that sends data with its response
+    // alone: it refused it. libmtp drops that response, so its code is
+    // lost; devices refuse that way mostly while busy, and a busy answer is
+    // retried a bounded number of times.
+    case 0x02FE: return E_ERROR_BUSY;
+    case 0xA803: return E_INVALIDARG;               // MTP: Invalid ObjectProp Value
     case 0xA801:                                     // MTP: Invalid ObjectPropCode
-    case 0xA803: return E_ERROR_NOT_SUPPORTED;      // MTP: Object Prop Not Supported
+    case 0xA80A: return E_ERROR_NOT_SUPPORTED;      // MTP: ObjectProp Not Supported
     default: return E_FAIL;
   }
 }

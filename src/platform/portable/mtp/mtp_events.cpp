@@ -107,6 +107,7 @@ void MtpEventPump::Run() {
     struct timeval tv = {0, static_cast<long>(std::chrono::microseconds(kSlice).count())};
     int completed = 0;
     if (pending || !session_->Offline()) LIBMTP_Handle_Events_Timeout_Completed(&tv, &completed);
+    RetryDeferred();
     DrainInbox();
     if (now - lastPresence >= kPresenceEvery) {
       lastPresence = now;
@@ -162,35 +163,58 @@ void MtpEventPump::HandleDeviceEvent(int status, LIBMTP_event_t event, uint32_t 
     if (!session_->StillPlugged()) session_->MarkOffline();
     return;
   }
-  switch (event) {
-    case LIBMTP_EVENT_OBJECT_ADDED:
-      HandleObjectAdded(parameter);
-      break;
-    case LIBMTP_EVENT_OBJECT_REMOVED:
-      HandleObjectRemoved(parameter);
-      break;
-    case LIBMTP_EVENT_STORE_ADDED:
-    case LIBMTP_EVENT_STORE_REMOVED:
-    case LIBMTP_EVENT_NONE:  // libmtp's name for the rest, storage info changes among them
-      HandleStorageChange();
-      break;
-    default:
-      break;
+  // Later events wait behind earlier ones, so that they keep their order.
+  if (!deferred_.empty() || !Dispatch(event, parameter)) {
+    deferred_.push_back({event, parameter});
+    Trace("MT22@MtpEventPump::HandleDeviceEvent: ", "device busy: event %d (0x%08X) kept until it is free (%zu waiting)",
+          static_cast<int>(event), parameter, deferred_.size());
   }
 }
 
-void MtpEventPump::HandleObjectAdded(uint32_t handle) {
-  if (session_->IsEchoOfAnnounced(WPD_EVENT_OBJECT_ADDED, handle)) return;
+bool MtpEventPump::Dispatch(LIBMTP_event_t event, uint32_t parameter) {
+  switch (event) {
+    case LIBMTP_EVENT_OBJECT_ADDED:
+      return HandleObjectAdded(parameter);
+    case LIBMTP_EVENT_OBJECT_REMOVED:
+      HandleObjectRemoved(parameter);
+      return true;
+    case LIBMTP_EVENT_STORE_ADDED:
+    case LIBMTP_EVENT_STORE_REMOVED:
+    case LIBMTP_EVENT_NONE:  // libmtp's name for the rest, storage info changes among them
+      return HandleStorageChange();
+    default:
+      return true;
+  }
+}
+
+void MtpEventPump::RetryDeferred() {
+  while (!deferred_.empty() && !session_->Offline()) {
+    Deferred d = deferred_.front();
+    if (!Dispatch(d.event, d.parameter)) return;
+    deferred_.pop_front();
+    Trace("MT23@MtpEventPump::RetryDeferred: ", "event %d (0x%08X) delivered late", static_cast<int>(d.event),
+          d.parameter);
+  }
+  deferred_.clear();  // the device went: nothing to tell about its objects
+}
+
+bool MtpEventPump::HandleObjectAdded(uint32_t handle) {
+  if (session_->IsEchoOfAnnounced(WPD_EVENT_OBJECT_ADDED, handle)) return true;
   MtpObjectFacts object;
   {
     std::unique_lock<std::timed_mutex> lock;
     LIBMTP_mtpdevice_t* device = nullptr;
-    if (FAILED(session_->Acquire(&lock, &device))) return;
+    // Waits one slice only: the pump must go on pumping while a long call
+    // holds the device.
+    HRESULT hr = session_->Acquire(&lock, &device, kSlice);
+    if (hr == E_ERROR_BUSY) return false;
+    if (FAILED(hr)) return true;
     session_->ForgetObject(handle);
-    if (FAILED(session_->ObjectLocked(device, handle, &object))) return;
+    if (FAILED(session_->ObjectLocked(device, handle, &object))) return true;
     session_->LoadExtrasLocked(device, &object);
   }
   session_->Deliver(session_->EventParametersFor(WPD_EVENT_OBJECT_ADDED, object));
+  return true;
 }
 
 void MtpEventPump::HandleObjectRemoved(uint32_t handle) {
@@ -207,13 +231,14 @@ void MtpEventPump::HandleObjectRemoved(uint32_t handle) {
   session_->Deliver(ObjectEventParameters(WPD_EVENT_OBJECT_REMOVED, session_->PnpId(), v));
 }
 
-void MtpEventPump::HandleStorageChange() {
+bool MtpEventPump::HandleStorageChange() {
   std::vector<MtpStorageFacts> before = session_->CachedStorages(), after;
   {
     std::unique_lock<std::timed_mutex> lock;
     LIBMTP_mtpdevice_t* device = nullptr;
-    if (FAILED(session_->Acquire(&lock, &device))) return;
-    if (FAILED(session_->StoragesLocked(device, &after))) return;
+    HRESULT hr = session_->Acquire(&lock, &device, kSlice);
+    if (hr == E_ERROR_BUSY) return false;
+    if (FAILED(hr) || FAILED(session_->StoragesLocked(device, &after))) return true;
   }
   for (const auto& old : before) {
     bool kept = false;
@@ -231,6 +256,7 @@ void MtpEventPump::HandleStorageChange() {
     session_->Deliver(
         ObjectEventParameters(known ? WPD_EVENT_OBJECT_UPDATED : WPD_EVENT_OBJECT_ADDED, session_->PnpId(), values));
   }
+  return true;
 }
 
 }  // namespace qb::portable::mtp

@@ -36,10 +36,18 @@ class MtpEventPump {
   void Run();
   void SubmitRead();
   void HandleDeviceEvent(int status, LIBMTP_event_t event, uint32_t parameter);
-  void HandleObjectAdded(uint32_t handle);
+  // False while another call holds the device: the event waits in deferred_.
+  bool Dispatch(LIBMTP_event_t event, uint32_t parameter);
+  bool HandleObjectAdded(uint32_t handle);
   void HandleObjectRemoved(uint32_t handle);
-  void HandleStorageChange();
+  bool HandleStorageChange();
   void DrainInbox();
+  void RetryDeferred();
+
+  struct Deferred {
+    LIBMTP_event_t event;
+    uint32_t parameter;
+  };
 
   MtpSession* session_;  // set once
   std::shared_ptr<MtpEventInbox> inbox_;
@@ -48,6 +56,9 @@ class MtpEventPump {
   std::mutex stopMutex_;
   std::condition_variable stopCv_;
   bool stop_ = false;  // under stopMutex_
+  // Pump thread only: device events that found the device lock taken, in
+  // their order; tried again every slice, never dropped.
+  std::deque<Deferred> deferred_;
 };
 
 }  // namespace qb::portable::mtp

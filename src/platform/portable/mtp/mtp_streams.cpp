@@ -17,6 +17,13 @@
 namespace qb::portable::mtp {
 namespace {
 
+// libmtp's progress callback inside one long transfer: data moved, so the
+// calling worker is not stuck. Never cancels.
+int ReportProgress(uint64_t const /*sent*/, uint64_t const /*total*/, void const* const /*data*/) {
+  NoteProgress();
+  return 0;
+}
+
 // An unlinked temporary file: gone from the disk whatever happens.
 int OpenScratchFile() {
   std::error_code ec;
@@ -137,7 +144,7 @@ class MtpReadStream : public IStream {
       return hr;
     }
     FileSink sink{fd, 0};
-    if (LIBMTP_Get_File_To_Handler(device, object_.handle, PutToFile, &sink, nullptr, nullptr) != 0) {
+    if (LIBMTP_Get_File_To_Handler(device, object_.handle, PutToFile, &sink, ReportProgress, nullptr) != 0) {
       close(fd);
       return s_->FailedLocked(device, "MT31@MtpReadStream::FetchWhole: ", "LIBMTP_Get_File_To_Handler");
     }
@@ -185,7 +192,7 @@ class MtpDataStream : public IPortableDeviceDataStream {
     file->filetype = FiletypeOfFormatCode(object_.formatCode);
     file->modificationdate = object_.hasModified ? static_cast<time_t>(object_.modified) : time(nullptr);
     FileSource src{fd_, 0};
-    int rc = LIBMTP_Send_File_From_Handler(device, GetFromFile, &src, file, nullptr, nullptr);
+    int rc = LIBMTP_Send_File_From_Handler(device, GetFromFile, &src, file, ReportProgress, nullptr);
     if (rc != 0) {
       LIBMTP_destroy_file_t(file);
       return s_->FailedLocked(device, "MT32@MtpDataStream::Commit: ", "LIBMTP_Send_File_From_Handler");

@@ -1,6 +1,7 @@
 // USB device facts from sysfs.
 #include "platform/portable/mtp/mtp_usb.h"
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
@@ -10,8 +11,15 @@ namespace fs = std::filesystem;
 namespace qb::portable::mtp {
 namespace {
 
+// $QUILLBOX_USB_DEVICES_ROOT, else sysfs: the MTP emulator keeps a folder
+// of that layout for the devices it presents.
+std::string DefaultRoot() {
+  const char* root = std::getenv(kUsbDevicesRootVariable);
+  return root && *root ? root : kSysUsbDevices;
+}
+
 std::mutex g_rootMutex;  // leaf
-std::string g_root = kSysUsbDevices;
+std::string g_root = DefaultRoot();
 
 std::string ReadLine(const fs::path& file) {
   std::ifstream in(file);
@@ -44,7 +52,7 @@ std::string UsbDevicesRoot() {
 
 void SetUsbDevicesRoot(const std::string& root) {
   std::lock_guard<std::mutex> l(g_rootMutex);
-  g_root = root.empty() ? std::string(kSysUsbDevices) : root;
+  g_root = root.empty() ? DefaultRoot() : root;
 }
 
 bool FindUsbPort(const std::string& root, uint32_t busNumber, uint32_t deviceAddress, UsbPortInfo* info) {

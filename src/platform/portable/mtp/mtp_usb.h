@@ -10,8 +10,10 @@ namespace qb::portable::mtp {
 
 inline constexpr const char* kSysUsbDevices = "/sys/bus/usb/devices";
 
-// The folder the back end reads: kSysUsbDevices unless set (tests point it
-// at a folder of their own; empty sets the default back).
+// The folder the back end reads: $QUILLBOX_USB_DEVICES_ROOT (the MTP
+// emulator's folder of its devices) or kSysUsbDevices unless set (tests
+// point it at a folder of their own; empty sets the default back).
+inline constexpr const char* kUsbDevicesRootVariable = "QUILLBOX_USB_DEVICES_ROOT";
 std::string UsbDevicesRoot();
 void SetUsbDevicesRoot(const std::string& root);
 

@@ -111,6 +111,11 @@ TEST(MtpErrors, PtpAnswersGetTheirCodes) {
   EXPECT_EQ(HresultOfPtpCode(0x2005), E_ERROR_NOT_SUPPORTED);
   EXPECT_EQ(HresultOfPtpCode(0x02FA), WIA_ERROR_OFFLINE);
   EXPECT_EQ(HresultOfPtpCode(0x2002), E_FAIL);
+  EXPECT_EQ(HresultOfPtpCode(0x201A), E_ERROR_NOT_FOUND);  // invalid parent
+  EXPECT_EQ(HresultOfPtpCode(0x2020), E_ERROR_NOT_SUPPORTED);
+  EXPECT_EQ(HresultOfPtpCode(0xA803), E_INVALIDARG);
+  EXPECT_EQ(HresultOfPtpCode(0xA80A), E_ERROR_NOT_SUPPORTED);
+  EXPECT_EQ(HresultOfPtpCode(0x02FE), E_ERROR_BUSY);  // refused without its data
 }
 
 TEST(MtpErrors, CodesAreFoundInLibmtpTexts) {

@@ -120,8 +120,9 @@ TEST(MtpUsb, FindsTheDeviceAtItsBusAddress) {
 TEST(MtpBackend, AbsentDeviceDoesNotOpenAndNothingWorksBeforeOpen) {
   qbtest::ScopedHome home;
   std::vector<MtpDeviceEntry> devices;
+  // Without USB devices the list is empty, not an error. The list of a
+  // present device is tested over the MTP emulator (tests/mtp_emulator).
   EXPECT_EQ(ListMtpDevices(&devices), S_OK);
-  for (const auto& d : devices) EXPECT_TRUE(IsMtpPnpId(d.pnpId)) << d.pnpId;
   auto device = CreateMtpPortableDevice();
   std::shared_ptr<IPortableDeviceContent> content;
   EXPECT_EQ(device->Content(&content), E_WPD_DEVICE_NOT_OPEN);

@@ -1,0 +1,145 @@
+#include "emulated_fixture.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "platform/portable/mtp/mtp_usb.h"
+#include "platform/portable/sim_devices.h"
+
+namespace qbtest {
+
+namespace qp = qb::portable;
+
+void EmulatedMtpDevice::SetUp() {
+  home_ = std::make_unique<ScopedHome>();
+  setenv("QUILLBOX_MTP_EMULATOR_DIR", (home_->Path() / "sockets").c_str(), 1);
+  qb::portable::mtp::SetUsbDevicesRoot((home_->Path() / "sockets" / "usb-devices").string());
+  std::string error;
+  ASSERT_TRUE(qp::sim::CreateDemoDevice(&device_, &error)) << error;
+}
+
+void EmulatedMtpDevice::TearDown() {
+  StopEmulator();
+  qb::portable::mtp::SetUsbDevicesRoot("");
+  home_.reset();
+}
+
+bool EmulatedMtpDevice::StartEmulator(const std::vector<std::string>& options) {
+  int out[2];
+  if (pipe2(out, O_CLOEXEC) != 0) return false;
+  std::string program = (BinDir() / "quillbox-mtp-emulator").string();
+  std::vector<std::string> args = {program, "serve", "demo", "--die-with-parent"};
+  args.insert(args.end(), options.begin(), options.end());
+  emulator_ = fork();
+  if (emulator_ == 0) {
+    dup2(out[1], 1);
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    execv(program.c_str(), argv.data());
+    _exit(127);
+  }
+  close(out[1]);
+  // Ready once it says it serves (bounded wait on its output).
+  std::string said;
+  char buf[256];
+  for (;;) {
+    pollfd pfd{out[0], POLLIN, 0};
+    if (poll(&pfd, 1, 20000) <= 0) break;
+    ssize_t n = read(out[0], buf, sizeof buf);
+    if (n <= 0) break;
+    said.append(buf, static_cast<size_t>(n));
+    if (said.find('\n') != std::string::npos) break;
+  }
+  close(out[0]);
+  bool ok = said.rfind("serving demo", 0) == 0;
+  EXPECT_TRUE(ok) << "the emulator did not start: " << said;
+  return ok;
+}
+
+void EmulatedMtpDevice::StopEmulator() {
+  if (emulator_ <= 0) return;
+  kill(emulator_, SIGTERM);
+  int status = 0;
+  waitpid(emulator_, &status, 0);
+  emulator_ = -1;
+}
+
+std::string EmulatedMtpDevice::FindMtpDevice() {
+  auto manager = qp::CreatePortableDeviceManager();
+  manager->RefreshDeviceList();
+  std::vector<std::string> ids;
+  manager->GetDevices(&ids);
+  for (const auto& id : ids)
+    if (id.find("usb#vid_1209&pid_0001#") != std::string::npos) return id;
+  return "";
+}
+
+std::unique_ptr<qp::IPortableDevice> EmulatedMtpDevice::OpenDevice(std::string* pnpId) {
+  std::string id = FindMtpDevice();
+  if (id.empty()) {
+    std::error_code ec;
+    std::string seen;
+    for (const auto& e : std::filesystem::directory_iterator(home_->Path() / "sockets", ec))
+      seen += e.path().filename().string() + " ";
+    ADD_FAILURE() << "the emulated device is not listed; in the socket folder: " << seen;
+    return nullptr;
+  }
+  auto device = qp::CreatePortableDevice();
+  qp::PortableDeviceValues client;
+  client.SetStringValue(WPD_CLIENT_NAME, "test");
+  HRESULT hr = device->Open(id, client);
+  if (FAILED(hr)) {
+    ADD_FAILURE() << "Open failed: " << std::hex << hr;
+    return nullptr;
+  }
+  if (pnpId) *pnpId = id;
+  return device;
+}
+
+std::vector<std::string> ChildNames(qp::IPortableDeviceContent* content, const std::string& parentId,
+                                    std::vector<std::string>* idsOut) {
+  std::unique_ptr<qp::IEnumPortableDeviceObjectIDs> e;
+  std::vector<std::string> names, ids, batch;
+  if (FAILED(content->EnumObjects(0, parentId, nullptr, &e))) return names;
+  HRESULT hr;
+  do {
+    hr = e->Next(100, &batch);
+    ids.insert(ids.end(), batch.begin(), batch.end());
+  } while (hr == S_OK && !batch.empty());
+  std::shared_ptr<qp::IPortableDeviceProperties> props;
+  content->Properties(&props);
+  for (const auto& id : ids) {
+    qp::PortableDeviceValues v;
+    std::string name;
+    props->GetValues(id, nullptr, &v);
+    if (FAILED(v.GetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, &name))) v.GetStringValue(WPD_OBJECT_NAME, &name);
+    names.push_back(name);
+  }
+  if (idsOut) *idsOut = ids;
+  return names;
+}
+
+std::string ChildId(qp::IPortableDeviceContent* content, const std::string& parentId, const std::string& name) {
+  std::vector<std::string> ids;
+  auto names = ChildNames(content, parentId, &ids);
+  for (size_t i = 0; i < names.size(); ++i)
+    if (names[i] == name) return ids[i];
+  return "";
+}
+
+std::string FileBytes(const std::filesystem::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+}  // namespace qbtest
