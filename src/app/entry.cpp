@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "app/command_line.h"
+#include "app/desktop_host.h"
 #include "app/invocation.h"
 #include "app/main_codes.h"
 #include "app/neighbours.h"
@@ -29,23 +30,12 @@ int32_t RunCommandLine(int argc, char** argv) {
   return exitCode;
 }
 
-int32_t RunInteractive(CSuperGlobals* globals) {
-  if (globals->GetMainHWND()) {
-    Trace(kTag, "Main window 0x%08X runs already", static_cast<uint32_t>(globals->GetMainHWND()));
-    return 0;
-  }
-  // The main window is not part of this build: show how the command line
-  // is used instead.
-  Trace(kTag, "No main window in this build");
-  ui::MessageBox("Quillbox", UsageText(), ui::Icon::kInformation, ui::Buttons::kOk, ui::Answer::kOk, true);
-  return 0;
-}
-
 }  // namespace
 
 int QuillboxEntry(int argc, char** argv) {
   // Before any thread starts, so that only the watcher takes these signals.
   sys::BlockSessionSignals();
+  if (argc <= 1) BlockWindowSignals();
   CSuperGlobals globals;
   SetSuperGlobals(&globals);
   const bool agent = argc == 3 && std::strcmp(argv[1], "/b") == 0;
@@ -58,7 +48,7 @@ int QuillboxEntry(int argc, char** argv) {
   Trace(kTag, "ENTER argc=%d", argc);
   ProcessStorageLists().Clear();
   nb::StartDeviceAccess();
-  int32_t exitCode = argc > 1 ? RunCommandLine(argc, argv) : RunInteractive(&globals);
+  int32_t exitCode = argc > 1 ? RunCommandLine(argc, argv) : RunInteractiveInstance(&globals);
   nb::StopDeviceAccess();
   ProcessStorageLists().Clear();
   Trace(kTag, "RETURN: RC=0x%08X (%s)", static_cast<uint32_t>(exitCode), CodeToName(exitCode));

@@ -59,6 +59,11 @@ std::vector<diag::LogSetting> SettingsForHeader() {
 std::mutex g_deviceMutex;
 std::unique_ptr<CWPDHelperLocal> g_device;  // under g_deviceMutex
 
+HRESULT IgnoreDeviceEvent(const char*, const char*, uint32_t, const char*, uint32_t, const char*, const char*,
+                          const uint32_t*, const uint64_t*, const FILETIME*, const FILETIME*) {
+  return S_OK;
+}
+
 std::vector<std::string> ToVector(const PtrList<std::string>& list) {
   std::vector<std::string> out;
   for (uint32_t i = 0; i < list.Count(); ++i) out.push_back(list.Get(i) ? *list.Get(i) : std::string());
@@ -199,6 +204,38 @@ bool GetDevices(DeviceList* list) {
   list->serials = ToVector(serials);
   list->pnpIds = ToVector(pnps);
   return true;
+}
+
+bool DeviceAccessFailed() {
+  std::lock_guard<std::mutex> lock(g_deviceMutex);
+  return !g_device || FAILED(g_device->InitResult());
+}
+
+std::vector<std::string> StorageNames(const std::string& deviceId) {
+  PtrList<std::string> names, values;
+  HRESULT hr;
+  {
+    // The device is opened only for this reading; its events are not wanted.
+    std::lock_guard<std::mutex> lock(g_deviceMutex);
+    if (!g_device) return {};
+    hr = g_device->RegisterEventHandler(deviceId.c_str(), IgnoreDeviceEvent);
+    if (SUCCEEDED(hr)) {
+      hr = g_device->GetDeviceProps(&names, &values, 0, 1, 0, nullptr);
+      g_device->DeRegisterEventHandler();
+    }
+  }
+  std::vector<std::string> out;
+  if (FAILED(hr)) return out;
+  bool inStorage = false;
+  for (uint32_t i = 0; i < names.Count() && i < values.Count(); ++i) {
+    const std::string name = names.Get(i) ? *names.Get(i) : std::string();
+    if (name == "WPD_STORAGE_INDEX") inStorage = true;
+    if (inStorage && name == "WPD_OBJECT_NAME") {
+      out.push_back(values.Get(i) ? *values.Get(i) : std::string());
+      inStorage = false;
+    }
+  }
+  return out;
 }
 
 // ---- drive layer ----

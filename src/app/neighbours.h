@@ -56,6 +56,10 @@ void StartDeviceAccess();
 void StopDeviceAccess();  // 5000 ms limit
 // False when the list could not be read (empty lists then).
 bool GetDevices(DeviceList* list);
+// The device-access object reported a failed start.
+bool DeviceAccessFailed();
+// The names of a device's storages, in the device's order.
+std::vector<std::string> StorageNames(const std::string& deviceId);
 
 // ---- drive layer ----
 enum class DriveType { kNoRootDir, kRemovable, kFixed };

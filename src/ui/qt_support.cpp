@@ -10,6 +10,9 @@
 
 #include "i18n/i18n.h"
 
+// Outside any namespace, as the resource compiler names its function.
+static void InitUiResources() { Q_INIT_RESOURCE(ui_resources); }
+
 namespace qb::ui {
 
 QApplication* EnsureApplication() {
@@ -21,7 +24,7 @@ QApplication* EnsureApplication() {
     // Owned by the process: the toolkit must outlive every window, also
     // those that static objects hold. A message box may have made it first.
     if (!QApplication::instance()) new QApplication(argc, argv);
-    Q_INIT_RESOURCE(ui_resources);
+    InitUiResources();
     QApplication::setApplicationName("Quillbox");
     QApplication::setDesktopFileName("quillbox");
     QApplication::setQuitOnLastWindowClosed(false);
