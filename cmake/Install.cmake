@@ -49,7 +49,9 @@ install(FILES ${QB_MAN_GZ} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT pr
 install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/docs/app.md ${CMAKE_SOURCE_DIR}/docs/ui.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT program)
 
-# The .deb: `cpack -G DEB` in the build folder.
+# The .deb: `cpack -G DEB` in the build folder, after the build. Installing
+# does not build the tests and benchmarks first.
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME quillbox)
 set(CPACK_PACKAGE_VENDOR "Quillbox")
