@@ -116,7 +116,6 @@ void MainWindow::BuildControls() {
   storageLabel_ = new QLabel(this);
   drives_ = new QComboBox(this);
   drives_->setObjectName("driveList");
-  drives_->setSizeAdjustPolicy(QComboBox::AdjustToContents);
   deviceList_ = new QComboBox(this);
   deviceList_->setObjectName("deviceList");
   storage_ = new QLineEdit(this);
