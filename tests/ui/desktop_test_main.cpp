@@ -82,6 +82,7 @@ class DesktopTest : public QObject {
   void trayMenuHidesShowsAndExits();
   void waitWindowCancelSetsTheEvent();
   void interactiveInstanceComesToFrontAndEndsOnSignal();
+  void withoutDisplayTheInstanceSaysSoAndEnds();
 };
 
 void DesktopTest::mainWindowListsTheDemoDevice() {
@@ -326,6 +327,21 @@ void DesktopTest::interactiveInstanceComesToFrontAndEndsOnSignal() {
   QVERIFY(first.waitForFinished(kLimitMs));
   QCOMPARE(first.exitStatus(), QProcess::NormalExit);
   QCOMPARE(first.exitCode(), 0);
+  QCOMPARE(f.Globals().GetMainHWND(), uint64_t(0));
+}
+
+void DesktopTest::withoutDisplayTheInstanceSaysSoAndEnds() {
+  qbui::DesktopFixture f;
+  QVERIFY(f.Ready());
+  QProcess instance;
+  QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+  env.remove("DISPLAY");
+  env.remove("WAYLAND_DISPLAY");
+  instance.setProcessEnvironment(env);
+  instance.start(QString::fromStdString((qbtest::BinDir() / "quillbox").string()), {});
+  QVERIFY(instance.waitForFinished(kLimitMs));
+  QCOMPARE(instance.exitCode(), 0);
+  QVERIFY(instance.readAllStandardError().contains("Quillbox: no display"));
   QCOMPARE(f.Globals().GetMainHWND(), uint64_t(0));
 }
 
