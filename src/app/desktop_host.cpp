@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <vector>
 
 #include "app/launch.h"
 #include "app/main_codes.h"
@@ -23,12 +24,28 @@ constexpr const char* kTag = "M70@Desktop: ";
 constexpr int kCheckEvery = 10;
 constexpr int kReapMs = 1000;
 
+// Children that went on serving their drive after the window stopped
+// waiting for them; reaped once they end (the window's refreshes look).
+std::vector<sys::ChildProcess>& ServingChildren() {
+  static std::vector<sys::ChildProcess> children;
+  return children;
+}
+
+void ReapServingChildren() {
+  auto& children = ServingChildren();
+  std::erase_if(children, [](sys::ChildProcess& c) {
+    int code = 0;
+    return c.Wait(0, &code);
+  });
+}
+
 // One child that maps a device, or unmounts a drive.
 class Child : public ui::ChildJob {
  public:
   Child(sys::ChildProcess child, int event, sys::ProgressPipe progress, std::string deviceId)
       : child_(std::move(child)), event_(event), progress_(progress), deviceId_(std::move(deviceId)) {}
   ~Child() override {
+    if (!ended_) ServingChildren().push_back(std::move(child_));
     if (event_ >= 0) close(event_);
     sys::CloseProgressPipe(&progress_);
   }
@@ -101,6 +118,7 @@ class Host : public ui::DesktopHost {
   bool InitFailed() override { return nb::DeviceAccessFailed(); }
 
   bool ListDevices(std::vector<ui::DeviceInfo>* devices) override {
+    ReapServingChildren();
     nb::DeviceList list;
     if (!nb::GetDevices(&list)) return false;
     devices->clear();
