@@ -7,7 +7,7 @@ packages=(
   build-essential cmake pkg-config ccache
   libfuse3-dev fuse3
   libmtp-dev
-  qt6-base-dev
+  qt6-base-dev libxcb1-dev xvfb
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   tzdata procps psmisc
 )

@@ -99,6 +99,15 @@ int32_t RunUnmountCommand(char letter) {
     nb::RemoveDriveIcon(letter);
     return kMainUnmounted;
   }
+  if (type == nb::DriveType::kNoRootDir && (mapped || nb::IsInMountTable(letter))) {
+    // The server was killed: its mount (or its entry) is left behind. The
+    // user asked for the drive to go, so what is left goes.
+    Trace(kTag, "Drive %c: has no server; removing what it left", letter);
+    nb::ForceRemoveMountPoint(letter);
+    if (globals) globals->ResetMappedDevice(letter);
+    nb::RemoveDriveIcon(letter);
+    return kMainUnmounted;
+  }
   Trace(kTag, "Skipped unmounting %c: as it is not removable drive", letter);
   return kMainNotMappedDrive;
 }

@@ -20,14 +20,9 @@ namespace {
 constexpr const char* kTag = "M01@QuillboxEntry: ";
 
 int32_t RunCommandLine(int argc, char** argv) {
-  // The session-end watcher stands for the hidden event-handler window.
-  sys::SessionSignalWatcher sessionEnd;
-  sessionEnd.Start(OnSessionEnd);
   const bool quiet = HasQuietSwitch(argc, argv);
   int32_t code = QuillboxMain(argc, argv);
-  int32_t exitCode = ProcessError(quiet, code);
-  sessionEnd.Stop();
-  return exitCode;
+  return ProcessError(quiet, code);
 }
 
 }  // namespace
@@ -48,7 +43,15 @@ int QuillboxEntry(int argc, char** argv) {
   Trace(kTag, "ENTER argc=%d", argc);
   ProcessStorageLists().Clear();
   nb::StartDeviceAccess();
+  // The session-end watcher stands for the hidden event-handler window, so
+  // that each role ends cleanly on SIGTERM, SIGHUP and SIGINT. The
+  // interactive instance reads those signals in its window's loop instead
+  // (with SIGUSR1, a second instance's call to the front).
+  g_interactiveInstance = argc <= 1;
+  sys::SessionSignalWatcher sessionEnd;
+  if (argc > 1) sessionEnd.Start(OnSessionEnd);
   int32_t exitCode = argc > 1 ? RunCommandLine(argc, argv) : RunInteractiveInstance(&globals);
+  sessionEnd.Stop();
   nb::StopDeviceAccess();
   ProcessStorageLists().Clear();
   Trace(kTag, "RETURN: RC=0x%08X (%s)", static_cast<uint32_t>(exitCode), CodeToName(exitCode));

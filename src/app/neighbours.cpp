@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <memory>
 #include <mutex>
 
@@ -82,17 +84,24 @@ bool CopyMachineDefaults() {
 
 void ApplyPendingCacheRoot() {
   std::string pending;
-  Registry_Get_CacheRoot(true, &pending, qb::kMaxPath, false);
-  if (pending.empty()) return;
-  std::string current = CacheFolder();
-  if (EqualsNoCaseAZ(current, pending)) return;
-  Trace("G25@ApplyPendingCacheRoot: ", "'%s' -> '%s'", current.c_str(), pending.c_str());
-  if (!current.empty()) {
-    // The folder that holds the cache folder: the cache root's "Quillbox".
-    std::error_code ec;
-    std::filesystem::remove_all(std::filesystem::path(current).parent_path(), ec);
+  Registry_Get_CacheRoot(true, &pending, qb::kMaxPath, true);
+  while (pending.size() > 1 && pending.back() == '/') pending.pop_back();
+  std::string root = CacheRootNow();
+  while (root.size() > 1 && root.back() == '/') root.pop_back();
+  if (!pending.empty() && !EqualsNoCaseAZ(root, pending)) {
+    std::string folder = CacheFolder();
+    Trace("G25@ApplyPendingCacheRoot: ", "'%s' -> '%s'", root.c_str(), pending.c_str());
+    if (!folder.empty()) {
+      // Only the cache folder goes: its parent "Quillbox" folder also holds
+      // the trace log (open now) and rescued data, which must stay.
+      std::error_code ec;
+      std::filesystem::remove_all(folder, ec);
+      std::filesystem::remove(std::filesystem::path(folder).parent_path(), ec);  // only when empty
+    }
+    Registry_Set_CacheRoot(false, pending.c_str());
   }
-  Registry_Set_CacheRoot(false, pending.c_str());
+  // Taken over, equal or unusable: it must not apply again at every start.
+  Registry_Clear_CacheRootPending();
 }
 
 std::string CacheFolder() {
@@ -174,6 +183,9 @@ void StopTrace() { TraceStop(); }
 void LoadTexts() { I18N_Init(); }
 void UnloadTexts() { I18N_DeInit(); }
 std::string TitleError() { return I18N_TitleError(); }
+std::string FormatText(int id, const char* a, const char* b) {
+  return b ? I18N_Format(id, {a, b}) : I18N_Format(id, {a});
+}
 std::string TitleQuestion() { return I18N_TitleQuestion(); }
 
 // ---- device access ----
@@ -255,6 +267,30 @@ int RemoveMountPoint(char letter) {
 }
 
 bool ForceRemoveMountPoint(char letter) { return qb::dokan::ForceRemoveMountPoint(letter); }
+
+bool IsInMountTable(char letter) {
+  const std::string wanted = qb::dokan::MountPointOf(letter).string();
+  std::ifstream table("/proc/self/mountinfo");
+  std::string line;
+  while (std::getline(table, line)) {
+    // Fields: id, parent, major:minor, root, mount point (blanks as \040).
+    std::istringstream fields(line);
+    std::string skip, point;
+    fields >> skip >> skip >> skip >> skip >> point;
+    std::string decoded;
+    for (size_t i = 0; i < point.size(); ++i) {
+      auto octal = [&](size_t at) { return at < point.size() && point[at] >= '0' && point[at] <= '7'; };
+      if (point[i] == '\\' && octal(i + 1) && octal(i + 2) && octal(i + 3)) {
+        decoded += static_cast<char>((point[i + 1] - '0') * 64 + (point[i + 2] - '0') * 8 + (point[i + 3] - '0'));
+        i += 3;
+      } else {
+        decoded += point[i];
+      }
+    }
+    if (decoded == wanted) return true;
+  }
+  return false;
+}
 
 int DokanVersion() { return static_cast<int>(::DokanVersion()); }
 int DokanDriverVersion() { return static_cast<int>(::DokanDriverVersion()); }

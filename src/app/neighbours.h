@@ -46,6 +46,8 @@ void StopTrace();
 void LoadTexts();
 void UnloadTexts();
 std::string TitleError();
+// Text `id` formatted with one or two strings (b null: one).
+std::string FormatText(int id, const char* a, const char* b = nullptr);
 std::string TitleQuestion();
 
 // ---- device access ----
@@ -72,6 +74,9 @@ bool IsLetterInUse(char letter);
 int RemoveMountPoint(char letter);
 // Removal by force of a drive whose server does not answer.
 bool ForceRemoveMountPoint(char letter);
+// The letter's mount point is in the mount table (also a mount whose server
+// was killed). Reads only the table, never the mount.
+bool IsInMountTable(char letter);
 int DokanVersion();
 int DokanDriverVersion();
 

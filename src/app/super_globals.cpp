@@ -139,33 +139,40 @@ void CSuperGlobals::AttachToSharedLog() {
   m_hLogFile = fd ? static_cast<int>(fd) : -1;
 }
 
+std::string InstallationCheckText(int version, int driver) {
+  constexpr int kNotAvailable = 104, kNotCompatible = 105;
+  if (version != 231) return nb::FormatText(kNotCompatible, "QUILLBOX", "LIBFUSE3");
+  if (driver == 0) return nb::FormatText(kNotAvailable, "/dev/fuse");
+  if (driver != 400) return nb::FormatText(kNotCompatible, "QUILLBOX", "/DEV/FUSE");
+  return {};
+}
+
 bool CSuperGlobals::InstallationCheck() {
-  std::string text;
   int version = nb::DokanVersion();
   int driver = nb::DokanDriverVersion();
-  if (version != 231) {
-    text = qb::Format("%s is not compatible with %s", "QUILLBOX", "LIBFUSE3");
-  } else if (driver == 0) {
-    text = qb::Format("%s is not available.", "/dev/fuse");
-  } else if (driver != 400) {
-    text = qb::Format("%s is not compatible with %s", "QUILLBOX", "/DEV/FUSE");
-  } else {
-    return true;
-  }
+  std::string text = InstallationCheckText(version, driver);
+  if (text.empty()) return true;
   Trace("G11@CSuperGlobals::InstallationCheck: ", "%s (%d, %d)", text.c_str(), version, driver);
   ui::MessageBox(nb::TitleError(), text, ui::Icon::kWarning, ui::Buttons::kOk, ui::Answer::kOk, false);
   return false;
 }
 
-void CSuperGlobals::DeInit() {
+void CSuperGlobals::DeInit() { Release(true); }
+
+void CSuperGlobals::DeInitForExit() { Release(false); }
+
+void CSuperGlobals::Release(bool unmap) {
   if (!m_pView) return;
   Trace("G12@CSuperGlobals::DeInit: ", "ENTER ");
   nb::StopTrace();
-  nb::UnloadTexts();
+  if (unmap) nb::UnloadTexts();  // other threads may still show a text
   if (m_bCounted && m_pView->dwInstances > 0) --m_pView->dwInstances;
   m_bCounted = false;
   ReleaseLogHandles();
-  m_Section.Close();
+  if (unmap)
+    m_Section.Close();
+  else
+    m_Section.CloseKeepingView();
   m_pView = nullptr;
   m_bInitialized = 0;
 }

@@ -40,6 +40,10 @@ class CSuperGlobals {
   // With `agent` the shared trace log is not used.
   void Init(bool agent);
   void DeInit();
+  // DeInit for a process that ends right after it (the session ends while
+  // no drive is served): every shared resource is given back, but the view
+  // stays mapped for threads that may still read it.
+  void DeInitForExit();
   uint32_t IsInitialized() const { return m_bInitialized; }
 
   bool IntegrityCheck(char letter) const;
@@ -96,6 +100,7 @@ class CSuperGlobals {
   bool SetUpAsFirstInstance(bool sharedLog, bool clear);
   void AttachToSharedLog();
   void ReleaseLogHandles();
+  void Release(bool unmap);
   void DeleteCacheSubfolder(const std::string& name);
   bool InstallationCheck();
 
@@ -107,6 +112,10 @@ class CSuperGlobals {
   sys::NamedMutex* m_pLogMutex = nullptr;
   bool m_bCounted = false;
 };
+
+// The message of the installation check for the library and driver
+// versions found (texts 104 and 105); empty when both are right.
+std::string InstallationCheckText(int version, int driver);
 
 // The process's one instance (created by the entry point).
 CSuperGlobals* SuperGlobals();

@@ -1,5 +1,6 @@
 #include "app/unmount.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -9,9 +10,11 @@
 
 #include "app/invocation.h"
 #include "app/neighbours.h"
+#include "app/super_globals.h"
 #include "common/strings.h"
 #include "diag/trace.h"
 #include "platform/system/codes.h"
+#include "ui/message_box.h"
 
 namespace qb::app {
 namespace {
@@ -31,7 +34,36 @@ struct UnmountJob {
   int32_t result = 0;
 };
 
+std::mutex g_callsMutex;
+UnmountCalls g_calls;  // under g_callsMutex; empty members: the drive layer
+
+int RemoveMountPoint(char letter) {
+  std::function<int(char)> call;
+  {
+    std::lock_guard<std::mutex> lock(g_callsMutex);
+    call = g_calls.removeMountPoint;
+  }
+  return call ? call(letter) : nb::RemoveMountPoint(letter);
+}
+
+bool ForceRemoveMountPoint(char letter) {
+  std::function<bool(char)> call;
+  {
+    std::lock_guard<std::mutex> lock(g_callsMutex);
+    call = g_calls.forceRemoveMountPoint;
+  }
+  return call ? call(letter) : nb::ForceRemoveMountPoint(letter);
+}
+
 }  // namespace
+
+std::atomic<bool> g_interactiveInstance{false};
+
+UnmountCalls SetUnmountCalls(UnmountCalls calls) {
+  std::lock_guard<std::mutex> lock(g_callsMutex);
+  std::swap(calls, g_calls);
+  return calls;
+}
 
 int32_t QuillboxUnmount(char letter) {
   char target;
@@ -40,7 +72,7 @@ int32_t QuillboxUnmount(char letter) {
     g_mountPoint[0] = letter;
     target = g_mountPoint[0];
   }
-  int32_t rc = nb::RemoveMountPoint(target);
+  int32_t rc = RemoveMountPoint(target);
   Trace("M40@QuillboxUnmount: ", "RETURN: RC=0x%08X (%s) %c:", static_cast<uint32_t>(rc), CodeToName(rc), target);
   return rc;
 }
@@ -87,7 +119,7 @@ int32_t UnmountAsync(char letter, uint32_t limitMs) {
   } else {
     lock.unlock();
     Trace("M42@UnmountAsync: ", "Forced");
-    nb::ForceRemoveMountPoint(letter);
+    ForceRemoveMountPoint(letter);
     // The thread cannot be ended from outside; it is given up (its late
     // result is dropped) as a terminated thread would be.
     result = static_cast<int32_t>(kUnmountThreadForced);
@@ -106,9 +138,19 @@ void OnSessionEnd(int signal) {
     Trace("M43@OnSessionEnd: ", "LEAVE ");
     return;
   }
+  ui::EndMessageBoxes();
+  if (g_interactiveInstance.load()) {
+    // Its box closes and the instance ends the usual way, giving back what
+    // it holds.
+    Trace("M43@OnSessionEnd: ", "LEAVE[3] ");
+    return;
+  }
   // Nothing served: an instance that only waits ends at once, as it would
-  // without the handler.
+  // without the handler, but first gives back the shared section, its name
+  // and the log's semaphore, which no later instance could tell from live
+  // ones.
   Trace("M43@OnSessionEnd: ", "LEAVE[2] ");
+  if (CSuperGlobals* globals = SuperGlobals()) globals->DeInitForExit();
   std::_Exit(128 + signal);
 }
 

@@ -1,6 +1,7 @@
 #include "device/helper_worker.h"
 
 #include "device/trace_lines.h"
+#include "platform/portable/portable.h"
 #include "platform/system/clock.h"
 
 namespace {
@@ -104,6 +105,14 @@ void WorkerFnLocal(std::shared_ptr<HelperWorkerState> pState) {
   const char* tag = "HL1@WorkerFnLocal: ";
   TraceEnter(tag);
   HelperWorkerState& st = *pState;
+  // The back ends report progress from inside long calls (a transfer block
+  // moved in parts, a slow listing) through this reporter, so that a long
+  // call is only taken for stuck when it really stops. A back end may keep
+  // a copy for a thread of its own: it holds the state weakly.
+  qb::portable::ScopedProgressReporter progress(
+      [weak = std::weak_ptr<HelperWorkerState>(pState)] {
+        if (auto state = weak.lock()) state->NoteActivity();
+      });
   HRESULT hr = CreateLibraryContext(st);
   if (SUCCEEDED(hr)) {
     ServeRequests(st);

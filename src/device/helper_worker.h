@@ -21,7 +21,7 @@ struct HelperWorkerState {
   // Set once before the worker starts:
   WpdLibApi* pApi = nullptr;
   uint32_t dwBusyRetryDelayMs = kWpdBusyRetryDelayMs;
-  uint32_t bMessagesOn = 1;
+  uint32_t bMessagesOn = 0;
   std::string sMessageFile;
 
   // Changed under mtx (the queue lock):

@@ -72,8 +72,9 @@ class CWPDHelperLocal : public CWPDHelperBase {
   // Tuning, set before Init (tests shorten both).
   void SetStallLimitMs(uint32_t dwMs) { m_dwStallLimitMs = dwMs; }
   void SetBusyRetryDelayMs(uint32_t dwMs) { m_dwBusyRetryDelayMs = dwMs; }
-  // The library's own messages ("Failed to ..."): on by default, to standard
-  // output unless a message file is named. Takes effect at the next Init.
+  // The library's own messages ("Failed to ...", property dumps): off unless
+  // asked for; then to standard output unless a message file is named.
+  // Takes effect at the next Init.
   void SetLibraryMessages(uint32_t bOn, const std::string& sMessageFile);
   // Exit code of the last worker that ended or was abandoned (0xDEAD000E,
   // 0xDEAD000F, 0xDEAD0010), STILL_ACTIVE while one runs, 0 before any.
@@ -104,7 +105,7 @@ class CWPDHelperLocal : public CWPDHelperBase {
   // Tuning, set before Init:
   uint32_t m_dwStallLimitMs = kDefaultStallLimitMs;
   uint32_t m_dwBusyRetryDelayMs = kWpdBusyRetryDelayMs;
-  uint32_t m_bMessagesOn = 1;
+  uint32_t m_bMessagesOn = 0;
   std::string m_sMessageFile;
 };
 

@@ -27,6 +27,9 @@ constexpr uint32_t kWpdLibMagic = 0x42494C57;
 // Busy answers are retried this many times, this far apart.
 constexpr int kWpdBusyAttempts = 20;
 constexpr uint32_t kWpdBusyRetryDelayMs = 200;
+// A download whose data ended before the size the device reported
+// (HRESULT_FROM_WIN32(ERROR_HANDLE_EOF)).
+constexpr HRESULT kWpdTruncatedData = HRESULT_FROM_WIN32(ERROR_HANDLE_EOF);
 
 // The device library's context, one per request worker.
 struct WpdLibContext {

@@ -34,18 +34,41 @@ bool AllocateBuffer(WpdLibContext* c, uint32_t size, std::vector<uint8_t>* buffe
   }
 }
 
+// The object's size as the device reports it; false when it does not.
+bool ObjectSize(WpdLibContext* c, qbp::IPortableDeviceContent& content, const char* sObjectID,
+                uint64_t* pullSize) {
+  std::shared_ptr<qbp::IPortableDeviceProperties> props;
+  if (FAILED(content.Properties(&props)) || !props) return false;
+  const qbp::KeyCollection keys = {WPD_OBJECT_SIZE};
+  qbp::PortableDeviceValues values;
+  const HRESULT hr = WpdLib_RetryWhileBusy(c, kTagFrom, [&] {
+    values.Clear();
+    return props->GetValues(sObjectID, &keys, &values);
+  });
+  return SUCCEEDED(hr) && SUCCEEDED(values.GetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, pullSize));
+}
+
+// A read that brings no bytes ends the data; before the size the device
+// reported, the data was cut short (the object shrank or the device lost
+// it), and a short copy must not pass for the whole object.
 HRESULT CopyStreamToFile(WpdLibContext* c, qbp::IStream& stream, uint32_t blockSize,
                          const char* sLocalPath, GetFileDataCallbackFn pfn, void* pCtx,
-                         uint64_t* pullTotal) {
+                         uint64_t ullExpected, uint64_t* pullTotal) {
   TraceEnter(kTagCopyOut);
   std::vector<uint8_t> buffer;
   if (!AllocateBuffer(c, blockSize, &buffer)) return TraceReturn(kTagCopyOut, E_OUTOFMEMORY, 1);
-  uint64_t offset = 0;
+  uint64_t offset = 0, received = 0;
   HRESULT hr = S_OK;
   for (;;) {
     uint32_t read = 0;
     hr = stream.Read(buffer.data(), static_cast<uint32_t>(buffer.size()), &read);
+    if (SUCCEEDED(hr) && read == 0 && received < ullExpected) {
+      Trace(kTagCopyOut, "Short:%llu of %llu", static_cast<unsigned long long>(received),
+            static_cast<unsigned long long>(ullExpected));
+      hr = kWpdTruncatedData;
+    }
     if (FAILED(hr) || read == 0) break;
+    received += read;
     uint32_t written = 0;
     const HRESULT hrCb = pfn ? pfn(pCtx, buffer.data(), read, offset, sLocalPath, &written) : S_OK;
     WpdLib_NoteActivity(c);
@@ -65,6 +88,8 @@ HRESULT TransferContentFromDevice(WpdLibContext* c, const char* sObjectID, const
   std::shared_ptr<qbp::IPortableDeviceContent> content;
   HRESULT hr = WpdLib_Content(c, &content);
   if (FAILED(hr)) return TraceReturn(kTagFrom, hr, 1);
+  uint64_t expected = 0;  // unknown size: any amount is whole
+  if (!ObjectSize(c, *content, sObjectID, &expected)) Trace(kTagFrom, "Size unknown");
   std::shared_ptr<qbp::IPortableDeviceResources> resources;
   hr = WpdLib_RetryWhileBusy(c, kTagFrom, [&] { return content->Transfer(&resources); });
   if (FAILED(hr) || !resources) {
@@ -85,7 +110,7 @@ HRESULT TransferContentFromDevice(WpdLibContext* c, const char* sObjectID, const
     return TraceReturn(kTagFrom, E_FAIL, 3);
   }
   uint64_t total = 0;
-  hr = CopyStreamToFile(c, *stream, blockSize, sLocalPath, pfn, pCtx, &total);
+  hr = CopyStreamToFile(c, *stream, blockSize, sLocalPath, pfn, pCtx, expected, &total);
   if (SUCCEEDED(hr) && pfn) {
     const HRESULT hrDone = pfn(pCtx, nullptr, 0, total, nullptr, nullptr);
     Trace(kTagFrom, "Done:0x%08X", static_cast<unsigned>(hrDone));

@@ -25,6 +25,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "common/ptr_list.h"
 #include "directory/download_region.h"
@@ -286,6 +287,10 @@ class CDirectory {
   void SetFullName(DirectoryItem* item, const std::string& fullName);
   void SortOriginal();
   void SortVirtual(int32_t storageIdx);
+  void GiveEveryFileItsOwnName(const std::vector<DirectoryItem*>& inOrder);
+  std::string FallbackName(const DirectoryItem* item, const char* tag) const;
+  std::string TargetOfKey(const std::string& key, const char* pattern, const char* patternNoCounters,
+                          DirectoryItem* item, const FILETIME& local);
   void ClearNamingTables();
 
   int64_t m_llTotalSize = 0;

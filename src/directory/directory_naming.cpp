@@ -5,7 +5,9 @@
 
 #include "common/strings.h"
 #include "diag/trace.h"
+#include "directory/collection_index.h"
 #include "directory/directory.h"
+#include "directory/flat_hash_index.h"
 #include "directory/file_name_format.h"
 #include "directory/name_hash.h"
 #include "directory/naming_tables.h"
@@ -121,9 +123,14 @@ void CDirectory::SortVirtual(int32_t storageIdx) {
     second->dwUniqueNameHash = first->dwUniqueNameHash;
   }
 
-  std::string withoutCounters;
-  if (!qb::directory::PatternWithoutCounters(m_sNamingPattern, &withoutCounters))
+  // A pattern that cannot name any file is refused before the first file,
+  // with its reason, instead of failing once per file.
+  std::string withoutCounters, reason;
+  if (!qb::directory::CheckNamingPattern(m_sNamingPattern, &reason) ||
+      !qb::directory::PatternWithoutCounters(m_sNamingPattern, &withoutCounters)) {
+    Trace(kSortTag, "Naming pattern '%s' refused: %s", m_sNamingPattern.c_str(), reason.c_str());
     return TraceLeave(kSortTag, 1);
+  }
 
   std::string newName;
   for (const Keyed& k : order) {
@@ -142,7 +149,105 @@ void CDirectory::SortVirtual(int32_t storageIdx) {
     if (dot != std::string::npos) named += fileName.substr(dot);
     item->rFindData.cFileName = std::string(qb::CutToUtf16(named, kNameCapacity - 1));
   }
+  std::vector<DirectoryItem*> inNamingOrder;
+  inNamingOrder.reserve(order.size());
+  for (const Keyed& k : order)
+    if (!k.item->bDeleted) inNamingOrder.push_back(k.item);
+  GiveEveryFileItsOwnName(inNamingOrder);
   TraceLeave(kSortTag);
+}
+
+// The counters and suffixes of the pattern do not make names unique on their
+// own (a file "X (1)" meets the suffix of a second "X"; two files of one
+// second with one name share a key), and a lookup finds only the first of
+// equal names. So every visible name (folder and file name, ignoring case in
+// A-Z) is given once, in naming order; a later file whose name is taken gets
+// the first free " (n)" before its extension.
+void CDirectory::GiveEveryFileItsOwnName(const std::vector<DirectoryItem*>& inOrder) {
+  // An index of hashes to the files that hold each name: the names are
+  // compared only on a hash match, so the check costs a few bytes per file.
+  auto visible = [](const DirectoryItem* item) {
+    return item->sFullName.substr(0, item->sFullName.rfind('\\') + 1) + item->rFindData.cFileName;
+  };
+  qb::directory::FlatHashIndex<uint32_t> holders;
+  auto taken = [&](const std::string& name) {
+    bool found = false;
+    holders.ForEach(qb::directory::KeyHash(name), [&](uint32_t at) {
+      found = found || qb::EqualsNoCaseAZ(visible(inOrder[at]), name);
+    });
+    return found;
+  };
+  for (uint32_t i = 0; i < inOrder.size(); ++i) {
+    DirectoryItem* item = inOrder[i];
+    const std::string full = item->sFullName;
+    if (full.empty() || full[0] != '\\') continue;  // still named by its object id
+    const std::string name = visible(item);
+    if (!taken(name)) {
+      holders.Insert(qb::directory::KeyHash(name), i);
+      continue;
+    }
+    const size_t slash = full.rfind('\\');
+    const std::string folder = full.substr(0, slash + 1);
+    const std::string base = full.substr(slash + 1);
+    const std::string& file = item->rFindData.cFileName;
+    const std::string extension = file.size() >= base.size() ? file.substr(base.size()) : std::string();
+    for (int n = 1;; ++n) {
+      const std::string suffix = qb::Format(" (%d)", n);
+      const std::string candidate = base + suffix + extension;
+      if (taken(folder + candidate)) continue;
+      Trace(kSortTag, "Name \"%s\" is taken; \"%s%s\" used", name.c_str(), folder.c_str(), candidate.c_str());
+      SetFullName(item, full + suffix);
+      item->rFindData.cFileName = candidate;
+      holders.Insert(qb::directory::KeyHash(folder + candidate), i);
+      break;
+    }
+  }
+}
+
+// The name of a file whose name the pattern cannot form (too long): its
+// original name, as the pattern "<O><Fo>" would give it. The tables stay in
+// step, so the files after it are named as usual.
+std::string CDirectory::FallbackName(const DirectoryItem* item, const char* tag) const {
+  std::string name = "\\" + std::string(qb::CutToUtf16(item->sOriginalItemName, 100));
+  Trace(tag ? tag : kSortTag, "Name of '%s' cannot be formed by the pattern; named '%s'", item->sUniqueName.c_str(),
+        name.c_str());
+  return name;
+}
+
+// The target of a file whose key (the name without counters) is made: the
+// key counted, with " (n)" or through the full pattern. Empty when the full
+// pattern cannot form the name.
+std::string CDirectory::TargetOfKey(const std::string& key, const char* pattern, const char* patternNoCounters,
+                                    DirectoryItem* item, const FILETIME& local) {
+  qb::directory::NamingTables& tables = *m_pNaming;
+  int64_t keyIndex = tables.FindKey(key);
+  if (keyIndex < 0)
+    keyIndex = static_cast<int64_t>(tables.AddKey(key));
+  else
+    ++tables.Counter(static_cast<size_t>(keyIndex));
+  const int32_t counter = tables.Counter(static_cast<size_t>(keyIndex));
+
+  if (std::string_view(patternNoCounters) != pattern) {
+    std::string target, full = pattern;
+    if (!qb::directory::FormatFileName(1, &target, kNameCapacity, &full, item->sOriginalItemName.c_str(), &local,
+                                       &counter, item->sFullPath.c_str()))
+      return {};
+    return target;
+  }
+  bool made = false;
+  auto& members = tables.Members(static_cast<size_t>(keyIndex), &made);
+  if (counter == 1) {
+    members.push_back(item);
+    return key;
+  }
+  if (counter == 2) {
+    const std::string first = qb::Format(" (%d)", 1);
+    for (DirectoryItem* member : members) {
+      SetFullName(member, member->sFullName + first);
+      member->rFindData.cFileName = WithSuffixBeforeExtension(member->rFindData.cFileName, first);
+    }
+  }
+  return key + qb::Format(" (%d)", counter);
 }
 
 int CDirectory::_MapFileName(std::string* out, size_t capacity, const char* uniqueName,
@@ -192,44 +297,17 @@ int CDirectory::_MapFileName(std::string* out, size_t capacity, const char* uniq
     if (shifted >= 0) local = FILETIME::From(static_cast<uint64_t>(shifted));
   }
 
+  std::string target;
   std::string patternCopy = patternNoCounters;
   std::string key;
   if (!qb::directory::FormatFileName(1, &key, kNameCapacity, &patternCopy,
                                      item->sOriginalItemName.c_str(), &local, nullptr,
-                                     item->sFullPath.c_str()))
-    return answer(0, 5);
-  int64_t keyIndex = tables.FindKey(key);
-  if (keyIndex < 0)
-    keyIndex = static_cast<int64_t>(tables.AddKey(key));
-  else
-    ++tables.Counter(static_cast<size_t>(keyIndex));
-  const int32_t counter = tables.Counter(static_cast<size_t>(keyIndex));
-
-  std::string target;
-  if (std::string_view(patternNoCounters) == pattern) {
-    bool made = false;
-    auto& members = tables.Members(static_cast<size_t>(keyIndex), &made);
-    if (counter == 1) {
-      target = key;
-      members.push_back(item);
-    } else {
-      if (counter == 2) {
-        const std::string first = qb::Format(" (%d)", 1);
-        for (DirectoryItem* member : members) {
-          SetFullName(member, member->sFullName + first);
-          member->rFindData.cFileName = WithSuffixBeforeExtension(member->rFindData.cFileName, first);
-        }
-      }
-      target = key + qb::Format(" (%d)", counter);
-    }
+                                     item->sFullPath.c_str())) {
+    target = FallbackName(item, tag);
   } else {
-    std::string full = pattern;
-    if (!qb::directory::FormatFileName(1, &target, kNameCapacity, &full,
-                                       item->sOriginalItemName.c_str(), &local, &counter,
-                                       item->sFullPath.c_str()))
-      return answer(0, 6);
+    target = TargetOfKey(key, pattern, patternNoCounters, item, local);
+    if (target.empty()) target = FallbackName(item, tag);
   }
-
   const size_t targetIndex = tables.AddTarget(target);
   if (targetIndex != sourceIndex) {
     if (tag) Trace(tag, "Names out of sync: source=%s, target=%s", source.c_str(), target.c_str());

@@ -80,7 +80,13 @@ struct Context {
   const std::string& name;  // the original name without its extension
   const char* folder;
   char format = 0;  // 'o', 'l' or 'u' once met
+  const char* failure = nullptr;  // why the pattern failed
 };
+
+TokenResult Bad(Context* ctx, const char* why) {
+  ctx->failure = why;
+  return TokenResult::kFail;
+}
 
 // One token after "<" at *pos; appends its output and moves past ">".
 TokenResult Token(std::string_view p, size_t* pos, Context* ctx, std::string* out) {
@@ -106,17 +112,17 @@ TokenResult Token(std::string_view p, size_t* pos, Context* ctx, std::string* ou
   for (const Fixed& f : fixed) {
     const size_t len = std::strlen(f.name);
     if (rest.substr(0, len) != f.name) continue;
-    if (!close(*pos + len)) return TokenResult::kFail;
+    if (!close(*pos + len)) return Bad(ctx, "a date or time token without '>'");
     *out += qb::Format(f.format, f.value);
     return TokenResult::kOk;
   }
   if (rest.substr(0, 2) == "AP") {
-    if (!close(*pos + 2)) return TokenResult::kFail;
+    if (!close(*pos + 2)) return Bad(ctx, "<AP without '>'");
     *out += st.wHour < 12 ? "AM" : "PM";
     return TokenResult::kOk;
   }
   if (rest.substr(0, 3) == "DIR") {
-    if (!close(*pos + 3)) return TokenResult::kFail;
+    if (!close(*pos + 3)) return Bad(ctx, "<DIR without '>'");
     *out += "\\";
     return TokenResult::kOk;
   }
@@ -124,7 +130,10 @@ TokenResult Token(std::string_view p, size_t* pos, Context* ctx, std::string* ou
     size_t at = *pos + 1;
     int width = 0;
     ReadNumber(p, &at, &width);
-    if (!close(at)) return TokenResult::kFail;
+    if (!close(at)) return Bad(ctx, "a counter token without '>'");
+    // A wider counter cannot fit a name; refusing it also spares building
+    // megabytes of zeros for every file.
+    if (static_cast<size_t>(width) > kMaxResult) return Bad(ctx, "a counter wider than 260 characters");
     if (ctx->counter) *out += qb::Format("%0*d", width, *ctx->counter);
     return TokenResult::kOk;
   }
@@ -133,17 +142,17 @@ TokenResult Token(std::string_view p, size_t* pos, Context* ctx, std::string* ou
     int a = 0, b = 0;
     std::string text = ctx->name;
     if (ReadNumber(p, &at, &a)) {
-      if (at >= p.size() || p[at] != '-') return TokenResult::kFail;
+      if (at >= p.size() || p[at] != '-') return Bad(ctx, "a range of <O without '-'");
       ++at;
-      if (!ReadNumber(p, &at, &b) || a < 1 || b < 1 || a > b) return TokenResult::kFail;
+      if (!ReadNumber(p, &at, &b) || a < 1 || b < 1 || a > b) return Bad(ctx, "a bad range of <O");
       text = Range(ctx->name, a, b);
     }
-    if (!close(at)) return TokenResult::kFail;
+    if (!close(at)) return Bad(ctx, "<O without '>'");
     *out += CutUnits(text, kMaxOriginal);
     return TokenResult::kOk;
   }
   if (rest.substr(0, 1) == "P") {
-    if (!close(*pos + 1)) return TokenResult::kFail;
+    if (!close(*pos + 1)) return Bad(ctx, "<P without '>'");
     std::string_view folder = ctx->folder ? ctx->folder : "";
     if (!folder.empty() && folder[0] == '\\') folder.remove_prefix(1);
     *out += folder;
@@ -151,24 +160,25 @@ TokenResult Token(std::string_view p, size_t* pos, Context* ctx, std::string* ou
   }
   if (rest.substr(0, 1) == "F") {
     const char letter = rest.size() > 1 ? rest[1] : '\0';
-    if (letter != 'o' && letter != 'l' && letter != 'u') return TokenResult::kFail;
-    if (!close(*pos + 2)) return TokenResult::kFail;
+    if (letter != 'o' && letter != 'l' && letter != 'u') return Bad(ctx, "<F not followed by o, l or u");
+    if (!close(*pos + 2)) return Bad(ctx, "<F without '>'");
     ctx->format = letter;
     return TokenResult::kOk;
   }
   return TokenResult::kStop;
 }
 
-}  // namespace
-
-int FormatFileName(int /*cleanUp*/, std::string* out, size_t capacity, std::string* pattern,
-                   const char* originalName, const FILETIME* localTime, const int32_t* counter,
-                   const char* originalFolderPath) {
-  if (!out || capacity == 0 || !pattern || !originalName || !localTime || pattern->empty())
-    return 0;
+// The formatter; *why names the fault of a pattern that fails.
+int Build(std::string* out, size_t capacity, std::string* pattern, const char* originalName,
+          const FILETIME* localTime, const int32_t* counter, const char* originalFolderPath,
+          const char** why) {
+  *why = "a missing argument or an empty pattern";
+  if (!out || capacity == 0 || !pattern || !originalName || !localTime || pattern->empty()) return 0;
   Trim(pattern);
+  *why = "one of : \" / \\ | ? * in the pattern";
   if (pattern->find_first_of(":\"/\\|?*") != std::string::npos) return 0;
   SYSTEMTIME st;
+  *why = "a time without a date";
   if (!qb::sys::FileTimeToSystemTime(*localTime, &st)) return 0;
 
   // The platform's path splitting: the extension is the last "." of the
@@ -194,23 +204,55 @@ int FormatFileName(int /*cleanUp*/, std::string* out, size_t capacity, std::stri
     }
     pos = open + 1;
     const TokenResult r = Token(p, &pos, &ctx, &built);
-    if (r == TokenResult::kFail) return 0;
+    if (r == TokenResult::kFail) {
+      *why = ctx.failure;
+      return 0;
+    }
     if (r == TokenResult::kStop) {
       built += p.substr(pos);  // the rest after that "<" as it stands
       pos = p.size();
     }
   }
+  *why = "no text-format token (<Fo>, <Fl> or <Fu>)";
   if (!ctx.format) return 0;
   std::string result = "\\" + built + extension;
   if (ctx.format == 'u') result = ChangeCase(result, true);
   if (ctx.format == 'l') result = ChangeCase(result, false);
+  *why = "a name over 260 characters";
   if (qb::Utf16Length(result) > kMaxResult) return 0;
+  *why = nullptr;
   if (qb::Utf16Length(result) >= capacity) {
     _TcsCpy(out, capacity, result.c_str());
     return 1;
   }
   *out = std::move(result);
   return 1;
+}
+
+}  // namespace
+
+int FormatFileName(int /*cleanUp*/, std::string* out, size_t capacity, std::string* pattern,
+                   const char* originalName, const FILETIME* localTime, const int32_t* counter,
+                   const char* originalFolderPath) {
+  const char* why = nullptr;
+  return Build(out, capacity, pattern, originalName, localTime, counter, originalFolderPath, &why);
+}
+
+bool CheckNamingPattern(const std::string& pattern, std::string* reason) {
+  std::string withoutCounters;
+  if (!PatternWithoutCounters(pattern, &withoutCounters)) {
+    if (reason) *reason = "a counter token without '>'";
+    return false;
+  }
+  // A short name, a plain date and a counter: whatever fails here fails for
+  // every file.
+  std::string copy = pattern, out;
+  const FILETIME time = FILETIME::From(125'911'584'000'000'000ull);  // 2000-01-01
+  const int32_t counter = 1;
+  const char* why = nullptr;
+  if (Build(&out, kMaxResult, &copy, "x", &time, &counter, "\\", &why)) return true;
+  if (reason) *reason = why ? why : "unknown";
+  return false;
 }
 
 bool PatternWithoutCounters(const std::string& pattern, std::string* out) {

@@ -18,11 +18,19 @@ namespace qb::directory {
 
 // 1 with the result in *out, 0 on failure (missing argument, empty pattern,
 // one of : " / \ | ? * in the pattern, a time without a date, a malformed
-// token, no text-format token, a result over 260 characters). The pattern is
+// token, a counter wider than 260, no text-format token, a result over 260
+// characters). The pattern is
 // trimmed of spaces and tabs in place. `counter` may be null (no counter).
 int FormatFileName(int cleanUp, std::string* out, size_t capacity, std::string* pattern,
                    const char* originalName, const FILETIME* localTime, const int32_t* counter,
                    const char* originalFolderPath);
+
+// True when the pattern can name a file at all; otherwise *reason says why
+// (a forbidden character, a malformed token, a counter wider than 260
+// characters, no text-format token, a "<C" without ">", a result over 260
+// characters even for a one-letter name). Sort refuses such a pattern before
+// it names any file.
+bool CheckNamingPattern(const std::string& pattern, std::string* reason);
 
 // The pattern without its counter tokens ("<C" up to and including the next
 // ">"), taken from its first 200 characters. False when a "<C" has no ">".

@@ -27,7 +27,7 @@ char ToLowerAZ(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A'
 // A letter value counts only when it is exactly one (ASCII) character.
 char ReadLetter(const Key& key, int card, bool placeholders) {
   std::string text;
-  if (key.GetString(DriveLetterValueName(card), &text) == ERROR_SUCCESS && text.size() == 1 &&
+  if (key.GetString(DriveLetterValueName(card), &text) == ERROR_SUCCESS && qb::Utf16Length(text) == 1 &&
       static_cast<unsigned char>(text[0]) < 0x80)
     return ToLowerAZ(text[0]);
   return placeholders ? '?' : 0;

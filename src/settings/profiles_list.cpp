@@ -40,6 +40,14 @@ void TakeDword(const std::string& name, DWORD value, ProfileSummary* s) {
   if (qb::EqualsNoCaseAZ(name, "MultiCardSupport")) s->dwMultiCardSupport = value ? 1 : 0;
 }
 
+// The first character of a letter value as stored. A character beyond
+// ASCII is no drive letter and does not fit a char: it shows as "?" (its
+// first byte alone would be half a character).
+char FirstCharacter(const std::string& text) {
+  if (text.empty()) return 0;
+  return static_cast<unsigned char>(text[0]) < 0x80 ? text[0] : '?';
+}
+
 void TakeText(const Key& key, const std::string& name, ProfileSummary* s) {
   if (qb::EqualsNoCaseAZ(name, "FormatString")) {
     std::string format = ReadProfileText(key, "FormatString");
@@ -47,8 +55,7 @@ void TakeText(const Key& key, const std::string& name, ProfileSummary* s) {
   } else if (qb::EqualsNoCaseAZ(name, "Alias")) {
     s->sAlias = std::string(qb::CutToUtf16(TrimBlanks(ReadProfileText(key, "Alias")), QB_ALIAS_SUMMARY_CHARS));
   } else if (const int card = LetterCard(name)) {
-    const std::string letter = ReadProfileText(key, DriveLetterValueName(card));
-    s->cDriveLetter[card - 1] = letter.empty() ? 0 : letter[0];
+    s->cDriveLetter[card - 1] = FirstCharacter(ReadProfileText(key, DriveLetterValueName(card)));
   }
 }
 

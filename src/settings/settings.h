@@ -48,6 +48,9 @@ int Registry_Get_FileTimeOffsetMinutes();    // -1440..1440 (else 0)
 const char* Registry_Get_CacheRoot(bool pending, std::string* buffer, size_t capacity, bool rootOnly);
 // Writes CacheRootPending (pending) or CacheRoot; true on success.
 bool Registry_Set_CacheRoot(bool pending, const char* path);
+// Removes CacheRootPending once it was taken over (or found unusable), so
+// that it is applied at one start only. True when it is gone.
+bool Registry_Clear_CacheRootPending();
 // <common application-data>/Quillbox/<LngFile>, when LngFile is set and the
 // buffer holds at least 260 units.
 const char* Registry_Get_LngFile(std::string* buffer, size_t capacity);

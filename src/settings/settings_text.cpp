@@ -80,6 +80,17 @@ bool Registry_Set_CacheRoot(bool pending, const char* path) {
   return rc == ERROR_SUCCESS;
 }
 
+bool Registry_Clear_CacheRootPending() {
+  const char* tag = "Q15@Registry_Clear_CacheRootPending: ";
+  Trace(tag, "ENTER ");
+  Key key;
+  DWORD rc = key.Open(HKEY_CURRENT_USER, QB_SETTINGS_KEY, KEY_WRITE);
+  if (rc == ERROR_SUCCESS) rc = key.DeleteValue("CacheRootPending");
+  if (rc == ERROR_FILE_NOT_FOUND) rc = ERROR_SUCCESS;  // nothing pending
+  Trace(tag, "RETURN: RC=0x%08X (%s)", rc, CodeToName(static_cast<int32_t>(rc)));
+  return rc == ERROR_SUCCESS;
+}
+
 const char* Registry_Get_LngFile(std::string* buffer, size_t capacity) {
   const char* tag = "Q9@Registry_Get_LngFile: ";
   Trace(tag, "ENTER ");

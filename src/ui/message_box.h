@@ -19,6 +19,11 @@ bool HasDisplay();
 Answer MessageBox(const std::string& title, const std::string& text, Icon icon, Buttons buttons,
                   Answer defaultAnswer, bool keepLines = false);
 
+// The process ends (its session ended): the box on screen closes with its
+// default answer, and every later box answers at once without showing.
+// Safe from any thread.
+void EndMessageBoxes();
+
 // The left Shift key is held down (false without a display).
 bool IsLeftShiftHeld();
 

@@ -26,10 +26,11 @@ RunResult RunProgram(const std::vector<std::string>& argv, std::chrono::millisec
 std::filesystem::path QuillboxPath();
 
 // A process started in the background with a pipe to its standard input
-// and one from its standard output.
+// and one from its standard output; its environment is made as RunProgram's.
 class BackgroundProcess {
  public:
-  explicit BackgroundProcess(const std::vector<std::string>& argv);
+  explicit BackgroundProcess(const std::vector<std::string>& argv,
+                             const std::map<std::string, std::string>& env = {});
   ~BackgroundProcess();  // kills the process when it still runs
   BackgroundProcess(const BackgroundProcess&) = delete;
   BackgroundProcess& operator=(const BackgroundProcess&) = delete;

@@ -35,11 +35,18 @@ TEST(TraceStart, FlagsBitOneWritesTheLog) {
   EXPECT_NE(text.find("M20@ProcessError: RETURN: RC=0x00000000"), std::string::npos) << text;
 }
 
+// Without bit 1 no log is written under any name (also not the per-process
+// one of bit 0x020), wherever it would go.
 TEST(TraceStart, NoLogWithoutTheBit) {
-  qbtest::ScopedHome home;
-  auto r = qbtest::RunProgram({qbtest::QuillboxPath().string(), "/?"}, 20s);
-  ASSERT_TRUE(r.finished);
-  EXPECT_FALSE(std::filesystem::exists(home / "local" / "Quillbox" / "QUILLBOX.log"));
+  for (const char* flags : {"", "\"Flags\"=dword:00000020"}) {
+    qbtest::ScopedHome home;
+    if (*flags) qbtest::WriteHive(home / "user.reg", "HKEY_CURRENT_USER", "SOFTWARE\\Quillbox", {flags});
+    auto r = qbtest::RunProgram({qbtest::QuillboxPath().string(), "/?"}, 20s);
+    ASSERT_TRUE(r.finished);
+    EXPECT_EQ(r.code, 0);
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(home.Path()))
+      EXPECT_NE(entry.path().extension(), ".log") << flags << ": " << entry.path();
+  }
 }
 
 TEST(TraceStart, TraceFlagsBecomeFlags) {

@@ -40,7 +40,13 @@ class UnmountTest : public ::testing::Test {
 };
 
 TEST_F(UnmountTest, UnmountCommandRemovesAServedDriveAndFreesItsEntry) {
+  // This process holds the section throughout, so the entry read at the end
+  // is the one the server wrote, not that of a new section.
+  qb::app::CSuperGlobals g;
+  g.Init(false);
+  ASSERT_TRUE(g.IsInitialized());
   StartServer(false);
+  ASSERT_TRUE(g.IsDriveMapped('w'));
   auto r = Unmount({"/u", "w:"});
   ASSERT_TRUE(r.finished);
   EXPECT_EQ(r.code, 0) << r.err;
@@ -48,10 +54,58 @@ TEST_F(UnmountTest, UnmountCommandRemovesAServedDriveAndFreesItsEntry) {
   int code = -1;
   ASSERT_TRUE(server_->Wait(20s, &code));
   EXPECT_EQ(code, 0);  // DokanMain returned DOKAN_SUCCESS
+  EXPECT_FALSE(g.IsDriveMapped('w'));
+}
+
+// The server was killed: its mount and its entry are left. The user asked
+// for the drive to go, so both go, and the answer is that of an unmount.
+TEST_F(UnmountTest, UnmountOfAKilledServersDriveCleansUp) {
   qb::app::CSuperGlobals g;
   g.Init(false);
   ASSERT_TRUE(g.IsInitialized());
+  StartServer(false);
+  server_->Signal(SIGKILL);
+  ASSERT_TRUE(server_->Wait(10s, nullptr));
+  ASSERT_TRUE(qbtest::IsMounted(mountPoint_)) << "the dead mount stays until someone removes it";
+  auto r = Unmount({"/u", "w:"});
+  ASSERT_TRUE(r.finished);
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  EXPECT_FALSE(qbtest::IsMounted(mountPoint_));
   EXPECT_FALSE(g.IsDriveMapped('w'));
+  // Gone now: the letter is an invalid drive again.
+  r = Unmount({"/u", "w:"});
+  EXPECT_EQ(r.code, -112) << r.err;
+}
+
+// A served drive with storage: found by device id, by storage name (any
+// case) or index, and with Flags 0x100 only when the Plug and Play id
+// matches too. Once the drive is gone its entry is freed.
+TEST_F(UnmountTest, DeviceIsMappedWhileItsDriveIsServed) {
+  qb::app::CSuperGlobals g;
+  g.Init(false);
+  ASSERT_TRUE(g.IsInitialized());
+  StartServer(false);
+  ASSERT_TRUE(g.SetMappedDevice('w', "dev-1", 3, "Phone", "", "SER", "USB\\VID_1", "Card", "2"));
+  EXPECT_EQ(g.IsDeviceMapped("dev-1", "", 0, "", ""), 'w');
+  EXPECT_EQ(g.IsDeviceMapped("dev-1", "", 0, "cARD", ""), 'w');
+  EXPECT_EQ(g.IsDeviceMapped("dev-1", "", 0, "Internal", ""), 0);
+  EXPECT_EQ(g.IsDeviceMapped("dev-1", "", 0, "", "2"), 'w');
+  EXPECT_EQ(g.IsDeviceMapped("dev-1", "", 0, "", "1"), 0);
+  EXPECT_EQ(g.IsDeviceMapped("dev-2", "", 0, "", ""), 0);
+  EXPECT_EQ(g.IsDeviceMapped("", "", 'W', "", ""), 'w');
+  EXPECT_EQ(g.IsDeviceMapped("dev-1", "USB\\VID_2", 0, "", ""), 'w') << "the id alone counts without 0x100";
+  qbtest::WriteHive(home_ / "user.reg", "HKEY_CURRENT_USER", "SOFTWARE\\Quillbox", {"\"Flags\"=dword:00000100"});
+  EXPECT_EQ(g.IsDeviceMapped("dev-1", "USB\\VID_2", 0, "", ""), 0);
+  EXPECT_EQ(g.IsDeviceMapped("dev-1", "USB\\VID_1", 0, "", ""), 'w');
+  EXPECT_TRUE(g.IsDriveMapped('w')) << "a live drive's entry stays";
+
+  auto r = Unmount({"-U", "W:", "-Q"});
+  ASSERT_TRUE(r.finished);
+  ASSERT_TRUE(server_->Wait(20s, nullptr));
+  ASSERT_TRUE(g.SetMappedDevice('w', "dev-1", 3, "Phone", "", "SER", "USB\\VID_1", "Card", "2"));
+  EXPECT_EQ(g.IsDeviceMapped("dev-1", "USB\\VID_1", 0, "", ""), 0) << "no drive behind the entry";
+  EXPECT_FALSE(g.IsDriveMapped('w')) << "the stale entry is freed";
 }
 
 TEST_F(UnmountTest, QuietUnmountCommandToo) {

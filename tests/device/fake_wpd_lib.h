@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "device/wpd_lib_api.h"
+#include "platform/portable/portable.h"
 
 namespace qbtest {
 
@@ -54,9 +55,14 @@ class FakeWpdLib : public WpdLibApi {
   std::atomic<int> contextsDestroyed{0};
 
   // GetFile: when blockGetFile is set, the call tells `entered` and waits
-  // for `release`, then reports one block to the callback.
+  // for `release`, then reports one block to the callback. With
+  // progressWhileBlocked it reports progress every few milliseconds while
+  // it waits, until `stopProgress` opens. progressSteps makes it a slow
+  // call that reports progress that many times, a few milliseconds apart.
   bool blockGetFile = false;
-  Latch entered, release;
+  bool progressWhileBlocked = false;
+  int progressSteps = 0;
+  Latch entered, release, stopProgress;
   std::atomic<int> callbackResult{0};
   std::atomic<bool> callbackReturned{false};
 
@@ -94,8 +100,16 @@ class FakeWpdLib : public WpdLibApi {
   HRESULT GetFile(WpdLibContext* c, const char* id, const char* path, GetFileDataCallbackFn pfn,
                   void* ctx) override {
     Record(std::string("GetFile ") + id, S_OK);
+    Latch pace;  // never opened: a bounded wait between two reports
+    for (int i = 0; i < progressSteps; ++i) {
+      qb::portable::NoteProgress();
+      pace.Wait(std::chrono::milliseconds(5));
+    }
     if (blockGetFile) {
       entered.Open();
+      while (progressWhileBlocked && !release.IsOpen() &&
+             !stopProgress.Wait(std::chrono::milliseconds(5)))
+        qb::portable::NoteProgress();
       release.Wait();
     }
     uint8_t block[4] = {1, 2, 3, 4};

@@ -81,22 +81,27 @@ TEST_F(HelperTest, RequestsAreServedInQueueOrder) {
   EXPECT_EQ(counter.calls, 1);
 }
 
-TEST_F(HelperTest, StuckRequestRestartsTheWorker) {
+TEST_F(HelperTest, StuckRequestRestartsTheWorkerAndRequestsQueuedBehindMoveOver) {
   fake.blockGetFile = true;
+  fake.progressWhileBlocked = true;  // not stuck until the test says so
   helper.SetStallLimitMs(50);
   ASSERT_EQ(helper.Init(), S_OK);
   CallbackCounter counter;
   HRESULT queuedBehind = E_FAIL;
-  std::thread behind;
   std::thread stuck([&] {
     EXPECT_EQ(helper.GetFile("o1", "/tmp/x", CallbackCounter::OnData, &counter), E_UNEXPECTED);
   });
   ASSERT_TRUE(fake.entered.Wait());
-  behind = std::thread([&] { queuedBehind = helper.DeleteFile("after"); });
+  std::thread behind([&] { queuedBehind = helper.DeleteFile("after"); });
+  // Queued on the worker that is about to get stuck, not on its successor.
+  ASSERT_TRUE(Eventually([&] { return helper.QueuedRequestCount() == 1; }));
+  EXPECT_EQ(fake.contextsCreated, 1);
+  fake.stopProgress.Open();
   stuck.join();
   behind.join();
   // The request queued behind the stuck one went to the new worker.
   EXPECT_EQ(queuedBehind, S_OK);
+  EXPECT_EQ(fake.Calls(), (std::vector<std::string>{"GetFile o1", "Delete after"}));
   EXPECT_GE(helper.InitResult(), 0);
   EXPECT_EQ(fake.contextsCreated, 2);
   EXPECT_EQ(helper.DeleteFile("later"), S_OK);
@@ -106,6 +111,19 @@ TEST_F(HelperTest, StuckRequestRestartsTheWorker) {
   EXPECT_EQ(fake.callbackResult.load(), E_ABORT);
   EXPECT_EQ(counter.calls, 0);
   EXPECT_TRUE(Eventually([&] { return fake.contextsDestroyed == 1; }));
+}
+
+TEST_F(HelperTest, ALongCallThatReportsProgressFromInsideIsNotStuck) {
+  // 150 reports a few milliseconds apart: far longer than the stall
+  // limit in all, never that long without progress.
+  fake.progressSteps = 150;
+  helper.SetStallLimitMs(300);
+  ASSERT_EQ(helper.Init(), S_OK);
+  CallbackCounter counter;
+  EXPECT_EQ(helper.GetFile("slow", "/tmp/x", CallbackCounter::OnData, &counter), S_OK);
+  EXPECT_EQ(counter.calls, 1);
+  EXPECT_EQ(fake.contextsCreated, 1);
+  EXPECT_EQ(helper.LastWorkerExitCode(), STILL_ACTIVE);
 }
 
 TEST_F(HelperTest, DeInitAbandonsABusyWorkerAfterItsLimit) {

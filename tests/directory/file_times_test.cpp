@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <filesystem>
 
 #include "directory/directory.h"
@@ -157,6 +158,37 @@ TEST_F(FileTimesTest, OffsetAddsToTheDaylightBias) {
   EXPECT_EQ(t, At(2024, 7, 1, 11, 30));
   tree.SetFlagDstFiletimeFix(0, 0);
   EXPECT_EQ(tree.GetFlagDstFiletimeFix(), 0u);
+}
+
+// Europe/Dublin: winter (GMT) is the rule's "daylight" part, behind the
+// standard time (IST). The zone must still read as GMT with summer time.
+TEST(FileTimes, NegativeDaylightPeriodReadsAsTheUsualRule) {
+  constexpr const char* kDublin = "IST-1GMT0,M10.5.0,M3.5.0/1";
+  qb::sys::DYNAMIC_TIME_ZONE_INFORMATION z;
+  ASSERT_TRUE(qb::sys::ParsePosixTimeZone(kDublin, &z));
+  EXPECT_EQ(z.Bias, 0);
+  EXPECT_EQ(z.DaylightBias, -60);
+  EXPECT_EQ(z.StandardName, "GMT");
+  EXPECT_EQ(z.DaylightName, "IST");
+  EXPECT_EQ(z.DaylightDate.wMonth, 3);
+  EXPECT_EQ(z.DaylightDate.wHour, 1);
+  EXPECT_EQ(z.StandardDate.wMonth, 10);
+  EXPECT_EQ(z.StandardDate.wHour, 2);
+
+  ScopedTimeZone zone(kDublin);
+  CDirectory tree;
+  EXPECT_EQ(tree.GetTimeZoneBias(), 0);
+  const FILETIME winter = At(2024, 1, 15, 12);
+  ASSERT_EQ(tree.AddFile("a", "w", "p", "jpg", 1, &winter, "w", "w", "\\", 0, 1), 1);
+  EXPECT_EQ(tree.FindFileByItemID("w", 0)->rFindData.ftCreationTime, winter) << "winter is UTC in Dublin";
+  // The daylight answer follows the offset in force, whatever the C library
+  // calls it.
+  qb::sys::TIME_ZONE_INFORMATION info;
+  const uint32_t id = qb::sys::GetTimeZoneInformation(&info);
+  const time_t now = time(nullptr);
+  struct tm local {};
+  localtime_r(&now, &local);
+  EXPECT_EQ(id, local.tm_gmtoff == 0 ? qb::sys::TIME_ZONE_ID_STANDARD : qb::sys::TIME_ZONE_ID_DAYLIGHT);
 }
 
 TEST(FileTimes, FixTurnsItselfOffWithoutDaylightTime) {

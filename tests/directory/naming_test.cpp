@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <set>
+
+#include "common/strings.h"
+
 #include "directory/directory.h"
 #include "directory/file_name_format.h"
 #include "test_support.h"
@@ -222,6 +226,63 @@ TEST_F(SortTest, BadPatternsNameNothing) {
     EXPECT_EQ(a->sFullName, "o1") << bad;
     EXPECT_EQ(a->rFindData.cFileName, "IMG_0001.JPG") << bad;
   }
+}
+
+TEST_F(SortTest, HugeCounterWidthIsRefused) {
+  EXPECT_EQ(Fmt("<C9999999><Fo>"), "<fail>") << "refused even without a counter to print";
+  EXPECT_EQ(Fmt("<C261><Fo>"), "<fail>");
+  const int32_t one = 1;
+  EXPECT_EQ(Fmt("<C250><Fo>", At(2013, 1, 1), &one).size(), 251u);
+  std::string reason;
+  EXPECT_FALSE(qb::directory::CheckNamingPattern("<C9999999><Fo>", &reason));
+  EXPECT_NE(reason.find("counter"), std::string::npos) << reason;
+  EXPECT_TRUE(qb::directory::CheckNamingPattern("<Y4>_<C3><Fo>", &reason));
+  DirectoryItem* a = Add("IMG_0001", "JPG", At(2013, 1, 1, 10));
+  tree_.SetNamingPattern("<C9999999><Fo>");
+  tree_.Sort(0);
+  EXPECT_EQ(a->sFullName, "o1");
+}
+
+// Lookups find the first of equal names, so no two files may share one.
+TEST_F(SortTest, EveryFileGetsANameOfItsOwn) {
+  auto expectDistinct = [&](const char* pattern) {
+    std::set<std::string> seen;
+    for (const auto& item : *tree_.m_pFiles) {
+      const std::string& full = item->sFullName;
+      ASSERT_EQ(full[0], '\\') << pattern << ": " << full;
+      const std::string visible = full.substr(0, full.rfind('\\') + 1) + item->rFindData.cFileName;
+      EXPECT_TRUE(seen.insert(qb::ToUpperAZ(visible)).second) << pattern << ": " << visible;
+    }
+  };
+  // "X", then "X (1)" from another folder, then a second "X": the suffix of
+  // the first "X" meets the second file's own name.
+  tree_.SetNamingPattern("<O><Fo>");
+  Add("X", "JPG", At(2013, 1, 1, 8), "\\A\\");
+  Add("X (1)", "JPG", At(2013, 1, 1, 9), "\\B\\");
+  Add("X", "JPG", At(2013, 1, 1, 10), "\\C\\");
+  tree_.Sort(0);
+  expectDistinct("<O><Fo>");
+  // Two IMG_0001.JPG of one second in two folders, a pattern without counter.
+  tree_.SetNamingPattern("<Y4><M2><D2><Fo>");
+  Add("IMG_0001", "JPG", At(2014, 1, 1, 10), "\\DCIM\\100\\");
+  Add("IMG_0001", "JPG", At(2014, 1, 1, 10), "\\DCIM\\101\\");
+  Add("IMG_0001", "CR2", At(2014, 1, 1, 10), "\\DCIM\\100\\");
+  tree_.Sort(0);
+  expectDistinct("<Y4><M2><D2><Fo>");
+  EXPECT_NE(tree_.FindItemByFullName(0, "\\20140101 (1)", 0), nullptr);
+}
+
+TEST_F(SortTest, FileWhoseNameCannotBeFormedTakesItsOriginalName) {
+  tree_.SetNamingPattern("<O>_<O>_<O><Fo>");
+  DirectoryItem* before = Add("A", "JPG", At(2013, 1, 1, 8));
+  const std::string longName(100, 'L');
+  DirectoryItem* tooLong = Add(longName.c_str(), "JPG", At(2013, 1, 1, 9));
+  DirectoryItem* after = Add("B", "JPG", At(2013, 1, 1, 10));
+  tree_.Sort(0);
+  EXPECT_EQ(before->sFullName, "\\A_A_A");
+  EXPECT_EQ(tooLong->sFullName, "\\" + longName);
+  EXPECT_EQ(tooLong->rFindData.cFileName, longName + ".JPG");
+  EXPECT_EQ(after->sFullName, "\\B_B_B") << "the files after it are named as usual";
 }
 
 TEST_F(SortTest, StorageIndexHidesOtherStorages) {

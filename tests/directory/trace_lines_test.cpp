@@ -121,4 +121,22 @@ TEST_F(TraceLinesTest, FindingsOfAddsAndNaming) {
     EXPECT_NE(log.find(line), std::string::npos) << line << "\n--- log:\n" << log;
 }
 
+TEST_F(TraceLinesTest, RefusedPatternIsLoggedWithItsReason) {
+  CDirectory tree;
+  const std::string log = Traced(home_, [&] {
+    tree.SetRootDir("\\");
+    const FILETIME a = At(2013, 1, 1, 10);
+    tree.AddFile("IMG_0001", "o1", "p", "JPG", 1, &a, "o1", "o1", "\\", 0, 1);
+    tree.SetNamingPattern("<Y4><M2");
+    tree.Sort(0);
+    tree.SetNamingPattern("<Y4><C3");
+    tree.Sort(0);
+  });
+  for (const char* line : {
+           "D10@CDirectory::Sort: Naming pattern '<Y4><M2' refused: a date or time token without '>'",
+           "D10@CDirectory::Sort: Naming pattern '<Y4><C3' refused: a counter token without '>'",
+       })
+    EXPECT_NE(log.find(line), std::string::npos) << line << "\n--- log:\n" << log;
+}
+
 }  // namespace

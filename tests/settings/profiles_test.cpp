@@ -153,15 +153,22 @@ TEST_F(Profiles, ReaderChecksEveryValue) {
   EXPECT_EQ(r.letters[1], 'e');
   EXPECT_EQ(r.letters[2], 0);
 
-  // Absent outputs are left alone; buffers are cut to their capacity.
-  std::string format = "untouched", alias;
+  // Absent outputs are never written (every other output of this request
+  // is null: writing one would crash); buffers are cut to their capacity.
+  std::string alias;
   ProfileRequest partial;
   partial.sFriendlyName = "Phone X";
   partial.sAlias = &alias;
   partial.nAliasCapacity = 3;
   ASSERT_TRUE(ReadProfile(&partial, true));
   EXPECT_EQ(alias, "Sa");
-  EXPECT_EQ(format, "untouched");
+  // One letter output among absent ones.
+  char second = 'x';
+  ProfileRequest oneLetter;
+  oneLetter.sFriendlyName = "Phone X";
+  oneLetter.pDriveLetter[1] = &second;
+  ASSERT_TRUE(ReadProfile(&oneLetter, true));
+  EXPECT_EQ(second, 'e');
 }
 
 TEST_F(Profiles, ExistingKeyKeepsItsLettersUnlessForced) {
@@ -205,6 +212,7 @@ TEST_F(Profiles, EnumerationListsDefaultThenDevicesInRegistryOrder) {
   phone.SetString("Alias", "  " + std::string(25, 'a') + " ");
   phone.SetString("DriveLetter", "pq");
   phone.SetString("DriveLetter3", "Z");
+  phone.SetString("DriveLetter4", "\xC3\x84x");  // "Äx": the first character is no ASCII letter
   phone.SetDword("Ignore", 9);
   phone.SetDword("MultiCardSupport", 2);
   phone.SetDword("FileSystem", 1);
@@ -233,7 +241,7 @@ TEST_F(Profiles, EnumerationListsDefaultThenDevicesInRegistryOrder) {
   EXPECT_EQ(p->sFriendlyName, "Phone X");
   EXPECT_EQ(p->sSerialNumber, "123");
   EXPECT_EQ(p->sAlias, std::string(20, 'a'));
-  EXPECT_EQ(std::string(p->cDriveLetter, 4), std::string("p\0Z\0", 4));
+  EXPECT_EQ(std::string(p->cDriveLetter, 4), std::string("p\0Z?", 4)) << "a character, never half of one";
   EXPECT_EQ(p->dwIgnore, 1u);
   EXPECT_EQ(p->dwMultiCardSupport, 1u);
   EXPECT_EQ(p->dwAutoMap, 0u);

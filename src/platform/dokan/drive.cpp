@@ -153,20 +153,49 @@ void Drive::CloseRemainingOpens() {
   {
     std::lock_guard lock(opensMutex_);
     left.swap(opens_);
+    opensOfNode_.clear();
   }
-  for (Open* open : left) {
-    const std::string path = PathOrRoot(open->node);
-    table_.Cleanup(path, &open->info);
-    table_.Close(path, &open->info);
-    delete open;
-  }
+  for (Open* open : left) CloseOpen(open);
 }
 
 Open* Drive::Register(std::unique_ptr<Open> open) {
   std::lock_guard lock(opensMutex_);
   Open* raw = open.release();
   opens_.insert(raw);
+  opensOfNode_.emplace(raw->node, raw);
   return raw;
+}
+
+bool Drive::Unregister(Open* open) {
+  std::lock_guard lock(opensMutex_);
+  if (!opens_.erase(open)) return false;
+  auto [first, last] = opensOfNode_.equal_range(open->node);
+  for (auto it = first; it != last; ++it)
+    if (it->second == open) {
+      opensOfNode_.erase(it);
+      break;
+    }
+  return true;
+}
+
+// Cleanup and CloseFile of an open that nobody can find any more; a
+// request that borrowed it finishes its call first.
+void Drive::CloseOpen(Open* open) {
+  std::unique_lock wait(open->lent);
+  const std::string path = PathOrRoot(open->node);
+  table_.Cleanup(path, &open->info);
+  table_.Close(path, &open->info);
+  wait.unlock();
+  delete open;
+}
+
+Drive::Borrowed Drive::Borrow(uint64_t node) {
+  std::lock_guard lock(opensMutex_);
+  auto it = opensOfNode_.find(node);
+  if (it == opensOfNode_.end()) return {};
+  // Listed opens are never held exclusively: CloseOpen runs after
+  // Unregister, so this never waits.
+  return {it->second, std::shared_lock(it->second->lent)};
 }
 
 // ---------------------------------------------------------------------------

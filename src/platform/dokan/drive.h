@@ -5,8 +5,12 @@
 //
 // Locks, in the order in which they may be nested:
 //   ActiveDrives' registry mutex (dokan_linux.cpp) -> notifyMutex_;
+//   opensMutex_ -> Open::lent (shared; taken there only for listed opens,
+//   which nobody holds exclusively, so it never waits);
 //   opensMutex_, Open::mutex and the node table's mutex are leaves: no
 //   operation of the table is ever called while one of them is held.
+//   Open::lent is held across one table call: shared by a request that
+//   borrowed the open, exclusively by its Cleanup and CloseFile.
 #define FUSE_USE_VERSION 312
 #include <fuse3/fuse_lowlevel.h>
 
@@ -15,8 +19,10 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <shared_mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/dokan/attributes.h"
@@ -26,13 +32,19 @@
 
 namespace qb::dokan {
 
+using Listing = std::vector<WIN32_FIND_DATAW>;
+
 // One open of the kernel (a file or folder handle of Windows).
 struct Open {
-  std::mutex mutex;      // guards info between requests of this open
+  std::mutex mutex;      // guards info and listing between requests of this open
   DOKAN_FILE_INFO info;  // Context and flags of the open
   uint64_t node = 0;
   bool directory = false;
-  std::vector<WIN32_FIND_DATAW> listing;  // folder snapshot, taken at offset 0
+  // Folder snapshot, taken at offset 0; replies share it, never copy it.
+  std::shared_ptr<const Listing> listing;
+  // Held shared while another request of the node borrows this open; the
+  // end of the open waits for it (a borrower makes one call).
+  std::shared_mutex lent;
 };
 
 // A finished invalidation, for callers that wait for it.
@@ -80,7 +92,8 @@ class Drive {
   // attributes, so that the kernel needs no lookup for it.
   int ReadDirectory(fuse_req_t req, Open* open, size_t size, off_t offset, bool plus,
                     std::vector<char>* buffer);
-  int StatFs(fuse_req_t req, struct statvfs* st);
+  // Figures of the volume; the name limit is the one of folder `node`.
+  int StatFs(fuse_req_t req, uint64_t node, struct statvfs* st);
   // Drops an open whose reply did not reach the kernel.
   void Abandon(Open* open, bool countedLookup);
 
@@ -93,6 +106,11 @@ class Drive {
     std::string path;
     DOKAN_FILE_INFO info;
     bool open = false;
+  };
+  // An open of a node lent to a request that the kernel sent without one.
+  struct Borrowed {
+    Open* open = nullptr;
+    std::shared_lock<std::shared_mutex> hold;
   };
 
   int Mount();
@@ -108,12 +126,24 @@ class Drive {
   DOKAN_FILE_INFO Begin(fuse_req_t req, Open* open) const;
   void End(Open* open, const DOKAN_FILE_INFO& info) const;
   Open* Register(std::unique_ptr<Open> open);
+  // Withdraws an open from the drive's lists; false when it was not there.
+  bool Unregister(Open* open);
+  void CloseOpen(Open* open);
+  Borrowed Borrow(uint64_t node);
   NTSTATUS OpenTemp(fuse_req_t req, const std::string& path, ACCESS_MASK access, ULONG options,
                     bool directory, TempHandle* handle);
   void CloseTemp(TempHandle* handle);
+  int FolderTargetErrno(fuse_req_t req, const std::string& newPath, int err);
   int QueryByPath(fuse_req_t req, const std::string& path, BY_HANDLE_FILE_INFORMATION* out);
+  // Paths for requests that name something: only a name that still leads
+  // to its node counts (ENOENT when it went).
   int ChildPath(uint64_t parent, const char* name, std::string* path) const;
+  int NamedPathOf(uint64_t node, std::string* path) const;
+  // Path for requests on an open: the last one its node had.
   int PathOf(uint64_t node, std::string* path) const;
+  int InfoOfOpen(fuse_req_t req, uint64_t node, Open* open, BY_HANDLE_FILE_INFORMATION* info);
+  // Attributes of a node for the kernel; a node without a name has no links.
+  void StatOfNode(const BY_HANDLE_FILE_INFORMATION& info, uint64_t node, struct stat* st) const;
   // The path of an open whose node went (the teardown): the root stands in.
   std::string PathOrRoot(uint64_t node) const;
   void EntryOf(uint64_t node, const BY_HANDLE_FILE_INFORMATION& info, fuse_entry_param* e) const;
@@ -134,8 +164,9 @@ class Drive {
 
   NodeTable nodes_;  // its own leaf lock
 
-  std::mutex opensMutex_;  // guards opens_
+  std::mutex opensMutex_;  // guards opens_ and opensOfNode_
   std::set<Open*> opens_;  // owned; freed by Release, Abandon or the teardown
+  std::unordered_multimap<uint64_t, Open*> opensOfNode_;
 
   std::mutex notifyMutex_;  // guards the three fields below
   std::condition_variable notifyWake_;

@@ -18,7 +18,7 @@ using namespace requests;
 
 int Drive::OpenFile(fuse_req_t req, uint64_t node, int flags, Open** out) {
   std::string path;
-  if (int err = PathOf(node, &path)) return err;
+  if (int err = NamedPathOf(node, &path)) return err;
   auto open = std::make_unique<Open>();
   open->node = node;
   open->info = NewInfo(req);
@@ -98,14 +98,8 @@ int Drive::Flush(fuse_req_t req, Open* open) {
 }
 
 void Drive::Release(Open* open) {
-  {
-    std::lock_guard lock(opensMutex_);
-    if (!opens_.erase(open)) return;  // already closed by the teardown
-  }
-  const std::string path = PathOrRoot(open->node);
-  table_.Cleanup(path, &open->info);
-  table_.Close(path, &open->info);
-  delete open;
+  if (!Unregister(open)) return;  // already closed by the teardown
+  CloseOpen(open);
 }
 
 void Drive::Abandon(Open* open, bool countedLookup) {

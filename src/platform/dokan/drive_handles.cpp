@@ -47,13 +47,38 @@ int Drive::PathOf(uint64_t node, std::string* path) const {
   return 0;
 }
 
+int Drive::NamedPathOf(uint64_t node, std::string* path) const {
+  bool linked = false;
+  auto p = nodes_.PathOf(node, &linked);
+  if (!p) return ESTALE;
+  if (!linked) return ENOENT;  // the name leads elsewhere now, or nowhere
+  *path = std::move(*p);
+  return 0;
+}
+
+int Drive::InfoOfOpen(fuse_req_t req, uint64_t node, Open* open,
+                      BY_HANDLE_FILE_INFORMATION* info) {
+  const std::string path = PathOrRoot(node);
+  DOKAN_FILE_INFO di = Begin(req, open);
+  const NTSTATUS status = table_.GetInformation(path, info, &di);
+  End(open, di);
+  return ErrnoOfStatus(status);
+}
+
+void Drive::StatOfNode(const BY_HANDLE_FILE_INFORMATION& info, uint64_t node,
+                       struct stat* st) const {
+  StatOf(info, node, owner_, st);
+  bool linked = true;
+  if (nodes_.PathOf(node, &linked) && !linked) st->st_nlink = 0;
+}
+
 std::string Drive::PathOrRoot(uint64_t node) const {
   return nodes_.PathOf(node).value_or(std::string(1, '\\'));
 }
 
 int Drive::ChildPath(uint64_t parent, const char* name, std::string* path) const {
   std::string parentPath;
-  if (int err = PathOf(parent, &parentPath)) return err;
+  if (int err = NamedPathOf(parent, &parentPath)) return err;
   *path = NodeTable::JoinPath(parentPath, name);
   if (qb::Utf16Length(*path) >= qb::kMaxPath) return ENAMETOOLONG;
   return 0;

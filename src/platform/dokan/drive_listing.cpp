@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <sys/statvfs.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -17,7 +18,7 @@ using namespace requests;
 
 int Drive::OpenDirectory(fuse_req_t req, uint64_t node, Open** out) {
   std::string path;
-  if (int err = PathOf(node, &path)) return err;
+  if (int err = NamedPathOf(node, &path)) return err;
   auto open = std::make_unique<Open>();
   open->node = node;
   open->directory = true;
@@ -37,12 +38,12 @@ int Drive::TakeListing(fuse_req_t req, Open* open, const std::string& path) {
   const NTSTATUS status = table_.Find(path, &found, &di);
   End(open, di);
   if (int err = ErrnoOfStatus(status)) return err;
-  std::vector<WIN32_FIND_DATAW> listing(2);
-  listing[0].cFileName = ".";
-  listing[1].cFileName = "..";
-  listing[0].dwFileAttributes = listing[1].dwFileAttributes = FILE_ATTRIBUTE_DIRECTORY;
+  auto listing = std::make_shared<Listing>(2);
+  (*listing)[0].cFileName = ".";
+  (*listing)[1].cFileName = "..";
+  (*listing)[0].dwFileAttributes = (*listing)[1].dwFileAttributes = FILE_ATTRIBUTE_DIRECTORY;
   for (WIN32_FIND_DATAW& d : found)
-    if (!IsDot(d.cFileName) && UsableName(d.cFileName.c_str())) listing.push_back(std::move(d));
+    if (!IsDot(d.cFileName) && UsableName(d.cFileName.c_str())) listing->push_back(std::move(d));
   std::lock_guard lock(open->mutex);
   open->listing = std::move(listing);
   return 0;
@@ -55,8 +56,10 @@ size_t Drive::AddEntry(fuse_req_t req, Open* open, const WIN32_FIND_DATAW& d, of
   const char* name = d.cFileName.c_str();
   fuse_entry_param e{};
   if (IsDot(d.cFileName)) {
-    const uint64_t ino = d.cFileName == "." ? open->node
-                                           : nodes_.ParentOf(open->node).value_or(NodeTable::kRoot);
+    // The root is its own parent (its node's parent is 0, which no
+    // listing may show: a zero inode hides the entry).
+    const uint64_t parent = nodes_.ParentOf(open->node).value_or(0);
+    const uint64_t ino = d.cFileName == "." ? open->node : parent ? parent : NodeTable::kRoot;
     StatOf(d, ino, owner_, &e.attr);
     const size_t need = plus ? fuse_add_direntry_plus(req, out, room, name, &e, next)
                              : fuse_add_direntry(req, out, room, name, &e.attr, next);
@@ -68,7 +71,7 @@ size_t Drive::AddEntry(fuse_req_t req, Open* open, const WIN32_FIND_DATAW& d, of
     const size_t need = fuse_add_direntry(req, out, room, name, &e.attr, next);
     return need > room ? 0 : need;
   }
-  const uint64_t node = nodes_.Obtain(open->node, d.cFileName, false);
+  const uint64_t node = nodes_.Obtain(open->node, d.cFileName, false, true);
   e.ino = node;
   e.attr_timeout = e.entry_timeout = kCacheSeconds;
   StatOf(d, node, owner_, &e.attr);
@@ -87,15 +90,16 @@ int Drive::ReadDirectory(fuse_req_t req, Open* open, size_t size, off_t offset, 
   if (int err = PathOf(open->node, &path)) return err;
   if (offset == 0)
     if (int err = TakeListing(req, open, path)) return err;
-  std::vector<WIN32_FIND_DATAW> listing;
+  std::shared_ptr<const Listing> listing;
   {
     std::lock_guard lock(open->mutex);
     listing = open->listing;
   }
+  if (!listing) return 0;  // a folder read from the middle without a start
   buffer->resize(size);
   size_t used = 0;
-  for (size_t i = static_cast<size_t>(offset); i < listing.size(); ++i) {
-    const size_t added = AddEntry(req, open, listing[i], static_cast<off_t>(i + 1), plus,
+  for (size_t i = static_cast<size_t>(offset); i < listing->size(); ++i) {
+    const size_t added = AddEntry(req, open, (*listing)[i], static_cast<off_t>(i + 1), plus,
                                   buffer->data() + used, size - used);
     if (!added) break;
     used += added;
@@ -104,7 +108,7 @@ int Drive::ReadDirectory(fuse_req_t req, Open* open, size_t size, off_t offset, 
   return 0;
 }
 
-int Drive::StatFs(fuse_req_t req, struct statvfs* st) {
+int Drive::StatFs(fuse_req_t req, uint64_t node, struct statvfs* st) {
   DOKAN_FILE_INFO di = NewInfo(req);
   DiskSpace space;
   // A drive whose size is unknown still lists: df shows what was filled.
@@ -121,7 +125,13 @@ int Drive::StatFs(fuse_req_t req, struct statvfs* st) {
   st->f_files = 1u << 20;
   st->f_ffree = 1u << 20;
   st->f_favail = 1u << 20;
-  st->f_namemax = volume.maximumComponentLength ? volume.maximumComponentLength : 255;
+  // A name must fit the file system and keep the path below 260 units;
+  // counted in units, the limit holds for bytes as well.
+  const std::string folder = PathOrRoot(node);
+  const size_t taken = qb::Utf16Length(folder) + (folder == "\\" ? 0 : 1);
+  const size_t room = taken + 1 < qb::kMaxPath ? qb::kMaxPath - 1 - taken : 0;
+  const size_t own = volume.maximumComponentLength ? volume.maximumComponentLength : 255;
+  st->f_namemax = std::min(own, room);
   return 0;
 }
 

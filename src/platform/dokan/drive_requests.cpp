@@ -28,19 +28,20 @@ int Drive::Lookup(fuse_req_t req, uint64_t parent, const char* name, fuse_entry_
   return 0;
 }
 
+// An object that is open answers through its open, whatever happened to
+// its name since: the kernel asks without a handle for fstat(2) too.
 int Drive::GetAttr(fuse_req_t req, uint64_t node, Open* open, struct stat* st) {
-  std::string path;
-  if (int err = PathOf(node, &path)) return err;
-  BY_HANDLE_FILE_INFORMATION info;
-  if (open) {
-    DOKAN_FILE_INFO di = Begin(req, open);
-    const NTSTATUS status = table_.GetInformation(path, &info, &di);
-    End(open, di);
-    if (int err = ErrnoOfStatus(status)) return err;
-  } else if (int err = QueryByPath(req, path, &info)) {
-    return err;
+  Borrowed lent;
+  if (!open) {
+    lent = Borrow(node);
+    open = lent.open;
   }
-  StatOf(info, node, owner_, st);
+  BY_HANDLE_FILE_INFORMATION info;
+  std::string path;
+  int err = open ? InfoOfOpen(req, node, open, &info) : NamedPathOf(node, &path);
+  if (!err && !open) err = QueryByPath(req, path, &info);
+  if (err) return err;
+  StatOfNode(info, node, st);
   return 0;
 }
 
@@ -81,9 +82,15 @@ int Drive::ApplySetAttr(const std::string& path, const struct stat* attr, int to
 int Drive::SetAttr(fuse_req_t req, uint64_t node, const struct stat* attr, int toSet, Open* open,
                    struct stat* st) {
   std::string path;
-  if (int err = PathOf(node, &path)) return err;
+  int err = NamedPathOf(node, &path);
+  Borrowed lent;
+  if (err == ENOENT && !open) {  // no name any more: only an open reaches it
+    lent = Borrow(node);
+    open = lent.open;
+  }
+  if (open) err = PathOf(node, &path);
+  if (err) return err;
   BY_HANDLE_FILE_INFORMATION after;
-  int err;
   if (open) {
     DOKAN_FILE_INFO di = Begin(req, open);
     err = ApplySetAttr(path, attr, toSet, &di);
@@ -98,7 +105,7 @@ int Drive::SetAttr(fuse_req_t req, uint64_t node, const struct stat* attr, int t
     if (!err) err = ErrnoOfStatus(table_.GetInformation(path, &after, &h.info));
     CloseTemp(&h);
   }
-  if (!err) StatOf(after, node, owner_, st);
+  if (!err) StatOfNode(after, node, st);
   return err;
 }
 
@@ -154,6 +161,16 @@ int Drive::Unlink(fuse_req_t req, uint64_t parent, const char* name, bool direct
   return 0;
 }
 
+// A folder cannot replace another folder here, which Windows answers with
+// "access denied"; a program renaming onto a folder expects the POSIX
+// answer for a folder that cannot be replaced.
+int Drive::FolderTargetErrno(fuse_req_t req, const std::string& newPath, int err) {
+  if (err != EACCES && err != EEXIST) return err;
+  BY_HANDLE_FILE_INFORMATION target;
+  if (QueryByPath(req, newPath, &target) != 0) return err;
+  return (target.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) ? ENOTEMPTY : err;
+}
+
 int Drive::Rename(fuse_req_t req, uint64_t parent, const char* name, uint64_t newParent,
                   const char* newName, unsigned flags) {
   if (flags & ~RENAME_NOREPLACE) return EINVAL;  // no exchange, no whiteouts
@@ -165,7 +182,7 @@ int Drive::Rename(fuse_req_t req, uint64_t parent, const char* name, uint64_t ne
   NTSTATUS status = OpenTemp(req, path, kDeleteAccess, FILE_OPEN_FOR_BACKUP_INTENT, false, &h);
   if (status >= 0) status = table_.Move(path, newPath, !(flags & RENAME_NOREPLACE), &h.info);
   CloseTemp(&h);
-  if (int err = ErrnoOfStatus(status)) return err;
+  if (int err = ErrnoOfStatus(status)) return FolderTargetErrno(req, newPath, err);
   nodes_.Renamed(parent, name, newParent, newName);
   return 0;
 }

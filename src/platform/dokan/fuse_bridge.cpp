@@ -228,7 +228,7 @@ void OnFsyncDir(fuse_req_t req, fuse_ino_t, int, fuse_file_info*) { fuse_reply_e
 void OnStatFs(fuse_req_t req, fuse_ino_t ino) {
   Serve(req, "statfs", ino, [&](bool& replied) {
     struct statvfs st{};
-    const int err = DriveOf(req).StatFs(req, &st);
+    const int err = DriveOf(req).StatFs(req, ino, &st);
     replied = true;
     err ? fuse_reply_err(req, err) : fuse_reply_statfs(req, &st);
   });

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -23,11 +22,22 @@ constexpr const char* kTag = "K3@LetterState: ";
 constexpr const char* kConnections = "/sys/fs/fuse/connections";
 constexpr int kHelperLimitMs = 2000;
 
+// The whole lock file, for the claim and for the test.
+struct flock WholeFile(short type) {
+  struct flock lock{};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  return lock;
+}
+
+// Only asks: a test that took the lock, even for a moment, could refuse
+// the claim of a server mounting the letter at that moment.
 bool IsHeld(char letter) {
   const int fd = open(LockFileOf(letter).c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
-  const bool held = flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-  close(fd);  // drops the probe's own lock too
+  struct flock probe = WholeFile(F_WRLCK);
+  const bool held = fcntl(fd, F_OFD_GETLK, &probe) == 0 && probe.l_type != F_UNLCK;
+  close(fd);
   return held;
 }
 
@@ -131,7 +141,11 @@ std::optional<LetterClaim> LetterClaim::Take(char letter) {
   std::filesystem::create_directories(qb::sys::DrivesRoot(), ec);
   const int fd = open(LockFileOf(letter).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
   if (fd < 0) return std::nullopt;
-  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+  // An open-file-description lock: held by the open, not the thread,
+  // dropped by the kernel with the last descriptor, and testable without
+  // taking it.
+  struct flock claim = WholeFile(F_WRLCK);
+  if (fcntl(fd, F_OFD_SETLK, &claim) != 0) {
     close(fd);
     return std::nullopt;
   }

@@ -1,8 +1,9 @@
 #pragma once
 // Who holds a drive letter. A server of this library holds an exclusive
-// lock on <drives root>/.X.lock for as long as it serves X (the kernel drops
-// the lock when the server dies) and writes into it the device number of its
-// mount. So a mount at X whose device number is recorded but whose lock
+// open-file-description lock (fcntl F_OFD_SETLK) on <drives root>/.X.lock
+// for as long as it serves X (the kernel drops the lock when the server
+// dies) and writes into it the device number of its mount. Looking at a
+// letter only tests the lock (F_OFD_GETLK), never takes it. So a mount at X whose device number is recorded but whose lock
 // nobody holds was left by a killed server: it is stale and the next user of
 // the letter cleans it.
 #include <filesystem>

@@ -2,6 +2,8 @@
 
 #include <vector>
 
+#include "common/strings.h"
+
 namespace qb::dokan {
 
 NodeTable::NodeTable() {
@@ -14,14 +16,21 @@ std::string NodeTable::JoinPath(const std::string& parentPath, const std::string
   return parentPath == "\\" ? "\\" + name : parentPath + "\\" + name;
 }
 
-uint64_t NodeTable::Obtain(uint64_t parent, const std::string& name, bool countLookup) {
+NodeTable::Key NodeTable::KeyOf(uint64_t parent, const std::string& name) {
+  return {parent, qb::ToUpperAZ(name)};
+}
+
+uint64_t NodeTable::Obtain(uint64_t parent, const std::string& name, bool countLookup,
+                           bool storedName) {
   std::lock_guard lock(mutex_);
   auto p = nodes_.find(parent);
   if (p == nodes_.end()) return 0;
-  auto it = byName_.find({parent, name});
+  const Key key = KeyOf(parent, name);
+  auto it = byName_.find(key);
   uint64_t id;
   if (it != byName_.end()) {
     id = it->second;
+    if (storedName) nodes_[id].name = name;
   } else {
     id = next_++;
     Node n;
@@ -29,7 +38,7 @@ uint64_t NodeTable::Obtain(uint64_t parent, const std::string& name, bool countL
     n.name = name;
     nodes_.emplace(id, n);
     ++p->second.children;
-    byName_[{parent, name}] = id;
+    byName_[key] = id;
   }
   if (countLookup) ++nodes_[id].lookups;
   return id;
@@ -37,7 +46,7 @@ uint64_t NodeTable::Obtain(uint64_t parent, const std::string& name, bool countL
 
 uint64_t NodeTable::Find(uint64_t parent, const std::string& name) const {
   std::lock_guard lock(mutex_);
-  auto it = byName_.find({parent, name});
+  auto it = byName_.find(KeyOf(parent, name));
   return it == byName_.end() ? 0 : it->second;
 }
 
@@ -55,7 +64,7 @@ void NodeTable::ReleaseIfUnusedLocked(uint64_t node) {
     if (it == nodes_.end() || it->second.lookups > 0 || it->second.children > 0) return;
     const Node n = it->second;
     nodes_.erase(it);
-    auto named = byName_.find({n.parent, n.name});
+    auto named = byName_.find(KeyOf(n.parent, n.name));
     if (named != byName_.end() && named->second == node) byName_.erase(named);
     auto p = nodes_.find(n.parent);
     if (p == nodes_.end()) return;
@@ -64,11 +73,13 @@ void NodeTable::ReleaseIfUnusedLocked(uint64_t node) {
   }
 }
 
-std::optional<std::string> NodeTable::PathOfLocked(uint64_t node) const {
+std::optional<std::string> NodeTable::PathOfLocked(uint64_t node, bool* linked) const {
   std::vector<const std::string*> parts;
+  if (linked) *linked = true;
   while (node != kRoot) {
     auto it = nodes_.find(node);
     if (it == nodes_.end()) return std::nullopt;
+    if (linked && !it->second.linked) *linked = false;
     parts.push_back(&it->second.name);
     node = it->second.parent;
   }
@@ -78,9 +89,9 @@ std::optional<std::string> NodeTable::PathOfLocked(uint64_t node) const {
   return path;
 }
 
-std::optional<std::string> NodeTable::PathOf(uint64_t node) const {
+std::optional<std::string> NodeTable::PathOf(uint64_t node, bool* linked) const {
   std::lock_guard lock(mutex_);
-  return PathOfLocked(node);
+  return PathOfLocked(node, linked);
 }
 
 std::optional<uint64_t> NodeTable::ParentOf(uint64_t node) const {
@@ -92,7 +103,7 @@ std::optional<uint64_t> NodeTable::ParentOf(uint64_t node) const {
 
 void NodeTable::Unlinked(uint64_t parent, const std::string& name) {
   std::lock_guard lock(mutex_);
-  auto it = byName_.find({parent, name});
+  auto it = byName_.find(KeyOf(parent, name));
   if (it == byName_.end()) return;
   nodes_[it->second].linked = false;
   byName_.erase(it);
@@ -101,15 +112,15 @@ void NodeTable::Unlinked(uint64_t parent, const std::string& name) {
 void NodeTable::Renamed(uint64_t parent, const std::string& name, uint64_t newParent,
                         const std::string& newName) {
   std::lock_guard lock(mutex_);
-  auto target = byName_.find({newParent, newName});
-  if (target != byName_.end()) {
+  auto it = byName_.find(KeyOf(parent, name));
+  const uint64_t id = it == byName_.end() ? 0 : it->second;
+  auto target = byName_.find(KeyOf(newParent, newName));
+  if (target != byName_.end() && target->second != id) {  // not a change of case
     nodes_[target->second].linked = false;
     byName_.erase(target);
   }
-  auto it = byName_.find({parent, name});
-  if (it == byName_.end()) return;
-  const uint64_t id = it->second;
-  byName_.erase(it);
+  if (!id) return;
+  byName_.erase(KeyOf(parent, name));
   Node& n = nodes_[id];
   if (n.parent != newParent) {
     auto oldP = nodes_.find(n.parent);
@@ -120,7 +131,7 @@ void NodeTable::Renamed(uint64_t parent, const std::string& name, uint64_t newPa
     ReleaseIfUnusedLocked(old);
   }
   nodes_[id].name = newName;
-  byName_[{newParent, newName}] = id;
+  byName_[KeyOf(newParent, newName)] = id;
 }
 
 size_t NodeTable::Size() const {

@@ -2,7 +2,12 @@
 // The kernel's inode numbers of the drive and the paths they stand for. A
 // node lives while the kernel holds lookups of it or of a child; its path is
 // built from its parent's path and its name, so a renamed folder carries its
-// whole subtree along.
+// whole subtree along. Names are matched as the drive matches them, ignoring
+// case in A-Z: one object, one node, whatever the spelling used.
+//
+// A name that is unlinked or replaced no longer leads to its node, but the
+// node stays (with its last path) while the kernel holds it: an open object
+// keeps its identity until its last close.
 //
 // Lock: mutex_ guards everything; it is a leaf lock (nothing is called while
 // it is held).
@@ -22,14 +27,19 @@ class NodeTable {
   NodeTable();
 
   // The node of (parent, name), made when missing; with `countLookup` the
-  // kernel's lookup count grows by one. 0 when the parent is unknown.
-  uint64_t Obtain(uint64_t parent, const std::string& name, bool countLookup);
+  // kernel's lookup count grows by one. 0 when the parent is unknown. With
+  // `storedName` the name is the file system's own spelling and replaces
+  // the one the node had.
+  uint64_t Obtain(uint64_t parent, const std::string& name, bool countLookup,
+                  bool storedName = false);
   // The node of (parent, name) if there is one, else 0.
   uint64_t Find(uint64_t parent, const std::string& name) const;
   // The kernel forgets `count` lookups of the node.
   void Forget(uint64_t node, uint64_t count);
-  // Path on the drive in backslash form; nullopt for an unknown node.
-  std::optional<std::string> PathOf(uint64_t node) const;
+  // Path on the drive in backslash form (the last one for a node whose
+  // name went); nullopt for an unknown node. `linked` tells whether the
+  // path still leads to the node.
+  std::optional<std::string> PathOf(uint64_t node, bool* linked = nullptr) const;
   std::optional<uint64_t> ParentOf(uint64_t node) const;
   // The name (parent, name) is gone (unlink, rmdir).
   void Unlinked(uint64_t parent, const std::string& name);
@@ -52,12 +62,13 @@ class NodeTable {
   using Key = std::pair<uint64_t, std::string>;
 
   void ReleaseIfUnusedLocked(uint64_t node);
-  std::optional<std::string> PathOfLocked(uint64_t node) const;
+  std::optional<std::string> PathOfLocked(uint64_t node, bool* linked) const;
+  static Key KeyOf(uint64_t parent, const std::string& name);
 
   mutable std::mutex mutex_;
   uint64_t next_ = kRoot + 1;
   std::unordered_map<uint64_t, Node> nodes_;
-  std::map<Key, uint64_t> byName_;
+  std::map<Key, uint64_t> byName_;  // names in upper case (A-Z)
 };
 
 }  // namespace qb::dokan

@@ -18,6 +18,7 @@
 // callbacks arrive on a thread of the back end and must return quickly (they
 // may call back into the device, e.g. to read an object's properties).
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -248,5 +249,26 @@ bool SystemTimeToVariantTime(const SYSTEMTIME& st, double* date);
 bool VariantTimeToSystemTime(double date, SYSTEMTIME* st);
 bool FileTimeToVariantTime(const FILETIME& ft, double* date);
 bool VariantTimeToFileTime(double date, FILETIME* ft);
+
+// Progress from inside a long device call. Whoever watches calls for being
+// stuck (the request worker) installs a reporter on its thread for the
+// length of the call; a back end calls NoteProgress() on that thread each
+// time data moved or the device answered within one call (a stream block
+// in parts, a slow read, a long listing). A back end that works on a thread
+// of its own takes CurrentProgressReporter() along and calls it there.
+// Reporters are cheap and may be called often; without one nothing happens.
+using ProgressReporter = std::function<void()>;
+void NoteProgress();
+ProgressReporter CurrentProgressReporter();
+class ScopedProgressReporter {
+ public:
+  explicit ScopedProgressReporter(ProgressReporter reporter);
+  ~ScopedProgressReporter();  // puts back the reporter that was there before
+  ScopedProgressReporter(const ScopedProgressReporter&) = delete;
+  ScopedProgressReporter& operator=(const ScopedProgressReporter&) = delete;
+
+ private:
+  ProgressReporter previous_;
+};
 
 }  // namespace qb::portable

@@ -151,6 +151,7 @@ class SimContent : public IPortableDeviceContent {
       std::string name = entry.path().filename().string();
       if (ref.kind == ObjKind::kStorage && name.rfind(kStorageFile, 0) == 0) continue;
       names.push_back(name);
+      if (names.size() % 1024 == 0) NoteProgress();  // a huge folder takes a while
     }
     std::sort(names.begin(), names.end());
     std::vector<std::string> rels;

@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <thread>
@@ -31,10 +33,12 @@ FILETIME BirthTime(const fs::path& path, const struct stat& st) {
 
 uint64_t UsedBytes(const fs::path& dir) {
   uint64_t used = 0;
+  uint64_t seen = 0;
   std::error_code ec;
   for (auto it = fs::recursive_directory_iterator(dir, fs::directory_options::skip_permission_denied, ec);
        it != fs::recursive_directory_iterator(); it.increment(ec)) {
     if (ec) break;
+    if (++seen % 1024 == 0) NoteProgress();  // a large storage takes a while to add up
     std::error_code ec2;
     if (it->is_regular_file(ec2) && it->path().filename() != kStorageFile) used += it->file_size(ec2);
   }
@@ -299,17 +303,38 @@ bool IsValidObjectName(const std::string& name, const std::string& parentRel) {
   return !(storageRoot && name.rfind(kStorageFile, 0) == 0);
 }
 
-int64_t NowNs() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
+namespace {
+
+class SteadyPaceClock : public PaceClock {
+ public:
+  int64_t NowNs() override {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+  }
+  void SleepNs(int64_t ns) override { std::this_thread::sleep_for(std::chrono::nanoseconds(ns)); }
+};
+
+SteadyPaceClock g_steadyClock;
+std::atomic<PaceClock*> g_paceClock{&g_steadyClock};
+
+}  // namespace
+
+void SetPaceClock(PaceClock* clock) { g_paceClock = clock ? clock : &g_steadyClock; }
+
+int64_t NowNs() { return g_paceClock.load()->NowNs(); }
 
 void Throttle(uint64_t rate, uint64_t bytes, int64_t startNs) {
   if (rate == 0) return;
+  PaceClock* clock = g_paceClock.load();
   int64_t dueNs = startNs + static_cast<int64_t>(static_cast<double>(bytes) * 1e9 / static_cast<double>(rate));
-  int64_t waitNs = dueNs - NowNs();
-  // One block never waits more than 10 s, whatever rate was asked.
-  if (waitNs > 0) std::this_thread::sleep_for(std::chrono::nanoseconds(std::min<int64_t>(waitNs, 10'000'000'000)));
+  int64_t waitNs = dueNs - clock->NowNs();
+  // One part never waits more than 10 s, whatever rate was asked.
+  if (waitNs > 0) clock->SleepNs(std::min<int64_t>(waitNs, 10'000'000'000));
+}
+
+uint32_t PacedPart(uint64_t rate, uint32_t count) {
+  if (rate == 0) return count;
+  return static_cast<uint32_t>(std::clamp<uint64_t>(rate / 8, 1, std::max<uint32_t>(count, 1)));
 }
 
 bool SimSession::SupportsWrite() const { return state->Spec().supportsWrite && !state->CurrentFaults().noWrite; }

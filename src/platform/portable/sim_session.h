@@ -39,9 +39,23 @@ HRESULT BuildObjectValues(SimSession& session, const ObjRef& ref, PortableDevice
 bool IsWritableKey(const PROPERTYKEY& key);
 // A name the simulated file system accepts for a new object under `parentRel`.
 bool IsValidObjectName(const std::string& name, const std::string& parentRel);
+// The clock the rate limit keeps to. Tests put in one they drive, so that
+// the bytes moved per second are measured on it, not on the wall.
+class PaceClock {
+ public:
+  virtual ~PaceClock() = default;
+  virtual int64_t NowNs() = 0;
+  virtual void SleepNs(int64_t ns) = 0;
+};
+// Null puts back the steady clock. Set while no transfer runs.
+void SetPaceClock(PaceClock* clock);
 // Sleeps as needed so that `bytes` moved since `startNs` keep to `rate`.
 void Throttle(uint64_t rate, uint64_t bytes, int64_t startNs);
 int64_t NowNs();
+// The largest part of a transfer moved between two pacing waits: a rate
+// limit moves data in parts of an eighth of a second, so that even a slow
+// transfer reports progress several times a second.
+uint32_t PacedPart(uint64_t rate, uint32_t count);
 
 std::shared_ptr<IPortableDeviceContent> MakeSimContent(std::shared_ptr<SimSession> session);
 std::shared_ptr<IPortableDeviceProperties> MakeSimProperties(std::shared_ptr<SimSession> session);

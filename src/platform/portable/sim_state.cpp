@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <random>
-#include <sstream>
 
 #include "common/strings.h"
 #include "diag/trace.h"
@@ -73,14 +72,14 @@ std::shared_ptr<SimDeviceState> SimDeviceState::Get(const fs::path& folder) {
   return state;
 }
 
-SimDeviceState::SimDeviceState(fs::path folder) : folder_(std::move(folder)) {}
+SimDeviceState::SimDeviceState(fs::path folder) : folder_(std::move(folder)), journal_(folder_ / kIndexFile) {}
 
 SimDeviceState::~SimDeviceState() {
   std::shared_ptr<SimWatcher> watcher;
   {
     std::lock_guard<std::mutex> lock(m_);
     watcher = std::move(watcher_);
-    if (dirty_ && !removed_) SaveIndexLocked();
+    if (!pending_.empty() && !removed_) SaveIndexLocked();
   }
   if (watcher) watcher->Stop();
 }
@@ -163,7 +162,7 @@ std::vector<std::string> SimDeviceState::IdsLocked(const std::vector<std::string
     ids[i] = KnownIdLocked(rels[i]);
     if (ids[i].empty()) ids[i] = NewIdLocked(rels[i]);
   }
-  WriteFileLocked();
+  WriteFileLocked(lock.Held());
   return ids;
 }
 
@@ -187,7 +186,7 @@ std::string SimDeviceState::NewIdLocked(const std::string& rel) {
   entries_[id] = e;
   pathToId_[rel] = id;
   idToPath_[id] = rel;
-  dirty_ = true;
+  pending_.insert(id);
   return id;
 }
 
@@ -235,39 +234,45 @@ void SimDeviceState::UpdateEntry(const std::string& id, uint32_t flags, uint64_t
   if (it == entries_.end()) return;
   it->second.flags = flags;
   it->second.created = created;
-  dirty_ = true;
+  pending_.insert(id);
+}
+
+std::vector<std::pair<std::string, std::string>> SimDeviceState::SubtreeLocked(const std::string& rel) const {
+  std::vector<std::pair<std::string, std::string>> found;
+  auto self = pathToId_.find(rel);
+  if (self != pathToId_.end()) found.emplace_back(*self);
+  // Paths under `rel` sort together right after "<rel>/".
+  const std::string prefix = rel + "/";
+  for (auto it = pathToId_.lower_bound(prefix); it != pathToId_.end() && IsUnder(it->first, rel); ++it)
+    found.emplace_back(*it);
+  return found;
 }
 
 void SimDeviceState::RenamePath(const std::string& from, const std::string& to) {
   std::lock_guard<std::mutex> lock(m_);
-  std::vector<std::pair<std::string, std::string>> moves;
-  for (const auto& [rel, id] : pathToId_)
-    if (rel == from || IsUnder(rel, from)) moves.emplace_back(rel, id);
+  const auto moves = SubtreeLocked(from);
+  for (const auto& [rel, id] : moves) pathToId_.erase(rel);
   for (const auto& [rel, id] : moves) {
     std::string now = to + rel.substr(from.size());
-    pathToId_.erase(rel);
     pathToId_[now] = id;
     idToPath_[id] = now;
+    pending_.insert(id);
   }
-  if (!moves.empty()) dirty_ = true;
 }
 
 void SimDeviceState::ForgetPath(const std::string& rel, bool tombstone) {
   std::lock_guard<std::mutex> lock(m_);
-  std::vector<std::pair<std::string, std::string>> gone;
-  for (const auto& [p, id] : pathToId_)
-    if (p == rel || IsUnder(p, rel)) gone.emplace_back(p, id);
-  for (const auto& [p, id] : gone) {
+  for (const auto& [p, id] : SubtreeLocked(rel)) {
     pathToId_.erase(p);
     idToPath_.erase(id);
     forgotten_.insert(id);
+    pending_.insert(id);
     if (tombstone && watcher_) {
       tombstones_[p].push_back(id);
     } else {
       entries_.erase(id);
     }
   }
-  if (!gone.empty()) dirty_ = true;
 }
 
 IndexEntry SimDeviceState::TakeRemovedEntry(const std::string& rel) {
@@ -292,7 +297,7 @@ IndexEntry SimDeviceState::TakeRemovedEntry(const std::string& rel) {
   pathToId_.erase(it);
   idToPath_.erase(id);
   entries_.erase(id);
-  dirty_ = true;
+  pending_.insert(id);
   return e;
 }
 
@@ -301,54 +306,52 @@ bool SimDeviceState::KnowsPath(const std::string& rel) {
   return pathToId_.count(rel) != 0;
 }
 
-// index.ini: "next=<hex>" then one line per object:
-// <id>\t<puid>\t<flags>\t<created FILETIME>\t<relative path>
+// Takes in what the others appended since the last look (all of it when
+// the file was rewritten): objects this process does not know yet, unless
+// it saw them go or their path is taken or gone.
 void SimDeviceState::MergeFileLocked() {
   std::string text;
-  if (!ReadFileText(folder_ / kIndexFile, &text)) return;
-  std::istringstream in(text);
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.rfind("next=", 0) == 0) {
-      nextHandle_ = std::max<uint64_t>(nextHandle_, std::strtoull(line.c_str() + 5, nullptr, 16));
-      continue;
-    }
-    std::vector<std::string> f;
-    size_t start = 0;
-    for (int i = 0; i < 4; ++i) {
-      size_t tab = line.find('\t', start);
-      if (tab == std::string::npos) break;
-      f.push_back(line.substr(start, tab - start));
-      start = tab + 1;
-    }
-    if (f.size() != 4 || start >= line.size() || f[0].size() < 2 || f[0][0] != 'o') continue;
-    std::string rel = line.substr(start);
-    uint64_t handle = std::strtoull(f[0].c_str() + 1, nullptr, 16);
-    if (handle >= nextHandle_) nextHandle_ = handle + 1;
-    if (entries_.count(f[0]) || pathToId_.count(rel) || forgotten_.count(f[0])) continue;
+  bool fromStart = false;
+  if (!journal_.ReadNew(&text, &fromStart)) return;
+  if (fromStart) journalLines_ = 0;
+  IndexChunk chunk = ParseIndexLines(text);
+  journalLines_ += chunk.lines;
+  nextHandle_ = std::max(nextHandle_, chunk.next);
+  for (IndexRecord& r : chunk.live) {
+    if (entries_.count(r.id) || pathToId_.count(r.rel) || forgotten_.count(r.id)) continue;
     struct stat st;
-    if (lstat((folder_ / rel).c_str(), &st) != 0) {
-      dirty_ = true;  // gone while nobody watched: drop it
-      continue;
-    }
-    entries_[f[0]] = IndexEntry{f[0], f[1], static_cast<uint32_t>(std::strtoul(f[2].c_str(), nullptr, 10)),
-                                std::strtoull(f[3].c_str(), nullptr, 10)};
-    pathToId_[rel] = f[0];
-    idToPath_[f[0]] = rel;
+    if (lstat((folder_ / r.rel).c_str(), &st) != 0) continue;  // gone while nobody watched
+    entries_[r.id] = IndexEntry{r.id, r.puid, r.flags, r.created};
+    pathToId_[r.rel] = r.id;
+    idToPath_[r.id] = r.rel;
   }
 }
 
-void SimDeviceState::WriteFileLocked() {
+void SimDeviceState::WriteFileLocked(bool fileLockHeld) {
   std::error_code ec;
   if (!fs::exists(folder_ / kDeviceFile, ec)) return;  // device gone: write nothing back
-  std::string text = qb::Format("next=%llX\n", static_cast<unsigned long long>(nextHandle_));
-  for (const auto& [rel, id] : pathToId_) {
+  if (pending_.empty()) return;
+  const auto lineOf = [&](const std::string& id, const std::string& rel) {
     const IndexEntry& e = entries_[id];
-    text += qb::Format("%s\t%s\t%u\t%llu\t", id.c_str(), e.puid.c_str(), e.flags,
-                       static_cast<unsigned long long>(e.created)) +
-            rel + "\n";
+    return IndexLine(IndexRecord{id, e.puid, e.flags, e.created, rel});
+  };
+  // Rewriting costs the whole index: only once the file has at least
+  // doubled since, so that the work stays in proportion to the changes.
+  if (fileLockHeld && journalLines_ + pending_.size() > 2 * pathToId_.size() + 4096) {
+    std::string text = IndexNextLine(nextHandle_);
+    for (const auto& [rel, id] : pathToId_) text += lineOf(id, rel);
+    if (journal_.Rewrite(text)) {
+      journalLines_ = pathToId_.size() + 1;
+      pending_.clear();
+    }
+    return;
   }
-  if (WriteFileAtomic(folder_ / kIndexFile, text, nullptr)) dirty_ = false;
+  std::string text;
+  for (const std::string& id : pending_) {
+    auto it = idToPath_.find(id);
+    text += it == idToPath_.end() ? IndexGoneLine(id) : lineOf(id, it->second);
+  }
+  if (journal_.Append(text)) pending_.clear();
 }
 
 void SimDeviceState::LoadIndexLocked() {
@@ -359,12 +362,12 @@ void SimDeviceState::LoadIndexLocked() {
 void SimDeviceState::SaveIndexLocked() {
   IndexLock lock(folder_);
   MergeFileLocked();
-  WriteFileLocked();
+  WriteFileLocked(lock.Held());
 }
 
 void SimDeviceState::SaveIndex() {
   std::lock_guard<std::mutex> lock(m_);
-  if (dirty_) SaveIndexLocked();
+  if (!pending_.empty()) SaveIndexLocked();
 }
 
 HRESULT SimDeviceState::Advise(std::shared_ptr<IPortableDeviceEventCallback> cb, std::string* cookie) {
@@ -430,7 +433,7 @@ void SimDeviceState::Deliver(const PortableDeviceValues& params) {
   std::vector<std::shared_ptr<IPortableDeviceEventCallback>> sinks;
   {
     std::lock_guard<std::mutex> lock(m_);
-    if (dirty_) SaveIndexLocked();
+    if (!pending_.empty()) SaveIndexLocked();
     for (const auto& [cookie, sink] : sinks_) sinks.push_back(sink);
     std::lock_guard<std::mutex> d(deliveryMutex_);
     ++delivering_;

@@ -21,6 +21,7 @@
 
 #include "platform/portable/portable.h"
 #include "platform/portable/sim_devices.h"
+#include "platform/portable/sim_index_file.h"
 
 namespace qb::portable::sim {
 
@@ -108,7 +109,11 @@ class SimDeviceState : public std::enable_shared_from_this<SimDeviceState> {
   void SaveIndexLocked();
   std::vector<std::string> IdsLocked(const std::vector<std::string>& rels);
   void MergeFileLocked();   // the file lock held
-  void WriteFileLocked();   // the file lock held
+  // Appends the pending changes; rewrites the whole file instead when it
+  // holds far more lines than objects and the file lock is held.
+  void WriteFileLocked(bool fileLockHeld);
+  // `rel` and everything under it, as (path, id).
+  std::vector<std::pair<std::string, std::string>> SubtreeLocked(const std::string& rel) const;
   std::string KnownIdLocked(const std::string& rel) const;
   std::string NewIdLocked(const std::string& rel);  // the file lock held, file merged
   void ReloadSpecLocked();
@@ -124,7 +129,9 @@ class SimDeviceState : public std::enable_shared_from_this<SimDeviceState> {
   std::map<std::string, std::deque<std::string>> tombstones_;  // rel -> ids
   uint64_t nextHandle_ = 0x100;   // the file's next free handle as we know it
   std::set<std::string> forgotten_;  // ids this process saw go: never taken back from the file
-  bool dirty_ = false;
+  std::set<std::string> pending_;    // ids changed here and not yet written to the file
+  IndexJournal journal_;
+  size_t journalLines_ = 0;          // lines of the file read so far
   std::map<std::string, std::shared_ptr<IPortableDeviceEventCallback>> sinks_;
   uint64_t nextCookie_ = 1;
   std::shared_ptr<SimWatcher> watcher_;

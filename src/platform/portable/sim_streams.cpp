@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
@@ -42,14 +43,22 @@ class SimReadStream : public IStream {
     bool failNow = false;
     uint32_t allowed = Allowed(faults_, moved_, count, &failNow);
     if (failNow) return E_FAIL;
-    ssize_t n;
-    do {
-      n = ::read(fd_, buffer, allowed);
-    } while (n < 0 && errno == EINTR);
-    if (n < 0) return E_FAIL;
-    moved_ += static_cast<uint64_t>(n);
-    Throttle(faults_.rate, moved_, start_);
-    *read = static_cast<uint32_t>(n);
+    // In parts, each paced and reported, so that a slow block is not taken
+    // for a stuck device.
+    const uint32_t part = PacedPart(faults_.rate, allowed);
+    auto* out = static_cast<char*>(buffer);
+    uint32_t done = 0;
+    while (done < allowed) {
+      ssize_t n = ::read(fd_, out + done, std::min(part, allowed - done));
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) return E_FAIL;
+      if (n == 0) break;  // the end of the data
+      done += static_cast<uint32_t>(n);
+      moved_ += static_cast<uint64_t>(n);
+      Throttle(faults_.rate, moved_, start_);
+      NoteProgress();
+    }
+    *read = done;
     return S_OK;
   }
   HRESULT Write(const void*, uint32_t, uint32_t* written) override {
@@ -88,15 +97,17 @@ class SimUploadStream : public IPortableDeviceDataStream {
     uint32_t allowed = Allowed(faults_, moved_, count, &failNow);
     if (failNow) return E_FAIL;
     const char* p = static_cast<const char*>(buffer);
+    const uint32_t part = PacedPart(faults_.rate, allowed);
     uint32_t done = 0;
     while (done < allowed) {
-      ssize_t n = ::write(fd_, p + done, allowed - done);
+      ssize_t n = ::write(fd_, p + done, std::min(part, allowed - done));
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) return errno == ENOSPC ? E_DISK_FULL : E_FAIL;
       done += static_cast<uint32_t>(n);
+      moved_ += static_cast<uint64_t>(n);
+      Throttle(faults_.rate, moved_, start_);
+      NoteProgress();
     }
-    moved_ += done;
-    Throttle(faults_.rate, moved_, start_);
     if (written) *written = done;
     return done < count ? E_FAIL : S_OK;
   }

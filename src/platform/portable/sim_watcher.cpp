@@ -127,10 +127,16 @@ void SimWatcher::WatchTree(const std::string& rel, bool announce) {
   // even when its id is already known (another process or the model of
   // this one may have entered it in the index first). A change the new
   // watch reports for it afterwards is not announced a second time.
+  // Ids for the whole folder under one hold of the index lock.
+  std::vector<std::string> rels;
+  for (const auto& [child, dir] : children)
+    if (announce && !pendingCreate_.count(child)) rels.push_back(child);
+  std::vector<std::string> ids = state_->IdsForPaths(rels);
+  size_t next = 0;
   for (const auto& [child, dir] : children) {
-    if (announce && !pendingCreate_.count(child)) {
+    if (next < rels.size() && rels[next] == child) {
       scanned_.insert(child);
-      Raise(WPD_EVENT_OBJECT_ADDED, state_->IdForPath(child), child, dir);
+      Raise(WPD_EVENT_OBJECT_ADDED, ids[next++], child, dir);
     }
     if (dir) WatchTree(child, announce);
   }

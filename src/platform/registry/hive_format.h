@@ -56,8 +56,12 @@ struct ParseError {
 };
 
 // Parses a whole hive file whose sections must lie under `rootName`
-// ("HKEY_CURRENT_USER"). False with *error filled on the first fault.
-bool ParseHive(std::string_view text, std::string_view rootName, HiveKey* root, ParseError* error);
+// ("HKEY_CURRENT_USER"). False with *error filled on the first fault. With
+// `skipped`, a bad line (a hand edit gone wrong) is left out and listed
+// there, and the rest is read; only a file that is no hive at all (no
+// header line, zero bytes) is then refused.
+bool ParseHive(std::string_view text, std::string_view rootName, HiveKey* root, ParseError* error,
+               std::vector<ParseError>* skipped = nullptr);
 
 // The file text of a tree: every key below the root gets a section (so empty
 // keys survive), in depth-first order.

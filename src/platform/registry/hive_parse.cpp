@@ -218,7 +218,8 @@ bool ParseLine(Parser& p, std::string_view s) {
 
 }  // namespace
 
-bool ParseHive(std::string_view text, std::string_view rootName, HiveKey* root, ParseError* error) {
+bool ParseHive(std::string_view text, std::string_view rootName, HiveKey* root, ParseError* error,
+               std::vector<ParseError>* skipped) {
   Parser p;
   p.rootName = rootName;
   p.root = root;
@@ -231,16 +232,20 @@ bool ParseHive(std::string_view text, std::string_view rootName, HiveKey* root, 
   }
   bool sawHeader = false;
   std::string logical;
+  int logicalStart = 0;
   size_t pos = 0;
   while (pos < text.size()) {
     const size_t end = text.find('\n', pos);
     std::string_view physical = text.substr(pos, end == std::string_view::npos ? text.npos : end - pos);
     pos = end == std::string_view::npos ? text.size() : end + 1;
     ++p.line;
+    if (logical.empty()) logicalStart = p.line;
     physical = TrimRight(physical);
     if (!logical.empty()) physical = TrimLeft(physical);
-    if (physical.ends_with("\\") && !physical.starts_with("[")) {
-      // A hex value wrapped over several lines.
+    // A hex value wrapped over several lines; a comment or a section that
+    // ends in "\\" is complete as it stands.
+    const bool comment = logical.empty() && TrimLeft(physical).starts_with(";");
+    if (physical.ends_with("\\") && !physical.starts_with("[") && !comment) {
       logical.append(physical.substr(0, physical.size() - 1));
       if (pos < text.size()) continue;
       physical = {};
@@ -253,7 +258,14 @@ bool ParseHive(std::string_view text, std::string_view rootName, HiveKey* root, 
         sawHeader = true;
       }
     } else if (!ParseLine(p, line)) {
-      return false;
+      if (!skipped) return false;
+      // One bad line costs that line only. A bad section line leaves no
+      // section open, so its values are skipped too (each reported).
+      skipped->push_back({logicalStart, error->reason});
+      if (line.starts_with("[")) {
+        p.current = nullptr;
+        p.inDeletedSection = false;
+      }
     }
     logical.clear();
   }

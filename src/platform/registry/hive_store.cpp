@@ -32,6 +32,7 @@ struct HiveState {
   bool unusable = false;  // the file cannot be read nor moved aside: no writes
   struct stat seen {};    // the file as last seen (device, inode, size, time)
   int heldFd = -1;        // the loaded file, kept open so its inode is not reused
+  bool hadBadLines = false;  // the loaded file has lines that were skipped: copy it before a rewrite
 };
 
 HiveState& StateOf(Hive hive) {
@@ -48,7 +49,7 @@ void Forget(HiveState& s) {
   if (s.heldFd >= 0) close(s.heldFd);
   s.heldFd = -1;
   s.root = HiveKey();
-  s.loaded = s.exists = s.unusable = false;
+  s.loaded = s.exists = s.unusable = s.hadBadLines = false;
   s.seen = {};
 }
 
@@ -67,13 +68,14 @@ void FlushReports() {
   }
 }
 
-std::string CorruptName(const std::filesystem::path& path) {
+// "<hive>.<what>-YYYYMMDD-HHMMSS", with "-2", "-3"... when taken.
+std::string AsideName(const std::filesystem::path& path, const char* what) {
   const time_t now = time(nullptr);
   struct tm local {};
   localtime_r(&now, &local);
   char stamp[32];
   strftime(stamp, sizeof stamp, "%Y%m%d-%H%M%S", &local);
-  std::string base = path.string() + ".corrupt-" + stamp;
+  std::string base = path.string() + "." + what + "-" + stamp;
   std::string name = base;
   std::error_code ec;
   for (int n = 2; std::filesystem::exists(name, ec) && n < 1000; ++n) name = base + "-" + std::to_string(n);
@@ -83,7 +85,7 @@ std::string CorruptName(const std::filesystem::path& path) {
 // Called with the hive's lock file held, so no other process renames or
 // replaces the file meanwhile.
 bool MoveAside(const std::filesystem::path& path, const ParseError& error) {
-  const std::string target = CorruptName(path);
+  const std::string target = AsideName(path, "corrupt");
   const std::string what = Format("the registry file %s cannot be read (line %d: %s)", path.c_str(),
                                   error.line, error.reason.c_str());
   if (rename(path.c_str(), target.c_str()) == 0) {
@@ -130,13 +132,18 @@ DWORD Load(HiveState& s, Hive hive, bool locked) {
   std::string text;
   HiveKey tree;
   ParseError error;
+  std::vector<ParseError> skipped;
   bool ok = st.st_size <= kMaxHiveBytes;
   if (!ok) error = {1, "the file is larger than 16 MiB"};
-  if (ok) ok = ReadAll(fd, st.st_size, &text) && ParseHive(text, HiveName(hive), &tree, &error);
+  if (ok) ok = ReadAll(fd, st.st_size, &text) && ParseHive(text, HiveName(hive), &tree, &error, &skipped);
   if (ok) {
+    for (const ParseError& bad : skipped)
+      Report(Format("the registry file %s: line %d skipped (%s); the other lines are used", s.path.c_str(),
+                    bad.line, bad.reason.c_str()));
     Forget(s);
     s.root = std::move(tree);
     s.loaded = s.exists = true;
+    s.hadBadLines = !skipped.empty();
     s.seen = st;
     s.heldFd = fd;
     return ERROR_SUCCESS;
@@ -182,8 +189,27 @@ DWORD Refresh(HiveState& s, Hive hive, bool locked) {
 
 std::atomic<unsigned> g_tempCounter{0};
 
+// A rewrite drops the lines that were skipped: the file as the user left it
+// is kept beside it first, and without that copy it is not rewritten. The
+// lock file is held.
+DWORD KeepCopyOfBadLines(HiveState& s) {
+  if (!s.hadBadLines) return ERROR_SUCCESS;
+  const std::string copy = AsideName(s.path, "before");
+  std::error_code ec;
+  if (!std::filesystem::copy_file(s.path, copy, ec)) {
+    Report(Format("the registry file %s has skipped lines and cannot be copied (%s); it is not rewritten",
+                  s.path.c_str(), ec.message().c_str()));
+    return ERROR_CANTWRITE;
+  }
+  Report(Format("the registry file %s is rewritten without its skipped lines; it was kept as %s", s.path.c_str(),
+                copy.c_str()));
+  s.hadBadLines = false;
+  return ERROR_SUCCESS;
+}
+
 // Replaces the hive file with the text of s.root; the lock file is held.
 DWORD Write(HiveState& s, Hive hive) {
+  if (const DWORD kept = KeepCopyOfBadLines(s); kept != ERROR_SUCCESS) return kept;
   const std::string text = SerializeHive(s.root, HiveName(hive));
   const std::string temp = Format("%s.tmp.%d.%u", s.path.c_str(), static_cast<int>(getpid()), g_tempCounter++);
   const mode_t mode = s.exists && s.heldFd >= 0 ? (s.seen.st_mode & 07777) : (hive == Hive::kCurrentUser ? 0600 : 0644);

@@ -119,6 +119,10 @@ bool SharedSection::Open(const std::string& name, size_t size) {
 
 void SharedSection::Close() {
   if (data_) munmap(data_, size_);
+  CloseKeepingView();
+}
+
+void SharedSection::CloseKeepingView() {
   data_ = nullptr;
   if (lockFd_ >= 0) {
     GuardLock guard(LockFilePath(name_) + ".guard");

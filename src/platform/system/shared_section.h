@@ -24,6 +24,9 @@ class SharedSection {
   // Unmaps and lets go of the lifetime lock; the last holder removes the
   // section's name so that the next opener starts afresh.
   void Close();
+  // Close without unmapping, for a process that ends at once while other
+  // threads may still read the memory (the end of the process unmaps it).
+  void CloseKeepingView();
 
   void* Data() const { return data_; }
   size_t Size() const { return size_; }

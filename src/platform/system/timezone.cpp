@@ -32,6 +32,18 @@ std::string ZoneDir() {
   return dir && *dir ? dir : "/usr/share/zoneinfo";
 }
 
+// A rule whose "daylight" time is behind its standard time (Europe/Dublin:
+// "IST-1GMT0,M10.5.0,M3.5.0/1", winter is the daylight part) is turned into
+// the usual form: the earlier offset is standard, the later one daylight,
+// and the transition dates change places. Each date keeps its hour, which is
+// already given in the local time in force before that transition.
+void SwapNegativeDaylight(DYNAMIC_TIME_ZONE_INFORMATION* zone) {
+  zone->Bias += zone->DaylightBias;
+  zone->DaylightBias = -zone->DaylightBias;
+  std::swap(zone->StandardName, zone->DaylightName);
+  std::swap(zone->StandardDate, zone->DaylightDate);
+}
+
 class RuleParser {
  public:
   explicit RuleParser(const std::string& text) : s_(text) {}
@@ -54,6 +66,7 @@ class RuleParser {
     if (!rules.Expect(',') || !rules.Date(&out->DaylightDate) || !rules.Expect(',') ||
         !rules.Date(&out->StandardDate) || !rules.AtEnd())
       return false;
+    if (out->DaylightBias > 0) SwapNegativeDaylight(out);
     return true;
   }
 
@@ -192,7 +205,10 @@ uint32_t GetDynamicTimeZoneInformation(DYNAMIC_TIME_ZONE_INFORMATION* info) {
   const time_t now = time(nullptr);
   struct tm local{};
   localtime_r(&now, &local);
-  return local.tm_isdst > 0 ? TIME_ZONE_ID_DAYLIGHT : TIME_ZONE_ID_STANDARD;
+  // By the offset, not tm_isdst: with a negative daylight period the C
+  // library calls winter the daylight time.
+  const long biasNow = -local.tm_gmtoff / 60;
+  return biasNow == zone.Bias + zone.DaylightBias ? TIME_ZONE_ID_DAYLIGHT : TIME_ZONE_ID_STANDARD;
 }
 
 uint32_t GetTimeZoneInformation(TIME_ZONE_INFORMATION* info) {

@@ -117,4 +117,29 @@ TEST(DokanNodeTable, PathsFollowRenamesAndNodesGoWhenForgotten) {
   EXPECT_EQ(0u, t.Find(qb::dokan::NodeTable::kRoot, "C"));
 }
 
+TEST(DokanNodeTable, OneNodePerObjectWhateverTheCaseAndNoPathForAGoneName) {
+  using qb::dokan::NodeTable;
+  NodeTable t;
+  const uint64_t foo = t.Obtain(NodeTable::kRoot, "Foo", true);
+  EXPECT_EQ(foo, t.Obtain(NodeTable::kRoot, "FOO", true));
+  EXPECT_EQ(foo, t.Find(NodeTable::kRoot, "foo"));
+  EXPECT_EQ("\\Foo", t.PathOf(foo).value_or(""));  // the first spelling stays
+  t.Obtain(NodeTable::kRoot, "fOO", false, true);     // the file system's own
+  EXPECT_EQ("\\fOO", t.PathOf(foo).value_or(""));
+  t.Renamed(NodeTable::kRoot, "foo", NodeTable::kRoot, "FOO");  // a change of case
+  bool linked = false;
+  EXPECT_EQ("\\FOO", t.PathOf(foo, &linked).value_or(""));
+  EXPECT_TRUE(linked);
+
+  const uint64_t dir = t.Obtain(NodeTable::kRoot, "Dir", true);
+  const uint64_t inner = t.Obtain(dir, "a.txt", true);
+  const uint64_t other = t.Obtain(NodeTable::kRoot, "other", true);
+  t.Renamed(NodeTable::kRoot, "other", NodeTable::kRoot, "dir");  // replaces Dir
+  EXPECT_EQ("\\Dir\\a.txt", t.PathOf(inner, &linked).value_or(""));
+  EXPECT_FALSE(linked);  // its folder's name leads to another object now
+  EXPECT_EQ(other, t.Find(NodeTable::kRoot, "DIR"));
+  EXPECT_TRUE(t.PathOf(other, &linked).has_value());
+  EXPECT_TRUE(linked);
+}
+
 }  // namespace

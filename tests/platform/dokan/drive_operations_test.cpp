@@ -2,39 +2,13 @@
 // and the calls that each of them makes reach the operation table with.
 #include <gtest/gtest.h>
 
-#include "drive_harness.h"
+#include "mounted_drive_test.h"
 #include "platform/dokan/dokan_linux.h"
-#include "support/test_home.h"
 
 namespace qbtest {
 namespace {
 
-class DriveOperations : public ::testing::Test {
- protected:
-  void SetUp() override {
-    drive_ = std::make_unique<InProcessDrive>('Q', false);
-    ASSERT_TRUE(drive_->Start());
-    root_ = drive_->Path();
-  }
-  void TearDown() override {
-    if (drive_) {
-      EXPECT_EQ(DOKAN_SUCCESS, drive_->Stop());
-    }
-    drive_.reset();
-  }
-  MemFs& Fs() { return drive_->Fs(); }
-  int Sh(const std::string& command, std::string* out = nullptr) { return RunShell(command, out); }
-  std::string At(const std::string& rel) const { return Quote(root_ + "/" + rel); }
-  // Waits until the calls of `path` contain `ops` in order (the kernel sends
-  // the end of a handle after close(2) has returned).
-  bool WaitForCalls(const std::string& path, const std::vector<std::string>& ops) {
-    return WaitUntil([&] { return HasInOrder(CallsFor(Fs().Calls(), path), ops); }, 5000);
-  }
-
-  ScopedHome home_;  // declared first: the drive goes before the home
-  std::unique_ptr<InProcessDrive> drive_;
-  std::string root_;
-};
+class DriveOperations : public MountedDriveTest {};
 
 TEST_F(DriveOperations, CopyInAndOutKeepsTheBytesAndOpensAsWindowsWould) {
   const std::string local = (home_ / "src.bin").string();

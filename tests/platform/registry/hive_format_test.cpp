@@ -164,6 +164,45 @@ TEST(HiveFormat, FaultsNameTheirLine) {
   EXPECT_EQ(MustFail(std::string("Windows Registry Editor Version 5.00\n\0", 38)).line, 1);
 }
 
+TEST(HiveFormat, BadLinesAreSkippedAndListed) {
+  const std::string text =
+      "Windows Registry Editor Version 5.00\n"
+      "[HKEY_CURRENT_USER\\A]\n"
+      "\"good\"=dword:00000001\n"
+      "\"bad\"=dword:xyz\n"                  // line 4
+      "[HKEY_LOCAL_MACHINE\\B]\n"            // line 5: a section outside the root...
+      "\"lost\"=dword:00000002\n"            // line 6: ...leaves no section open
+      "[HKEY_CURRENT_USER\\C]\n"
+      "\"kept\"=\"yes\"\n";
+  HiveKey tree;
+  ParseError error;
+  std::vector<ParseError> skipped;
+  ASSERT_TRUE(qb::reg::ParseHive(text, "HKEY_CURRENT_USER", &tree, &error, &skipped));
+  ASSERT_EQ(skipped.size(), 3u);
+  EXPECT_EQ(skipped[0].line, 4);
+  EXPECT_EQ(skipped[1].line, 5);
+  EXPECT_EQ(skipped[2].line, 6);
+  ASSERT_NE(tree.FindSubkey("A"), nullptr);
+  EXPECT_NE(tree.FindSubkey("A")->FindValue("good"), nullptr);
+  EXPECT_EQ(tree.FindSubkey("A")->FindValue("bad"), nullptr);
+  EXPECT_EQ(tree.FindSubkey("A")->FindValue("lost"), nullptr);
+  ASSERT_NE(tree.FindSubkey("C"), nullptr);
+  EXPECT_NE(tree.FindSubkey("C")->FindValue("kept"), nullptr);
+  // A file that is no hive is still refused as a whole.
+  EXPECT_FALSE(qb::reg::ParseHive("REGEDIT4\n", "HKEY_CURRENT_USER", &tree, &error, &skipped));
+}
+
+TEST(HiveFormat, CommentEndingInBackslashEndsThere) {
+  const HiveKey tree = MustParse(
+      "Windows Registry Editor Version 5.00\n[HKEY_CURRENT_USER\\A]\n; C:\\temp\\\n\"next\"=dword:00000001\n"
+      "\"wrapped\"=hex:01,\\\n  02\n");
+  const HiveKey* a = tree.FindSubkey("A");
+  ASSERT_NE(a, nullptr);
+  EXPECT_NE(a->FindValue("next"), nullptr) << "the line after the comment is read";
+  ASSERT_NE(a->FindValue("wrapped"), nullptr);
+  EXPECT_EQ(a->FindValue("wrapped")->data, (std::vector<uint8_t>{1, 2}));
+}
+
 TEST(HiveFormat, MachineRootIsItsOwn) {
   const HiveKey tree = MustParse("Windows Registry Editor Version 5.00\n[HKEY_LOCAL_MACHINE\\SOFTWARE]\n",
                                  "HKEY_LOCAL_MACHINE");

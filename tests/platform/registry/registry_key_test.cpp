@@ -195,15 +195,55 @@ TEST_F(RegistryKey, SeesChangesMadeByOthersOnDisk) {
   EXPECT_EQ(key.GetDword("Flags", &v), ERROR_KEY_DELETED);
 }
 
-TEST_F(RegistryKey, CorruptHiveIsMovedAsideAndDefaultsFollow) {
-  const std::string bad =
-      "Windows Registry Editor Version 5.00\n[HKEY_CURRENT_USER\\SOFTWARE\\Quillbox]\n\"Flags\"=dword:zz\n";
+std::vector<fs::path> FilesNamed(const fs::path& dir, const std::string& part) {
+  std::vector<fs::path> found;
+  for (const auto& entry : fs::directory_iterator(dir))
+    if (entry.path().filename().string().find(part) != std::string::npos) found.push_back(entry.path());
+  return found;
+}
+
+// A hand edit gone wrong costs its own line only: every other setting stays.
+TEST_F(RegistryKey, BadLineIsSkippedReportedAndTheFileKeptBeforeARewrite) {
+  const std::string edited =
+      "Windows Registry Editor Version 5.00\n[HKEY_CURRENT_USER\\SOFTWARE\\Quillbox]\n\"Flags\"=dword:zz\n"
+      "\"CacheSize\"=dword:00000007\n[HKEY_CURRENT_USER\\SOFTWARE\\Quillbox\\Profiles\\Phone]\n"
+      "\"AutoMap\"=dword:00000001\n";
+  ReplaceFile(qb::sys::UserHivePath(), edited);
+  testing::internal::CaptureStderr();
+  Key key;
+  ASSERT_EQ(key.Open(HKEY_CURRENT_USER, "SOFTWARE\\Quillbox", KEY_ALL_ACCESS), ERROR_SUCCESS);
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find("line 3 skipped"), std::string::npos) << err;
+  DWORD v = 0;
+  EXPECT_EQ(key.GetDword("CacheSize", &v), ERROR_SUCCESS);
+  EXPECT_EQ(v, 7u);
+  EXPECT_EQ(key.GetDword("Flags", &v), ERROR_FILE_NOT_FOUND);
+  Key profile;
+  EXPECT_EQ(profile.Open(HKEY_CURRENT_USER, "SOFTWARE\\Quillbox\\Profiles\\Phone", KEY_READ), ERROR_SUCCESS);
+  EXPECT_TRUE(CorruptFiles(home_.Path()).empty()) << "nothing is moved aside";
+  EXPECT_EQ(ReadFile(qb::sys::UserHivePath()), edited) << "reading changes nothing";
+
+  // The first rewrite keeps the file as the user left it; later ones do not
+  // copy again.
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(key.SetDword("Flags", 2), ERROR_SUCCESS);
+  EXPECT_EQ(key.SetDword("Flags", 3), ERROR_SUCCESS);
+  testing::internal::GetCapturedStderr();
+  const auto before = FilesNamed(home_.Path(), ".before-");
+  ASSERT_EQ(before.size(), 1u);
+  EXPECT_EQ(ReadFile(before[0]), edited);
+  EXPECT_EQ(ReadFile(qb::sys::UserHivePath()).find("dword:zz"), std::string::npos);
+  EXPECT_EQ(key.GetDword("CacheSize", &v), ERROR_SUCCESS);
+}
+
+TEST_F(RegistryKey, FileThatIsNoHiveIsMovedAsideAndDefaultsFollow) {
+  const std::string bad = "not a hive at all\n\"Flags\"=dword:00000001\n";
   ReplaceFile(qb::sys::UserHivePath(), bad);
   testing::internal::CaptureStderr();
   Key key;
   EXPECT_EQ(key.Open(HKEY_CURRENT_USER, "SOFTWARE\\Quillbox", KEY_READ), ERROR_FILE_NOT_FOUND);
   const std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_NE(err.find("line 3"), std::string::npos) << err;
+  EXPECT_NE(err.find("line 1"), std::string::npos) << err;
   EXPECT_NE(err.find(".corrupt-"), std::string::npos) << err;
   const auto aside = CorruptFiles(home_.Path());
   ASSERT_EQ(aside.size(), 1u);
@@ -215,7 +255,7 @@ TEST_F(RegistryKey, CorruptHiveIsMovedAsideAndDefaultsFollow) {
   EXPECT_EQ(ReadFile(aside[0]), bad);
 
   // A writer that finds the file corrupt moves it aside too before writing.
-  ReplaceFile(qb::sys::UserHivePath(), "not a hive at all\n");
+  ReplaceFile(qb::sys::UserHivePath(), std::string("Windows Registry Editor Version 5.00\n\0", 38));
   testing::internal::CaptureStderr();
   EXPECT_EQ(key.SetDword("Flags", 3), ERROR_KEY_DELETED);
   testing::internal::GetCapturedStderr();
