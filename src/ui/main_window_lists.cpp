@@ -147,7 +147,18 @@ void MainWindow::RefreshStorage() {
   if (request_ && !request_->storageName.empty()) {
     names << QString::fromStdString(request_->storageName);
   } else if (const DeviceInfo* device = SelectedDevice()) {
-    for (const std::string& n : host_.StorageNames(device->id)) names << QString::fromStdString(n);
+    // A mapped device is not opened again (its drive's instance holds it):
+    // the drive table names the storage it serves.
+    bool mapped = false;
+    for (char c = 'Z'; c >= 'C' && !mapped; --c) {
+      MappedDriveInfo drive;
+      if (host_.MappedDrive(c, &drive) && drive.deviceId == device->id) {
+        mapped = true;
+        names << QString::fromStdString(drive.storageName);
+      }
+    }
+    if (!mapped)
+      for (const std::string& n : host_.StorageNames(device->id)) names << QString::fromStdString(n);
   }
   storage_->setText(names.join("; "));
   storage_->setCursorPosition(0);
