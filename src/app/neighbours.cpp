@@ -17,6 +17,7 @@
 #include "platform/system/paths.h"
 #include "settings/profiles.h"
 #include "settings/settings.h"
+#include "shell/drive_icon.h"
 
 namespace qb::app::nb {
 namespace {
@@ -201,6 +202,11 @@ bool GetDevices(DeviceList* list) {
   return true;
 }
 
+CWPDHelperBase* DeviceAccessObject() {
+  std::lock_guard<std::mutex> lock(g_deviceMutex);
+  return g_device.get();
+}
+
 // ---- drive layer ----
 
 DriveType GetDriveType(char letter) {
@@ -223,8 +229,7 @@ int DokanVersion() { return static_cast<int>(::DokanVersion()); }
 int DokanDriverVersion() { return static_cast<int>(::DokanDriverVersion()); }
 
 // ---- shell ----
-// The shell layer keeps no drive-icon registrations yet.
-void RemoveDriveIcon(char) {}
+void RemoveDriveIcon(char letter) { qb::shell::RemoveDriveIcon(letter); }
 
 // ---- cache ----
 // The cache layer rebuilds the table when it lands; until then the table

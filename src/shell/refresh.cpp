@@ -1,6 +1,6 @@
 #include "shell/refresh.h"
 
-#include <dirent.h>
+#include <signal.h>
 
 #include <chrono>
 #include <thread>
@@ -8,12 +8,15 @@
 #include "common/strings.h"
 #include "diag/trace.h"
 #include "platform/dokan/dokan_linux.h"
+#include "platform/system/process_spawn.h"
 
 namespace qb::shell {
 namespace {
 
 constexpr const char* kTag = "D28@RefreshShell: ";
 constexpr const char* kTagFn = "D31@RefreshShellFn: ";
+// A listing of a drive that does not answer in this time is given up.
+constexpr int kTouchLimitMs = 60000;
 
 struct RefreshRequest {
   uint32_t event = 0;
@@ -30,11 +33,8 @@ void Touch(const RefreshRequest& r) {
   std::string local = p;
   for (char& c : local)
     if (c == '\\') c = '/';
-  std::string folder = dokan::MountPointOf(r.letter).string() + local;
-  if (DIR* dir = opendir(folder.c_str())) {
-    if (readdir(dir)) Trace(kTagFn, "Refresh requested: \"%c:%s*\"", r.letter, p.c_str());
-    closedir(dir);
-  }
+  TouchFolder(dokan::MountPointOf(r.letter).string() + local);
+  Trace(kTagFn, "Refresh requested: \"%c:%s*\"", r.letter, p.c_str());
 }
 
 std::string WithoutTrailingSlash(std::string p) {
@@ -53,6 +53,23 @@ void RefreshShellFn(RefreshRequest r) {
 }
 
 }  // namespace
+
+void TouchFolder(const std::string& folder) {
+  // A program of its own lists the folder (a fork would keep this process's
+  // descriptor of the drive open); a thread waits for it with a limit so
+  // that it leaves no zombie behind.
+  sys::ChildProcess child;
+  if (!sys::SpawnProcess({"/bin/ls", "-f", folder}, {}, &child, true)) return;
+  try {
+    std::thread([c = std::move(child)]() mutable {
+      int code = 0;
+      if (c.Wait(kTouchLimitMs, &code)) return;
+      kill(c.Pid(), SIGKILL);
+      c.Wait(kTouchLimitMs, &code);
+    }).detach();
+  } catch (...) {
+  }
+}
 
 void RefreshShell(uint32_t event, const char* path, const char* path2, char letter, bool touch,
                   uint32_t delaySeconds) {
