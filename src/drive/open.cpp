@@ -148,6 +148,7 @@ NTSTATUS FolderBranch(DriveState* state, OpenRequest& r, ULONG kernelDisposition
     // Creating folders belongs to the write side; until it is there the
     // virtual structure's answers hold for both.
     if (kernelDisposition == FILE_CREATE || IsOriginalStructure(state)) {
+      CReadLock lock(&state->rDriveLock);
       status = IsOriginalStructure(state) && kernelDisposition == FILE_OPEN_IF && FindFolder(state, r.path)
                    ? STATUS_SUCCESS
                    : STATUS_ACCESS_DENIED;
