@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <unordered_map>
 
 #include "common/ptr_list.h"
 #include "directory/find_data.h"
@@ -131,6 +132,12 @@ class CCache : public PtrList<CCacheItem> {
   void _Rebuild(const std::string& folder, const std::string& baseFolder, uint64_t* counter,
                 int createItems, PtrList<CCacheItem>* target);
 
+  void IndexAdd(CCacheItem* item);
+  void IndexRemove(const CCacheItem* item);
+
+  // Find by key (name and file name, A-Z folded) without a walk; kept in
+  // step with the list by Add, Delete and Rebuild.
+  std::unordered_multimap<std::string, CCacheItem*> m_index;
   std::string m_sCacheFolder;
   std::string m_sDriveFolder;
   char m_cDriveLetter = 0;
@@ -138,6 +145,13 @@ class CCache : public PtrList<CCacheItem> {
   CCacheSharedTable* m_pTable = nullptr;  // not owned
   uint64_t m_ullLimitOverride = 0;
 };
+
+// The creation time of a local copy. Linux files have no settable creation
+// time, so the copy carries it in the extended attribute
+// "user.quillbox.created" (on file systems without user attributes: its
+// last-write time).
+bool SetCopyCreationTime(const std::string& path, const FILETIME& created);
+bool GetCopyCreationTime(const std::string& path, FILETIME* created);
 
 // The program's file-removal helpers: a file, and a folder with its content.
 bool DeleteFileEx(const std::string& path);

@@ -11,8 +11,10 @@
 //   CreateDownloadWorker), registers WPDEventCallback with the helper, lists
 //   the device into the tree under the drive lock held for writing, starts
 //   the crawler (CreateCrawlerWorker) and calls DokanMain with
-//   QuillboxOperations(). After DokanMain returns: DeRegisterEventHandler,
-//   StopDriveWorkers (1000 ms), and only when that answers true destroy the
+//   QuillboxOperations(). After DokanMain returns: StopDriveWorkers (1000 ms;
+//   first, because it ends a running transfer that would otherwise keep the
+//   request worker busy), DeRegisterEventHandler, and only when
+//   StopDriveWorkers answered true destroy the
 //   tree, the cache and the state (SetDriveState(nullptr) first). When it
 //   answers false a worker still runs inside a device call and may touch the
 //   state when the call returns: leave the state (and its tree) allocated;
