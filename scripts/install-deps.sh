@@ -10,6 +10,7 @@ packages=(
   qt6-base-dev libxcb1-dev xvfb
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   tzdata procps psmisc
+  rsync tar coreutils findutils
 )
 
 missing=()

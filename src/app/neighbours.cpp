@@ -19,6 +19,7 @@
 #include "platform/system/paths.h"
 #include "settings/profiles.h"
 #include "settings/settings.h"
+#include "shell/drive_icon.h"
 
 namespace qb::app::nb {
 namespace {
@@ -250,6 +251,11 @@ std::vector<std::string> StorageNames(const std::string& deviceId) {
   return out;
 }
 
+CWPDHelperBase* DeviceAccessObject() {
+  std::lock_guard<std::mutex> lock(g_deviceMutex);
+  return g_device.get();
+}
+
 // ---- drive layer ----
 
 DriveType GetDriveType(char letter) {
@@ -296,8 +302,7 @@ int DokanVersion() { return static_cast<int>(::DokanVersion()); }
 int DokanDriverVersion() { return static_cast<int>(::DokanDriverVersion()); }
 
 // ---- shell ----
-// The shell layer keeps no drive-icon registrations yet.
-void RemoveDriveIcon(char) {}
+void RemoveDriveIcon(char letter) { qb::shell::RemoveDriveIcon(letter); }
 
 // ---- cache ----
 // The cache layer rebuilds the table when it lands; until then the table

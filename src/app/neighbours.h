@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+class CWPDHelperBase;
+
 namespace qb::sys {
 class NamedMutex;
 }
@@ -62,6 +64,9 @@ bool GetDevices(DeviceList* list);
 bool DeviceAccessFailed();
 // The names of a device's storages, in the device's order.
 std::vector<std::string> StorageNames(const std::string& deviceId);
+// The device-access object itself (null before StartDeviceAccess); it lives
+// until the process ends.
+CWPDHelperBase* DeviceAccessObject();
 
 // ---- drive layer ----
 enum class DriveType { kNoRootDir, kRemovable, kFixed };
