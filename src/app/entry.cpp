@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "app/command_line.h"
+#include "app/desktop_host.h"
 #include "app/invocation.h"
 #include "app/main_codes.h"
 #include "app/neighbours.h"
@@ -24,23 +25,12 @@ int32_t RunCommandLine(int argc, char** argv) {
   return ProcessError(quiet, code);
 }
 
-int32_t RunInteractive(CSuperGlobals* globals) {
-  if (globals->GetMainHWND()) {
-    Trace(kTag, "Main window 0x%08X runs already", static_cast<uint32_t>(globals->GetMainHWND()));
-    return 0;
-  }
-  // The main window is not part of this build: show how the command line
-  // is used instead.
-  Trace(kTag, "No main window in this build");
-  ui::MessageBox("Quillbox", UsageText(), ui::Icon::kInformation, ui::Buttons::kOk, ui::Answer::kOk, true);
-  return 0;
-}
-
 }  // namespace
 
 int QuillboxEntry(int argc, char** argv) {
   // Before any thread starts, so that only the watcher takes these signals.
   sys::BlockSessionSignals();
+  if (argc <= 1) BlockWindowSignals();
   CSuperGlobals globals;
   SetSuperGlobals(&globals);
   const bool agent = argc == 3 && std::strcmp(argv[1], "/b") == 0;
@@ -53,12 +43,14 @@ int QuillboxEntry(int argc, char** argv) {
   Trace(kTag, "ENTER argc=%d", argc);
   ProcessStorageLists().Clear();
   nb::StartDeviceAccess();
-  // The session-end watcher stands for the hidden event-handler window; every
-  // role has it, so that each ends cleanly on SIGTERM, SIGHUP and SIGINT.
+  // The session-end watcher stands for the hidden event-handler window, so
+  // that each role ends cleanly on SIGTERM, SIGHUP and SIGINT. The
+  // interactive instance reads those signals in its window's loop instead
+  // (with SIGUSR1, a second instance's call to the front).
   g_interactiveInstance = argc <= 1;
   sys::SessionSignalWatcher sessionEnd;
-  sessionEnd.Start(OnSessionEnd);
-  int32_t exitCode = argc > 1 ? RunCommandLine(argc, argv) : RunInteractive(&globals);
+  if (argc > 1) sessionEnd.Start(OnSessionEnd);
+  int32_t exitCode = argc > 1 ? RunCommandLine(argc, argv) : RunInteractiveInstance(&globals);
   sessionEnd.Stop();
   nb::StopDeviceAccess();
   ProcessStorageLists().Clear();

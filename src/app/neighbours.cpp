@@ -19,6 +19,7 @@
 #include "platform/system/paths.h"
 #include "settings/profiles.h"
 #include "settings/settings.h"
+#include "shell/drive_icon.h"
 
 namespace qb::app::nb {
 namespace {
@@ -60,6 +61,11 @@ std::vector<diag::LogSetting> SettingsForHeader() {
 
 std::mutex g_deviceMutex;
 std::unique_ptr<CWPDHelperLocal> g_device;  // under g_deviceMutex
+
+HRESULT IgnoreDeviceEvent(const char*, const char*, uint32_t, const char*, uint32_t, const char*, const char*,
+                          const uint32_t*, const uint64_t*, const FILETIME*, const FILETIME*) {
+  return S_OK;
+}
 
 std::vector<std::string> ToVector(const PtrList<std::string>& list) {
   std::vector<std::string> out;
@@ -213,6 +219,43 @@ bool GetDevices(DeviceList* list) {
   return true;
 }
 
+bool DeviceAccessFailed() {
+  std::lock_guard<std::mutex> lock(g_deviceMutex);
+  return !g_device || FAILED(g_device->InitResult());
+}
+
+std::vector<std::string> StorageNames(const std::string& deviceId) {
+  PtrList<std::string> names, values;
+  HRESULT hr;
+  {
+    // The device is opened only for this reading; its events are not wanted.
+    std::lock_guard<std::mutex> lock(g_deviceMutex);
+    if (!g_device) return {};
+    hr = g_device->RegisterEventHandler(deviceId.c_str(), IgnoreDeviceEvent);
+    if (SUCCEEDED(hr)) {
+      hr = g_device->GetDeviceProps(&names, &values, 0, 1, 0, nullptr);
+      g_device->DeRegisterEventHandler();
+    }
+  }
+  std::vector<std::string> out;
+  if (FAILED(hr)) return out;
+  bool inStorage = false;
+  for (uint32_t i = 0; i < names.Count() && i < values.Count(); ++i) {
+    const std::string name = names.Get(i) ? *names.Get(i) : std::string();
+    if (name == "WPD_STORAGE_INDEX") inStorage = true;
+    if (inStorage && name == "WPD_OBJECT_NAME") {
+      out.push_back(values.Get(i) ? *values.Get(i) : std::string());
+      inStorage = false;
+    }
+  }
+  return out;
+}
+
+CWPDHelperBase* DeviceAccessObject() {
+  std::lock_guard<std::mutex> lock(g_deviceMutex);
+  return g_device.get();
+}
+
 // ---- drive layer ----
 
 DriveType GetDriveType(char letter) {
@@ -259,8 +302,7 @@ int DokanVersion() { return static_cast<int>(::DokanVersion()); }
 int DokanDriverVersion() { return static_cast<int>(::DokanDriverVersion()); }
 
 // ---- shell ----
-// The shell layer keeps no drive-icon registrations yet.
-void RemoveDriveIcon(char) {}
+void RemoveDriveIcon(char letter) { qb::shell::RemoveDriveIcon(letter); }
 
 // ---- cache ----
 // The cache layer rebuilds the table when it lands; until then the table

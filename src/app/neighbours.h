@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+class CWPDHelperBase;
+
 namespace qb::sys {
 class NamedMutex;
 }
@@ -58,6 +60,13 @@ void StartDeviceAccess();
 void StopDeviceAccess();  // 5000 ms limit
 // False when the list could not be read (empty lists then).
 bool GetDevices(DeviceList* list);
+// The device-access object reported a failed start.
+bool DeviceAccessFailed();
+// The names of a device's storages, in the device's order.
+std::vector<std::string> StorageNames(const std::string& deviceId);
+// The device-access object itself (null before StartDeviceAccess); it lives
+// until the process ends.
+CWPDHelperBase* DeviceAccessObject();
 
 // ---- drive layer ----
 enum class DriveType { kNoRootDir, kRemovable, kFixed };

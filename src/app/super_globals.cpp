@@ -1,6 +1,5 @@
 #include "app/super_globals.h"
 
-#include <dirent.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -8,7 +7,6 @@
 #include <cinttypes>
 #include <cstring>
 #include <filesystem>
-#include <thread>
 
 #include "app/neighbours.h"
 #include "app/shared_handle.h"
@@ -17,6 +15,7 @@
 #include "platform/system/child_handles.h"
 #include "platform/system/named_mutex.h"
 #include "platform/system/paths.h"
+#include "shell/refresh.h"
 #include "ui/message_box.h"
 
 namespace qb::app {
@@ -35,19 +34,11 @@ char LetterOf(int index) { return static_cast<char>('a' + index); }
 bool PnPIdentifies() { return (nb::Flags() & 0x100) != 0; }
 
 // One directory search of the drive's root, so that the drive receives a
-// request and its serving instance signals. It runs on a thread of its own
-// that nobody waits for: a drive that does not answer must not hold us.
+// request and its serving instance signals. Another process makes it, and
+// nobody waits for it: a drive that does not answer must not hold us, and a
+// serving instance must never wait for its own drive.
 void TouchDriveRoot(char letter) {
-  std::string root = (sys::DrivesRoot() / std::string(1, ToUpperAZ(letter))).string();
-  try {
-    std::thread([root] {
-      if (DIR* dir = opendir(root.c_str())) {
-        readdir(dir);
-        closedir(dir);
-      }
-    }).detach();
-  } catch (...) {
-  }
+  shell::TouchFolder((sys::DrivesRoot() / std::string(1, ToUpperAZ(letter))).string());
 }
 
 // Flags bit 0x20 is honoured only for the program itself.

@@ -104,7 +104,7 @@ TEST_F(SessionEndTest, InteractiveInstanceEndsCleanlyOnEachSignal) {
   for (int sig : {SIGTERM, SIGINT, SIGHUP}) {
     fs::remove(Log());
     qbtest::BackgroundProcess instance({qbtest::QuillboxPath().string()}, {{"DISPLAY", ":" + display}});
-    ASSERT_TRUE(WaitForText(Log(), "WW10@MessageBox: ", 20s)) << "no box was shown";
+    ASSERT_TRUE(WaitForText(Log(), "U20@MapProc: WM_INITDIALOG", 20s)) << "no window was shown";
     instance.Signal(sig);
     int code = -1;
     ASSERT_TRUE(instance.Wait(10s, &code)) << "signal " << sig << " did not end the instance";

@@ -1,0 +1,106 @@
+// The start-up of the new drive: the mapping's Mounted slot makes the first
+// request come at once; that request (SetupIconAndSignalParent) records the
+// drive in the shared state, registers its icon, signals the instance that
+// started this one, and opens the drive or runs the user's program.
+#include <atomic>
+#include <mutex>
+
+#include "app/mapping_stages.h"
+#include "app/mapping_state.h"
+#include "app/neighbours.h"
+#include "app/super_globals.h"
+#include "common/strings.h"
+#include "diag/trace.h"
+#include "drive/drive.h"
+#include "platform/dokan/dokan_linux.h"
+#include "platform/system/process_spawn.h"
+#include "settings/settings.h"
+#include "shell/drive_icon.h"
+#include "shell/refresh.h"
+
+namespace qb::app {
+namespace {
+
+constexpr const char* kTag = "M70@SetupIconAndSignalParent: ";
+
+// Set by the Mounted slot: requests before it (the volume query that names
+// the mount) reach a drive that nobody can see yet.
+std::atomic<bool> g_mounted{false};
+std::mutex g_setupMutex;
+
+// One listing of the drive's root by another process: the kernel holds it
+// until the drive serves, and this process must never wait for its own
+// drive (it could not end while such a request is pending).
+void TouchRoot(char letter) { shell::TouchFolder(dokan::MountPointOf(letter).string()); }
+
+NTSTATUS MappingMounted(LPCWSTR mountPoint, PDOKAN_FILE_INFO info) {
+  NTSTATUS status = STATUS_SUCCESS;
+  if (const DOKAN_OPERATIONS* drive = QuillboxOperations(); drive && drive->Mounted)
+    status = drive->Mounted(mountPoint, info);
+  g_mounted = true;
+  TouchRoot(Mapping().letter);
+  return status;
+}
+
+void Start(const std::vector<std::string>& argv) {
+  sys::ChildProcess child;
+  if (sys::SpawnProcess(argv, {}, &child, true)) child.Release();
+  else Trace(kTag, "Cannot start \"%s\"", argv[0].c_str());
+}
+
+// Opens the drive in the file manager and runs the user's program, each
+// once and only when the settings ask for it.
+void OpenAndRun(MappingState* m) {
+  const uint32_t flags = nb::Flags();
+  const std::string root = dokan::MountPointOf(m->letter).string();
+  if ((flags & 0x4) && m->openExplorer.exchange(false)) Start({"xdg-open", root});
+  if (!(flags & 0x40) || !m->runProgram.exchange(false)) return;
+  std::string program, arguments;
+  Registry_Get_ProgramToRun(&program, kMaxPath);
+  Registry_Get_ProgramToRunArguments(&arguments, 520);
+  const std::string letter(1, static_cast<char>(ToUpperAZ(m->letter)));
+  for (size_t p = 0; (p = arguments.find("%L", p)) != std::string::npos; p += letter.size())
+    arguments.replace(p, 2, letter);
+  if (program.empty()) return;
+  std::vector<std::string> argv = sys::SplitCommandLine(arguments);
+  argv.insert(argv.begin(), program);
+  Start(argv);
+}
+
+}  // namespace
+
+DOKAN_OPERATIONS* MappingOperations() {
+  static DOKAN_OPERATIONS table = [] {
+    DOKAN_OPERATIONS t = *QuillboxOperations();
+    t.Mounted = MappingMounted;
+    return t;
+  }();
+  return &table;
+}
+
+void ResetMountStartUp() {
+  g_mounted = false;
+  Mapping().setupDone = false;
+}
+
+void SetupIconAndSignalParent(const char* reason) {
+  MappingState& m = Mapping();
+  if (m.setupDone || !g_mounted) return;
+  std::lock_guard<std::mutex> lock(g_setupMutex);
+  if (m.setupDone) return;
+  CSuperGlobals* g = SuperGlobals();
+  if (!g) return;
+  const char letter = m.letter;
+  Trace(kTag, "%c:%s", letter, reason ? reason : "");
+  const std::string storage = m.storageName.empty() ? m.onlyStorageName : m.storageName;
+  g->SetMappedDevice(letter, m.deviceId, m.deviceType, m.friendlyName, m.profile.alias, m.serialNumber,
+                     m.pnpIdOrEmpty, storage, Format("%d", m.storageIndex));
+  shell::SetDriveIcon(static_cast<char>(ToUpperAZ(letter)), nullptr, m.deviceType, m.pnpId, (nb::Flags() & 0x8) != 0);
+  m.setupDone = true;
+  g->SignalMappingFinishedEvent(letter, reason);
+  if (DriveState* drive = GetDriveState()) StopCrawlerWorker(drive, 0);
+  RefreshDriveFreeSpace();
+  OpenAndRun(&m);
+}
+
+}  // namespace qb::app
