@@ -14,9 +14,10 @@ export QUILLBOX_HOME="${QUILLBOX_HOME:-$(mktemp -d /tmp/quillbox-demo-XXXXXX)}"
 printf 'Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Quillbox]\n@="%s"\n' "$bin" \
   >"$QUILLBOX_HOME/machine.reg"
 
-step() { printf '\n\033[1m$ %s\033[0m\n' "$*"; "$@"; }
+show() { printf '\n\033[1m$'; printf ' %q' "$@"; printf '\033[0m\n'; }
+step() { show "$@"; "$@"; }
 # The device library's own messages (property dumps) go to a file.
-quiet_step() { printf '\n\033[1m$ %s\033[0m\n' "$*"; "$@" >>"$QUILLBOX_HOME/device-messages.txt"; }
+quiet_step() { show "$@"; "$@" >>"$QUILLBOX_HOME/device-messages.txt"; }
 
 "$bin/quillbox-simdev" demo
 step "$bin/quillbox-simdev" list
