@@ -43,7 +43,7 @@ std::string Capture(const std::string& command) {
 
 double Timed(const std::string& command) {
   const double t = Now();
-  if (Run(command) != 0) std::fprintf(stderr, "bench_drive: failed: %s\n", command.c_str());
+  if (Run(command) != 0) std::fprintf(stderr, "bench_drive: failed: %s\n", command.substr(0, 200).c_str());
   return Now() - t;
 }
 
@@ -134,12 +134,13 @@ std::string ProbeLs(const std::string& device) {
 
 }  // namespace
 
+// A folder of the storage's top level.
 std::string FolderIdOf(const std::string& device, const std::string& name) {
-  const std::string out = ProbeLs(device);
-  const size_t at = out.find("\\" + name + "\\");
-  if (at == std::string::npos) return "";
-  const size_t line = out.rfind('\n', at);
-  return BracketId(out.substr(line + 1, out.find('\n', at) - line - 1));
+  std::istringstream lines(ProbeLs(device));
+  std::string line;
+  while (std::getline(lines, line))
+    if (line.rfind("folder ", 0) == 0 && line.find("  \\" + name + "  [") != std::string::npos) return BracketId(line);
+  return "";
 }
 
 std::string StorageIdOf(const std::string& device) {
