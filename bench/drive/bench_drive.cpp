@@ -1,143 +1,26 @@
 // Drive benchmarks over a simulated device: cold and warm reads against the
 // device tool and the cache copy, time to the first bytes, throttled
-// throughput, folder listings and a device of 100,000 objects. Prints
-// figures and ratios against baselines measured in the same run.
+// throughput, folder listings and a device of 100,000 objects; writes and
+// changes on the device (bench_drive_write.cpp). Prints figures and ratios
+// against baselines measured in the same run.
 //
-// usage: bench_drive [--quick] [--only reads|listing|large]   (run it with nice)
+// usage: bench_drive [--quick] [--only reads|listing|large|writes|changes]
+//        (run it with nice)
 #include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
-#include <vector>
 
-#include "platform/dokan/dokan.h"
-#include "platform/dokan/dokan_linux.h"
-#include "platform/portable/sim_devices.h"
+#include "bench_support.h"
 
 namespace fs = std::filesystem;
-namespace sim = qb::portable::sim;
+using namespace bench;
 
 namespace {
-
-constexpr char kLetter = 'B';
-const std::string kBin = QB_BIN_DIR;
-std::string g_device;  // storage folder of the bench device
-
-double Now() {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-int Run(const std::string& command) { return std::system(("bash -c '" + command + "' >/dev/null 2>&1").c_str()); }
-
-std::string Capture(const std::string& command) {
-  std::string out;
-  FILE* p = popen(command.c_str(), "r");
-  if (!p) return out;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-  pclose(p);
-  return out;
-}
-
-double Timed(const std::string& command) {
-  const double t = Now();
-  if (Run(command) != 0) std::fprintf(stderr, "bench_drive: failed: %s\n", command.c_str());
-  return Now() - t;
-}
-
-void MakeDevice(const std::string& folder) {
-  sim::DeviceSpec spec;
-  spec.folder = folder;
-  spec.friendlyName = "Bench " + folder;
-  sim::StorageSpec s;
-  s.folder = "internal";
-  s.freeSpace = 8ull << 30;  // stated, as a real device states it
-  spec.storages = {s};
-  std::string error;
-  if (!sim::WriteDevice(spec, &error)) std::fprintf(stderr, "bench_drive: %s\n", error.c_str());
-}
-
-std::string Storage(const std::string& folder) { return (sim::DeviceFolder(folder) / "internal").string(); }
-
-void MakeFile(const std::string& path, uint64_t size) {
-  fs::create_directories(fs::path(path).parent_path());
-  std::ofstream out(path, std::ios::binary);
-  std::string block(1 << 20, '\0');
-  uint32_t x = 12345;
-  for (char& c : block) c = static_cast<char>((x = x * 1664525u + 1013904223u) >> 24);
-  for (uint64_t done = 0; done < size; done += block.size()) {
-    block[0] = static_cast<char>(done >> 20);  // no two blocks alike
-    out.write(block.data(), static_cast<std::streamsize>(std::min<uint64_t>(block.size(), size - done)));
-  }
-}
-
-struct Server {
-  pid_t pid = -1;
-  bool Start(const std::string& device, const std::vector<std::string>& extra = {}) {
-    std::vector<std::string> args{QB_DRIVE_SERVER, std::string(1, kLetter), "Bench " + device,
-                                  "--cache-limit-mb", "4096"};
-    args.insert(args.end(), extra.begin(), extra.end());
-    pid = fork();
-    if (pid == 0) {
-      std::vector<char*> argv;
-      for (auto& a : args) argv.push_back(a.data());
-      argv.push_back(nullptr);
-      int null = open("/dev/null", O_WRONLY);
-      dup2(null, 1);
-      dup2(null, 2);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-    const double end = Now() + 60;
-    while (Now() < end) {
-      if (Capture("grep -c ' " + Drive() + " ' /proc/mounts") == "1\n") return true;
-      usleep(2000);
-    }
-    return false;
-  }
-  void Stop() {
-    if (pid < 0) return;
-    const std::string mp = std::string(1, kLetter) + ":\\";
-    DokanRemoveMountPoint(mp.c_str());
-    int status = 0;
-    for (int i = 0; i < 200 && waitpid(pid, &status, WNOHANG) == 0; ++i) usleep(50000);
-    if (waitpid(pid, &status, WNOHANG) == 0) {
-      qb::dokan::ForceRemoveMountPoint(kLetter);
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-    }
-    pid = -1;
-  }
-  static std::string Drive() { return qb::dokan::MountPointOf(kLetter).string(); }
-  long RssKiB() const {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(in, line))
-      if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6);
-    return 0;
-  }
-};
-
-std::string ObjectIdOf(const std::string& device, const std::string& name) {
-  const std::string out = Capture(kBin + "/quillbox-probe ls \"Bench " + device + "\" 2>/dev/null");
-  std::istringstream lines(out);
-  std::string line;
-  while (std::getline(lines, line))
-    if (line.find("  \\" + name + "  [") != std::string::npos || line.find(name + "  [") != std::string::npos) {
-      const size_t open = line.rfind('['), close = line.rfind(']');
-      return line.substr(open + 1, close - open - 1);
-    }
-  return "";
-}
 
 double FirstBytes(const std::string& path) {
   const double t = Now();
@@ -191,13 +74,7 @@ void ListingBenchmarks() {
   const std::string storage = Storage(dev);
   fs::create_directories(storage + "/many");
   for (int i = 0; i < 10000; ++i) std::ofstream(storage + "/many/file" + std::to_string(i) + ".jpg") << i;
-  const std::string folderId = [&] {
-    const std::string out = Capture(kBin + "/quillbox-probe ls \"Bench " + dev + "\" 2>/dev/null");
-    const size_t at = out.find("\\many\\");
-    const size_t line = out.rfind('\n', at);
-    const std::string text = out.substr(line + 1, out.find('\n', at) - line - 1);
-    return text.substr(text.rfind('[') + 1, text.rfind(']') - text.rfind('[') - 1);
-  }();
+  const std::string folderId = FolderIdOf(dev, "many");
   const double probe = Timed(kBin + "/quillbox-probe ls \"Bench " + dev + "\" --folder \"" + folderId + "\"");
   Server server;
   if (!server.Start(dev)) return;
@@ -257,6 +134,8 @@ int main(int argc, char** argv) {
   if (only.empty() || only == "reads") ReadBenchmarks(quick ? (32ull << 20) : (256ull << 20));
   if (only.empty() || only == "listing") ListingBenchmarks();
   if (only.empty() || only == "large") LargeDeviceBenchmarks(quick ? 10000 : 100000);
+  if (only.empty() || only == "writes") WriteBenchmarks(quick ? (32ull << 20) : (256ull << 20), quick ? 100 : 1000);
+  if (only.empty() || only == "changes") ChangeBenchmarks(quick ? 20 : 100);
   fs::remove_all(home);
   return 0;
 }

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 #include "common/strings.h"
@@ -29,7 +30,8 @@ const char kUsage[] =
     "  ls <device> [--storage N] [--folder OBJECTID [--path PATH]]\n"
     "                                           list content into a tree and print it\n"
     "  get <device> <object-id> <file>          download an object into a local file\n"
-    "  put <device> <parent-id> <file> [--name NAME]  upload a local file\n"
+    "  put <device> <parent-id> <file>... [--name NAME]\n"
+    "                                           upload local files (--name: one file)\n"
     "  mkdir <device> <parent-id> <name>        create a folder\n"
     "  rm <device> <object-id>                  delete an object (a folder must be empty)\n"
     "  mv <device> <object-id> <folder-id>      move an object into a folder\n"
@@ -345,39 +347,53 @@ HRESULT OnPutData(void* ctx, uint8_t* buffer, uint32_t size, uint64_t, const cha
   return S_OK;
 }
 
-int CmdPut(const Args& a) {
-  if (a.positional.size() != 3) return UsageError("put needs a device, a parent id and a file");
-  const std::string& local = a.positional[2];
+// Uploads one local file (already checked to be a regular file) into the
+// opened device.
+HRESULT PutOne(const std::string& local, const std::string& fileName, const std::string& parent) {
   struct stat st {};
-  if (stat(local.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
-    std::fprintf(stderr, "quillbox-probe: '%s' is not a readable file\n", local.c_str());
-    return 1;
-  }
-  std::string fileName = std::filesystem::path(local).filename().string();
-  if (const std::string* n = Option(a, "--name")) fileName = *n;
+  if (stat(local.c_str(), &st) != 0) return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
   const size_t dot = fileName.rfind('.');
   const std::string base = dot == std::string::npos ? fileName : fileName.substr(0, dot);
   const std::string ext = dot == std::string::npos ? "" : fileName.substr(dot + 1);
-  if (base.empty()) return UsageError("bad name '" + fileName + "'");
   FileSource source;
   source.file = std::fopen(local.c_str(), "rb");
-  if (!source.file) {
-    std::fprintf(stderr, "quillbox-probe: cannot read '%s': %s\n", local.c_str(), std::strerror(errno));
-    return 1;
-  }
-  std::string name;
-  if (int rc = OpenDevice(a.positional[0], nullptr, &name)) {
-    std::fclose(source.file);
-    return rc;
-  }
+  if (!source.file) return HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
   const FILETIME modified = qb::sys::UnixToFileTime(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
   const HRESULT hr = g_helper.PutFile(base.c_str(), dot == std::string::npos ? nullptr : ext.c_str(),
-                                      local.c_str(), a.positional[1].c_str(),
-                                      static_cast<uint64_t>(st.st_size), &modified, OnPutData, &source);
-  g_helper.DeRegisterEventHandler();
+                                      local.c_str(), parent.c_str(), static_cast<uint64_t>(st.st_size),
+                                      &modified, OnPutData, &source);
   std::fclose(source.file);
-  if (FAILED(hr)) return Failed("uploading '" + local + "'", hr);
-  std::printf("%s uploaded as %s\n", local.c_str(), fileName.c_str());
+  return hr;
+}
+
+// Every file is checked before the device is opened, so that a bad argument
+// uploads nothing; the files then go up one by one over one opened device.
+int CmdPut(const Args& a) {
+  if (a.positional.size() < 3) return UsageError("put needs a device, a parent id and a file");
+  const std::vector<std::string> locals(a.positional.begin() + 2, a.positional.end());
+  const std::string* rename = Option(a, "--name");
+  if (rename && locals.size() != 1) return UsageError("--name needs exactly one file");
+  std::vector<std::string> names;
+  for (const std::string& local : locals) {
+    struct stat st {};
+    if (stat(local.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || access(local.c_str(), R_OK) != 0) {
+      std::fprintf(stderr, "quillbox-probe: '%s' is not a readable file\n", local.c_str());
+      return 1;
+    }
+    names.push_back(rename ? *rename : std::filesystem::path(local).filename().string());
+    if (names.back().empty() || names.back()[0] == '.') return UsageError("bad name '" + names.back() + "'");
+  }
+  std::string name;
+  if (int rc = OpenDevice(a.positional[0], nullptr, &name)) return rc;
+  for (size_t i = 0; i < locals.size(); ++i) {
+    const HRESULT hr = PutOne(locals[i], names[i], a.positional[1]);
+    if (FAILED(hr)) {
+      g_helper.DeRegisterEventHandler();
+      return Failed("uploading '" + locals[i] + "'", hr);
+    }
+    std::printf("%s uploaded as %s\n", locals[i].c_str(), names[i].c_str());
+  }
+  g_helper.DeRegisterEventHandler();
   return 0;
 }
 

@@ -138,6 +138,29 @@ TEST_F(ProbeTest, GetAndPutMoveFilesBitExactly) {
   }
 }
 
+// Several files go up in one run; one unreadable argument uploads none.
+TEST_F(ProbeTest, PutOfSeveralFilesUploadsAllOrNoneOnBadArguments) {
+  const std::string download = IdOf(Probe({"ls", "*", "--storage", "1"}).out, "\\Download");
+  ASSERT_FALSE(download.empty());
+  std::vector<std::string> args{"put", "*", download};
+  for (const char* name : {"one.txt", "two.txt", "three.bin"}) {
+    std::ofstream(home_ / name) << name;
+    args.push_back((home_ / name).string());
+  }
+  std::vector<std::string> bad = args;
+  bad.push_back((home_ / "missing.txt").string());
+  Result r = Probe(bad);
+  EXPECT_NE(r.rc, 0);
+  EXPECT_NE(r.err.find("missing.txt' is not a readable file"), std::string::npos) << r.err;
+  EXPECT_FALSE(fs::exists(device_ / "internal" / "Download" / "one.txt"));
+  r = Probe({"put", "*", download, args[3], args[4], "--name", "x.txt"});
+  EXPECT_EQ(r.rc, 2) << r.err;
+  r = Probe(args);
+  ASSERT_EQ(r.rc, 0) << r.err;
+  for (const char* name : {"one.txt", "two.txt", "three.bin"})
+    EXPECT_EQ(ReadAll(device_ / "internal" / "Download" / name), name);
+}
+
 TEST_F(ProbeTest, FolderCommandsAndFaults) {
   Result ls = Probe({"ls", "*", "--storage", "1"});
   const std::string dcim = IdOf(ls.out, "\\DCIM");
