@@ -140,7 +140,7 @@ TEST(Data, RandomOperationMixKeepsEveryByte) {
         ASSERT_EQ(0, ::rename((d / names[i]).c_str(), (d / renamed).c_str())) << "op " << op;
         names[i] = renamed;
         fds[i] = ::open((d / names[i]).c_str(), O_RDWR);
-        ASSERT_GE(fds[i], 0) << "op " << op;
+        ASSERT_GE(fds[i], 0) << "op " << op << ": " << std::strerror(errno);
         break;
       }
     }

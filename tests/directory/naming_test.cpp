@@ -152,7 +152,8 @@ TEST_F(SortTest, AFileThatCannotBeNamedLeavesTheOthersNamed) {
   tree_.Sort(0);
   EXPECT_EQ(good->sFullName, "\\IMG_2_IMG_2_IMG_2");
   EXPECT_EQ(bad->rFindData.cFileName, longName + ".JPG");
-  EXPECT_EQ(again->rFindData.cFileName, longName + ".JPG");
+  // Both fall back to their original name, and each keeps a name of its own.
+  EXPECT_EQ(again->rFindData.cFileName, longName + " (1).JPG");
 }
 
 TEST_F(SortTest, NumbersInNamesOrderFilesOfOneTime) {
