@@ -13,6 +13,7 @@
 #include "drive/drive.h"
 #include "i18n/i18n.h"
 #include "settings/settings.h"
+#include "ui/desktop.h"
 
 namespace qb::app {
 namespace {
@@ -73,7 +74,7 @@ int32_t ChooseStorage(MappingState* m) {
 bool BatteryAllows(const DeviceProps& props) {
   if (!(nb::Flags() & 0x2) || props.friendlyName.empty() || props.powerLevel < 0 || props.powerLevel >= 10)
     return true;
-  return AskYesNo(I18N_Format(-28, {props.friendlyName, static_cast<int32_t>(props.powerLevel)}), true);
+  return ui::AskBatteryLow(props.friendlyName, static_cast<int>(props.powerLevel));
 }
 
 void RecordDevice(MappingState* m, const DeviceProps& props) {
@@ -140,7 +141,7 @@ int32_t SelectAndList(MappingState* m, DriveState* drive, bool* listed) {
 
 bool PrepareMount(MappingState* m, DriveState* drive) {
   CDirectory* tree = drive->pDirectory.get();
-  if (tree->GetRootDir()[0] == 0 && !AskYesNo(I18N_Format(-34), true)) return false;
+  if (tree->GetRootDir()[0] == 0 && !ui::AskMapEmptyDevice()) return false;
   const bool isVirtual = (m->structureFlags & 0xFFFF) == 1;
   ShowProgress(isVirtual ? I18N_SortingFilesVirtual() : I18N_SortingFiles());
   {

@@ -12,10 +12,4 @@ void ShowWarning(const std::string& text) {
   ui::MessageBox(nb::TitleError(), text, ui::Icon::kWarning, ui::Buttons::kOk, ui::Answer::kOk);
 }
 
-bool AskYesNo(const std::string& text, bool defaultYes) {
-  ui::Answer a = ui::MessageBox(nb::TitleQuestion(), text, ui::Icon::kQuestion, ui::Buttons::kYesNo,
-                                defaultYes ? ui::Answer::kYes : ui::Answer::kNo);
-  return a == ui::Answer::kYes;
-}
-
 }  // namespace qb::app

@@ -1,13 +1,12 @@
 #pragma once
-// The message boxes of the mapping: errors and warnings with the error
-// title, questions with the question title. Without a display a box is one
-// line on standard error and a question takes its default answer.
+// The warnings of the mapping, under the error title (its questions are the
+// desktop's, ui/desktop.h). Without a display a box is one line on standard
+// error.
 #include <string>
 
 namespace qb::app {
 
 void ShowErrorText(int textId);
 void ShowWarning(const std::string& text);
-bool AskYesNo(const std::string& text, bool defaultYes);
 
 }  // namespace qb::app
