@@ -1,52 +1,8 @@
 #include "mtp_emulator/ptp_data.h"
 
+#include "common/strings.h"
+
 namespace qb::mtpemu::ptp {
-namespace {
-
-// UTF-8 to UTF-16 code units; bad bytes become U+FFFD.
-std::u16string ToUtf16(const std::string& s) {
-  std::u16string out;
-  for (size_t i = 0; i < s.size();) {
-    unsigned char c = static_cast<unsigned char>(s[i]);
-    uint32_t cp = 0xFFFD;
-    size_t n = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 ? 4 : 0;
-    if (n == 0 || i + n > s.size()) {
-      ++i;
-    } else {
-      cp = n == 1 ? c : c & (0x7F >> n);
-      for (size_t k = 1; k < n; ++k) cp = (cp << 6) | (static_cast<unsigned char>(s[i + k]) & 0x3F);
-      i += n;
-    }
-    if (cp >= 0x10000) {
-      cp -= 0x10000;
-      out.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
-      out.push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
-    } else {
-      out.push_back(static_cast<char16_t>(cp));
-    }
-  }
-  return out;
-}
-
-void PutUtf8(std::string* out, uint32_t cp) {
-  if (cp < 0x80) {
-    out->push_back(static_cast<char>(cp));
-  } else if (cp < 0x800) {
-    out->push_back(static_cast<char>(0xC0 | (cp >> 6)));
-    out->push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-  } else if (cp < 0x10000) {
-    out->push_back(static_cast<char>(0xE0 | (cp >> 12)));
-    out->push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-    out->push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-  } else {
-    out->push_back(static_cast<char>(0xF0 | (cp >> 18)));
-    out->push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-    out->push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-    out->push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-  }
-}
-
-}  // namespace
 
 void DataWriter::U16(uint16_t v) {
   U8(static_cast<uint8_t>(v));
@@ -64,7 +20,7 @@ void DataWriter::U64(uint64_t v) {
 }
 
 void DataWriter::String(const std::string& utf8) {
-  std::u16string units = ToUtf16(utf8);
+  std::u16string units = qb::ToUtf16(utf8);
   if (units.size() > 254) units.resize(254);
   if (units.empty()) {
     U8(0);
@@ -112,18 +68,12 @@ uint64_t DataReader::U64() {
 
 std::string DataReader::String() {
   uint8_t count = U8();
-  std::string out;
+  std::u16string units;
   for (uint8_t i = 0; i < count && !failed_; ++i) {
-    uint32_t u = U16();
-    if (u == 0) continue;
-    if (u >= 0xD800 && u < 0xDC00 && i + 1 < count) {
-      uint32_t low = U16();
-      ++i;
-      u = 0x10000 + ((u - 0xD800) << 10) + (low - 0xDC00);
-    }
-    PutUtf8(&out, u);
+    const uint16_t u = U16();
+    if (u != 0) units.push_back(static_cast<char16_t>(u));
   }
-  return out;
+  return qb::ToUtf8(units);
 }
 
 std::vector<uint8_t> Container(uint16_t type, uint16_t code, uint32_t transaction, const std::vector<uint8_t>& payload) {
