@@ -10,24 +10,13 @@
 #include "app/super_globals.h"
 #include "i18n/i18n.h"
 #include "i18n/lang_file_writer.h"
+#include "support/files.h"
 #include "support/test_home.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
-
-std::string ReadAll(const fs::path& file) {
-  std::ifstream f(file, std::ios::binary);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
-
-void WriteFile(const fs::path& file, const std::string& text) {
-  fs::create_directories(file.parent_path());
-  std::ofstream(file, std::ios::binary) << text;
-}
 
 // The pending root is taken over once: the old cache folder goes, the trace
 // log and the rescued data beside it stay, and the pending value is cleared.
@@ -37,23 +26,23 @@ TEST(PendingCacheRoot, IsTakenOverOnceAndSparesTheLogAndRescuedData) {
   qbtest::WriteHive(home / "user.reg", "HKEY_CURRENT_USER", "SOFTWARE\\Quillbox",
                     {"\"Flags\"=dword:00000001", "\"CacheRootPending\"=\"" + newRoot.string() + "\""});
   const fs::path quillbox = home / "local" / "Quillbox";
-  WriteFile(quillbox / "QUILLBOX_CACHE" / "W" / "old.jpg", "cached");
-  WriteFile(quillbox / "Rescued" / "note.txt", "written by the user");
+  qbtest::WriteText(quillbox / "QUILLBOX_CACHE" / "W" / "old.jpg", "cached");
+  qbtest::WriteText(quillbox / "Rescued" / "note.txt", "written by the user");
 
   auto r = qbtest::RunProgram({qbtest::QuillboxPath().string(), "/?"}, 20s);
   ASSERT_TRUE(r.finished);
   EXPECT_EQ(r.code, 0) << r.err;
   EXPECT_FALSE(fs::exists(quillbox / "QUILLBOX_CACHE")) << "the old cache folder goes";
-  EXPECT_EQ(ReadAll(quillbox / "Rescued" / "note.txt"), "written by the user");
-  const std::string log = ReadAll(quillbox / "QUILLBOX.log");
+  EXPECT_EQ(qbtest::ReadText(quillbox / "Rescued" / "note.txt"), "written by the user");
+  const std::string log = qbtest::ReadText(quillbox / "QUILLBOX.log");
   EXPECT_NE(log.find("M10@main: RETURN"), std::string::npos) << "the log of this start is whole:\n" << log;
-  const std::string hive = ReadAll(home / "user.reg");
+  const std::string hive = qbtest::ReadText(home / "user.reg");
   EXPECT_EQ(hive.find("CacheRootPending"), std::string::npos) << hive;
   EXPECT_NE(hive.find("\"CacheRoot\"=\"" + newRoot.string() + "\""), std::string::npos) << hive;
 
   // The next first instance has nothing to take over: a cache made meanwhile
   // under the new root stays.
-  WriteFile(newRoot / "Quillbox" / "QUILLBOX_CACHE" / "W" / "new.jpg", "cached");
+  qbtest::WriteText(newRoot / "Quillbox" / "QUILLBOX_CACHE" / "W" / "new.jpg", "cached");
   r = qbtest::RunProgram({qbtest::QuillboxPath().string(), "/?"}, 20s);
   ASSERT_TRUE(r.finished);
   EXPECT_TRUE(fs::exists(newRoot / "Quillbox" / "QUILLBOX_CACHE" / "W" / "new.jpg"));
@@ -64,11 +53,11 @@ TEST(PendingCacheRoot, EqualToTheCurrentRootIsOnlyCleared) {
   const fs::path root = home / "root";
   qbtest::WriteHive(home / "user.reg", "HKEY_CURRENT_USER", "SOFTWARE\\Quillbox",
                     {"\"CacheRoot\"=\"" + root.string() + "\"", "\"CacheRootPending\"=\"" + root.string() + "/\""});
-  WriteFile(root / "Quillbox" / "QUILLBOX_CACHE" / "W" / "kept.jpg", "cached");
+  qbtest::WriteText(root / "Quillbox" / "QUILLBOX_CACHE" / "W" / "kept.jpg", "cached");
   auto r = qbtest::RunProgram({qbtest::QuillboxPath().string(), "/?"}, 20s);
   ASSERT_TRUE(r.finished);
   EXPECT_TRUE(fs::exists(root / "Quillbox" / "QUILLBOX_CACHE" / "W" / "kept.jpg"));
-  EXPECT_EQ(ReadAll(home / "user.reg").find("CacheRootPending"), std::string::npos);
+  EXPECT_EQ(qbtest::ReadText(home / "user.reg").find("CacheRootPending"), std::string::npos);
 }
 
 // The installation check speaks the user's language like every other text.

@@ -15,6 +15,7 @@
 #include "platform/portable/sim_devices.h"
 #include "platform/system/paths.h"
 #include "platform/system/shared_section.h"
+#include "support/files.h"
 #include "support/test_home.h"
 
 namespace {
@@ -22,17 +23,10 @@ namespace {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-std::string ReadAll(const fs::path& file) {
-  std::ifstream f(file, std::ios::binary);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
-
 // Waits (bounded) until the file holds `text`: the instance wrote that far.
 bool WaitForText(const fs::path& file, const std::string& text, std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (ReadAll(file).find(text) == std::string::npos) {
+  while (qbtest::ReadText(file).find(text) == std::string::npos) {
     if (std::chrono::steady_clock::now() >= deadline) return false;
     std::this_thread::sleep_for(20ms);
   }

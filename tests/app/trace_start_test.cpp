@@ -5,18 +5,12 @@
 #include <sstream>
 
 #include "app/run_process.h"
+#include "support/files.h"
 #include "support/test_home.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-std::string ReadAll(const std::filesystem::path& file) {
-  std::ifstream f(file, std::ios::binary);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
 
 TEST(TraceStart, FlagsBitOneWritesTheLog) {
   qbtest::ScopedHome home;
@@ -26,7 +20,7 @@ TEST(TraceStart, FlagsBitOneWritesTheLog) {
   EXPECT_EQ(r.code, 0);
   auto log = home / "local" / "Quillbox" / "QUILLBOX.log";
   ASSERT_TRUE(std::filesystem::exists(log));
-  std::string text = ReadAll(log);
+  std::string text = qbtest::ReadText(log);
   EXPECT_EQ(text.rfind("=============================================================\r\n", 0), 0u) << text;
   EXPECT_NE(text.find("Flags=0x00000001\r\n"), std::string::npos) << text;
   EXPECT_NE(text.find("M10@main: ENTER"), std::string::npos) << text;
@@ -55,7 +49,7 @@ TEST(TraceStart, TraceFlagsBecomeFlags) {
                     {"\"TraceFlags\"=dword:00000001"});
   auto r = qbtest::RunProgram({qbtest::QuillboxPath().string(), "/?"}, 20s);
   ASSERT_TRUE(r.finished);
-  std::string hive = ReadAll(home / "user.reg");
+  std::string hive = qbtest::ReadText(home / "user.reg");
   EXPECT_NE(hive.find("\"Flags\"=dword:00000003"), std::string::npos) << hive;
   EXPECT_EQ(hive.find("TraceFlags"), std::string::npos) << hive;
   // Bit 1 is on now: the log was written too.
@@ -72,7 +66,7 @@ TEST(TraceStart, TwoInstancesShareOneLog) {
   ASSERT_TRUE(r.finished);
   holder.CloseInput();
   ASSERT_TRUE(holder.Wait(10s, nullptr));
-  std::string text = ReadAll(home / "local" / "Quillbox" / "QUILLBOX.log");
+  std::string text = qbtest::ReadText(home / "local" / "Quillbox" / "QUILLBOX.log");
   // One header (two dashed lines), written by the first instance; the
   // second appends.
   const std::string dashes = std::string(61, '-') + "\r\n";

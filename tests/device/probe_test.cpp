@@ -6,6 +6,7 @@
 #include <random>
 #include <sstream>
 
+#include "support/files.h"
 #include "support/test_home.h"
 
 namespace {
@@ -21,13 +22,6 @@ std::string Quote(const std::string& s) {
   std::string q = "'";
   for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return q + "'";
-}
-
-std::string ReadAll(const fs::path& p) {
-  std::ifstream in(p, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
 }
 
 class ProbeTest : public ::testing::Test {
@@ -48,8 +42,8 @@ class ProbeTest : public ::testing::Test {
     Result r;
     const int status = std::system(cmd.c_str());
     r.rc = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    r.out = ReadAll(out);
-    r.err = ReadAll(err);
+    r.out = qbtest::ReadText(out);
+    r.err = qbtest::ReadText(err);
     return r;
   }
   Result Probe(const std::vector<std::string>& args) { return Run("quillbox-probe", args); }
@@ -127,14 +121,14 @@ TEST_F(ProbeTest, GetAndPutMoveFilesBitExactly) {
     std::ofstream(local, std::ios::binary).write(data.data(), static_cast<std::streamsize>(size));
     Result r = Probe({"put", "*", download, local.string()});
     ASSERT_EQ(r.rc, 0) << r.err;
-    EXPECT_EQ(ReadAll(device_ / "internal" / "Download" / local.filename()), data);
+    EXPECT_EQ(qbtest::ReadText(device_ / "internal" / "Download" / local.filename()), data);
     ls = Probe({"ls", "*", "--storage", "1"});
     const std::string id = IdOf(ls.out, "\\Download\\" + local.filename().string());
     ASSERT_FALSE(id.empty()) << ls.out;
     const fs::path back = home_ / "back.bin";
     r = Probe({"get", "*", id, back.string()});
     ASSERT_EQ(r.rc, 0) << r.err;
-    EXPECT_EQ(ReadAll(back), data);
+    EXPECT_EQ(qbtest::ReadText(back), data);
   }
 }
 
@@ -158,7 +152,7 @@ TEST_F(ProbeTest, PutOfSeveralFilesUploadsAllOrNoneOnBadArguments) {
   r = Probe(args);
   ASSERT_EQ(r.rc, 0) << r.err;
   for (const char* name : {"one.txt", "two.txt", "three.bin"})
-    EXPECT_EQ(ReadAll(device_ / "internal" / "Download" / name), name);
+    EXPECT_EQ(qbtest::ReadText(device_ / "internal" / "Download" / name), name);
 }
 
 TEST_F(ProbeTest, FolderCommandsAndFaults) {

@@ -9,19 +9,13 @@
 #include "common/strings.h"
 #include "platform/registry/registry.h"
 #include "platform/system/paths.h"
+#include "support/files.h"
 #include "support/test_home.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using qb::reg::Key;
-
-std::string ReadFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
 
 class Settings : public ::testing::Test {
  protected:
@@ -84,7 +78,7 @@ TEST_F(Settings, TraceFlagsBecomesFlagsWithTheBatteryBit) {
                                             "[HKEY_CURRENT_USER\\SOFTWARE\\Quillbox]\n"
                                             "\"TraceFlags\"=dword:00000001\n";
   EXPECT_EQ(Registry_Get_Flags(), 3u);
-  const std::string text = ReadFile(qb::sys::UserHivePath());
+  const std::string text = qbtest::ReadText(qb::sys::UserHivePath());
   EXPECT_NE(text.find("\"Flags\"=dword:00000003"), std::string::npos) << text;
   EXPECT_EQ(text.find("TraceFlags"), std::string::npos) << text;
   EXPECT_EQ(Registry_Get_Flags(), 3u);
@@ -272,7 +266,7 @@ TEST_F(Settings, DumpListsEveryUserValue) {
   ASSERT_NE(file, nullptr);
   Registry_DumpSettings(file);
   fclose(file);
-  EXPECT_EQ(ReadFile(out).substr(0, 34), "Flags=0x00000203\r\n@=unnamed\r\nTimes");
+  EXPECT_EQ(qbtest::ReadText(out).substr(0, 34), "Flags=0x00000203\r\n@=unnamed\r\nTimes");
 }
 
 // A bad line costs that setting only; the file is kept as it was.
@@ -286,7 +280,7 @@ TEST_F(Settings, BadLineInTheHiveCostsOnlyItsOwnSetting) {
   EXPECT_EQ(Registry_Get_CacheSize(), 100u);
   const std::string err = testing::internal::GetCapturedStderr();
   EXPECT_NE(err.find("line 4 skipped"), std::string::npos) << err;
-  EXPECT_EQ(ReadFile(qb::sys::UserHivePath()), bad);
+  EXPECT_EQ(qbtest::ReadText(qb::sys::UserHivePath()), bad);
   for (const auto& entry : fs::directory_iterator(home_.Path()))
     EXPECT_FALSE(entry.path().filename().string().starts_with("user.reg.corrupt-")) << entry.path();
 }

@@ -14,6 +14,7 @@
 #include "platform/portable/jpeg_writer.h"
 #include "platform/portable/sim_devices.h"
 #include "sim_fixture.h"
+#include "support/files.h"
 
 namespace qbtest {
 namespace {
@@ -45,13 +46,6 @@ class SimdevToolTest : public ::testing::Test {
   ScopedHome home_;
   std::filesystem::path tool_;
 };
-
-std::string Slurp(const std::filesystem::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  std::ostringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
 
 // A JPEG's structure: SOI, segments with lengths, a scan whose 0xFF bytes
 // are all stuffed, EOI at the end.
@@ -143,8 +137,8 @@ TEST_F(SimdevToolTest, DemoDeviceHasPicturesMusicAndDocumentsOnTwoStorages) {
   ASSERT_EQ(r.code, 0) << r.out;
   auto folder = qb::portable::sim::DeviceFolder(qb::portable::sim::kDemoFolder);
   auto photo = folder / "internal/DCIM/Camera/IMG_20240229_120001.jpg";
-  ExpectWellFormedJpeg(Slurp(photo));
-  EXPECT_EQ(Slurp(folder / "internal/Music/Concert A.wav").substr(0, 4), "RIFF");
+  ExpectWellFormedJpeg(qbtest::ReadText(photo));
+  EXPECT_EQ(qbtest::ReadText(folder / "internal/Music/Concert A.wav").substr(0, 4), "RIFF");
   EXPECT_TRUE(std::filesystem::exists(folder / "sdcard/DCIM/100MEDIA/DSC00001.JPG"));
   EXPECT_TRUE(std::filesystem::exists(folder / "internal/Documents/Shopping list.txt"));
   // Pictures carry the times their names tell.

@@ -6,19 +6,13 @@
 
 #include "platform/registry/registry.h"
 #include "platform/system/paths.h"
+#include "support/files.h"
 #include "support/test_home.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using qb::reg::Key;
-
-std::string ReadFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
 
 // Replaces a hive the way another process would: a new file renamed over it.
 void ReplaceFile(const fs::path& path, const std::string& text) {
@@ -50,7 +44,7 @@ TEST_F(RegistryKey, ValuesOfEveryTypeSurviveInTheFile) {
   EXPECT_EQ(key.SetDword("Flags", 0x80000003u), ERROR_SUCCESS);
   EXPECT_EQ(key.SetQword("Timestamp", 0x0102030405060708ull), ERROR_SUCCESS);
 
-  const std::string text = ReadFile(qb::sys::UserHivePath());
+  const std::string text = qbtest::ReadText(qb::sys::UserHivePath());
   EXPECT_EQ(text,
             "Windows Registry Editor Version 5.00\n\n"
             "[HKEY_CURRENT_USER\\SOFTWARE]\n\n"
@@ -164,7 +158,7 @@ TEST_F(RegistryKey, DeleteKeyRefusesSubkeysDeleteTreeTakesAll) {
   DWORD subKeys = 9, values = 9;
   EXPECT_EQ(root.QueryInfo(&subKeys, &values), ERROR_SUCCESS);
   EXPECT_EQ(subKeys + values, 0u);
-  EXPECT_EQ(ReadFile(qb::sys::UserHivePath()), "Windows Registry Editor Version 5.00\n\n[HKEY_CURRENT_USER\\P]\n\n");
+  EXPECT_EQ(qbtest::ReadText(qb::sys::UserHivePath()), "Windows Registry Editor Version 5.00\n\n[HKEY_CURRENT_USER\\P]\n\n");
 }
 
 TEST_F(RegistryKey, HivesAreSeparateFilesAndFoldersAreMadeOnWrite) {
@@ -174,7 +168,7 @@ TEST_F(RegistryKey, HivesAreSeparateFilesAndFoldersAreMadeOnWrite) {
   ASSERT_EQ(machine.Create(HKEY_LOCAL_MACHINE, "SOFTWARE\\Quillbox", KEY_ALL_ACCESS), ERROR_SUCCESS);
   machine.SetString("", "/usr/lib/quillbox");
   EXPECT_EQ(user.Open(HKEY_CURRENT_USER, "SOFTWARE\\Quillbox", KEY_READ), ERROR_FILE_NOT_FOUND);
-  EXPECT_NE(ReadFile(home_.Path() / "not/yet/machine.reg").find("[HKEY_LOCAL_MACHINE\\SOFTWARE\\Quillbox]\n@="),
+  EXPECT_NE(qbtest::ReadText(home_.Path() / "not/yet/machine.reg").find("[HKEY_LOCAL_MACHINE\\SOFTWARE\\Quillbox]\n@="),
             std::string::npos);
   EXPECT_FALSE(fs::exists(home_.Path() / "not/yet/user.reg"));
 }
@@ -221,7 +215,7 @@ TEST_F(RegistryKey, BadLineIsSkippedReportedAndTheFileKeptBeforeARewrite) {
   Key profile;
   EXPECT_EQ(profile.Open(HKEY_CURRENT_USER, "SOFTWARE\\Quillbox\\Profiles\\Phone", KEY_READ), ERROR_SUCCESS);
   EXPECT_TRUE(CorruptFiles(home_.Path()).empty()) << "nothing is moved aside";
-  EXPECT_EQ(ReadFile(qb::sys::UserHivePath()), edited) << "reading changes nothing";
+  EXPECT_EQ(qbtest::ReadText(qb::sys::UserHivePath()), edited) << "reading changes nothing";
 
   // The first rewrite keeps the file as the user left it; later ones do not
   // copy again.
@@ -231,8 +225,8 @@ TEST_F(RegistryKey, BadLineIsSkippedReportedAndTheFileKeptBeforeARewrite) {
   testing::internal::GetCapturedStderr();
   const auto before = FilesNamed(home_.Path(), ".before-");
   ASSERT_EQ(before.size(), 1u);
-  EXPECT_EQ(ReadFile(before[0]), edited);
-  EXPECT_EQ(ReadFile(qb::sys::UserHivePath()).find("dword:zz"), std::string::npos);
+  EXPECT_EQ(qbtest::ReadText(before[0]), edited);
+  EXPECT_EQ(qbtest::ReadText(qb::sys::UserHivePath()).find("dword:zz"), std::string::npos);
   EXPECT_EQ(key.GetDword("CacheSize", &v), ERROR_SUCCESS);
 }
 
@@ -247,12 +241,12 @@ TEST_F(RegistryKey, FileThatIsNoHiveIsMovedAsideAndDefaultsFollow) {
   EXPECT_NE(err.find(".corrupt-"), std::string::npos) << err;
   const auto aside = CorruptFiles(home_.Path());
   ASSERT_EQ(aside.size(), 1u);
-  EXPECT_EQ(ReadFile(aside[0]), bad) << "the bad file is kept whole";
+  EXPECT_EQ(qbtest::ReadText(aside[0]), bad) << "the bad file is kept whole";
   EXPECT_FALSE(fs::exists(qb::sys::UserHivePath()));
 
   ASSERT_EQ(key.Create(HKEY_CURRENT_USER, "SOFTWARE\\Quillbox", KEY_ALL_ACCESS), ERROR_SUCCESS);
   EXPECT_EQ(key.SetDword("Flags", 2), ERROR_SUCCESS);
-  EXPECT_EQ(ReadFile(aside[0]), bad);
+  EXPECT_EQ(qbtest::ReadText(aside[0]), bad);
 
   // A writer that finds the file corrupt moves it aside too before writing.
   ReplaceFile(qb::sys::UserHivePath(), std::string("Windows Registry Editor Version 5.00\n\0", 38));
