@@ -1,6 +1,7 @@
 // Shared per-process state of a simulated device: ids, the index file, sinks.
 #include "platform/portable/sim_state.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -8,6 +9,8 @@
 
 #include <chrono>
 #include <random>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "common/strings.h"
 #include "diag/trace.h"
@@ -27,6 +30,43 @@ std::string ParentRel(const std::string& rel) {
   size_t slash = rel.rfind('/');
   return slash == std::string::npos ? std::string() : rel.substr(0, slash);
 }
+
+// From this many records on, a merge reads each folder once instead of
+// asking for every object on its own: a device of 100,000 objects opens in
+// a thousand folder reads rather than 100,000 lookups.
+constexpr size_t kFolderReadThreshold = 256;
+
+// Whether the objects of the index are still in the device folder.
+class ExistingNames {
+ public:
+  ExistingNames(const fs::path& root, bool byFolder) : root_(root), byFolder_(byFolder) {}
+
+  bool Has(const std::string& rel) {
+    if (!byFolder_) {
+      struct stat st;
+      return lstat((root_ / rel).c_str(), &st) == 0;
+    }
+    const size_t slash = rel.rfind('/');
+    const std::string parent = slash == std::string::npos ? std::string() : rel.substr(0, slash);
+    const std::string name = slash == std::string::npos ? rel : rel.substr(slash + 1);
+    auto it = folders_.find(parent);
+    if (it == folders_.end()) it = folders_.emplace(parent, NamesOf(root_ / parent)).first;
+    return it->second.count(name) != 0;
+  }
+
+ private:
+  static std::unordered_set<std::string> NamesOf(const fs::path& dir) {
+    std::unordered_set<std::string> names;
+    std::unique_ptr<DIR, int (*)(DIR*)> d(opendir(dir.c_str()), closedir);
+    if (!d) return names;
+    while (const dirent* e = readdir(d.get())) names.emplace(e->d_name);
+    return names;
+  }
+
+  const fs::path& root_;
+  const bool byFolder_;
+  std::unordered_map<std::string, std::unordered_set<std::string>> folders_;
+};
 
 bool IsUnder(const std::string& rel, const std::string& dir) {
   return rel.size() > dir.size() && rel.compare(0, dir.size(), dir) == 0 && rel[dir.size()] == '/';
@@ -317,10 +357,10 @@ void SimDeviceState::MergeFileLocked() {
   IndexChunk chunk = ParseIndexLines(text);
   journalLines_ += chunk.lines;
   nextHandle_ = std::max(nextHandle_, chunk.next);
+  ExistingNames existing(folder_, chunk.live.size() >= kFolderReadThreshold);
   for (IndexRecord& r : chunk.live) {
     if (entries_.count(r.id) || pathToId_.count(r.rel) || forgotten_.count(r.id)) continue;
-    struct stat st;
-    if (lstat((folder_ / r.rel).c_str(), &st) != 0) continue;  // gone while nobody watched
+    if (!existing.Has(r.rel)) continue;  // gone while nobody watched
     entries_[r.id] = IndexEntry{r.id, r.puid, r.flags, r.created};
     pathToId_[r.rel] = r.id;
     idToPath_[r.id] = r.rel;

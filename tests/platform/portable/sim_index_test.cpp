@@ -173,5 +173,35 @@ TEST_F(SimDeviceTest, ARewriteByAnotherProcessIsReadWholeAndItsIdsAreKept) {
   EXPECT_EQ(ChildNamed(*content, "s10001", "a.txt"), a);
 }
 
+// Files removed from the device folder while no process had the device open
+// are gone at the next open: a new file made later at such a path is a new
+// object,
+// whether the index is small (each object looked up) or large (folders read).
+TEST_F(SimDeviceTest, ObjectsRemovedWhileTheDeviceWasClosedAreForgotten) {
+  for (int count : {10, 600}) {
+    const std::string dir = "a-internal/set" + std::to_string(count);
+    for (int i = 0; i < count; ++i) WriteFile(dir + "/f" + std::to_string(i) + ".txt", "x");
+    std::string folder, kept, removed;
+    {
+      auto device = Open();
+      std::shared_ptr<qp::IPortableDeviceContent> content;
+      device->Content(&content);
+      folder = ChildNamed(*content, "s10001", "set" + std::to_string(count));
+      ASSERT_EQ(Children(*content, folder).size(), static_cast<size_t>(count));
+      kept = ChildNamed(*content, folder, "f1.txt");
+      removed = ChildNamed(*content, folder, "f0.txt");
+    }
+    std::filesystem::remove(folder_ / dir / "f0.txt");
+    auto device = Open();
+    std::shared_ptr<qp::IPortableDeviceContent> content;
+    device->Content(&content);
+    EXPECT_EQ(ChildNamed(*content, folder, "f1.txt"), kept) << count;
+    WriteFile(dir + "/f0.txt", "a new file under the old name");
+    const std::string fresh = ChildNamed(*content, folder, "f0.txt");
+    EXPECT_FALSE(fresh.empty()) << count;
+    EXPECT_NE(fresh, removed) << count;
+  }
+}
+
 }  // namespace
 }  // namespace qbtest
