@@ -99,7 +99,9 @@ void MtpEventPump::Run() {
       std::lock_guard<std::mutex> l(inbox_->m);
       pending = inbox_->readPending;
     }
-    if (!pending && !session_->Offline() && now >= nextRead) {
+    // No read while events wait: one of them may open the device again,
+    // which a pending read of the old handle must not see.
+    if (!pending && deferred_.empty() && !session_->Offline() && now >= nextRead) {
       SubmitRead();
       std::lock_guard<std::mutex> l(inbox_->m);
       if (!inbox_->readPending) nextRead = now + kRetryReadAfter;
@@ -180,8 +182,9 @@ bool MtpEventPump::Dispatch(LIBMTP_event_t event, uint32_t parameter) {
       return true;
     case LIBMTP_EVENT_STORE_ADDED:
     case LIBMTP_EVENT_STORE_REMOVED:
-    case LIBMTP_EVENT_NONE:  // libmtp's name for the rest, storage info changes among them
-      return HandleStorageChange();
+      return HandleStorageChange(true);
+    case LIBMTP_EVENT_NONE:  // libmtp's name for the rest: object and storage info changes among them
+      return HandleUnnamedChange();
     default:
       return true;
   }
@@ -231,7 +234,34 @@ void MtpEventPump::HandleObjectRemoved(uint32_t handle) {
   session_->Deliver(ObjectEventParameters(WPD_EVENT_OBJECT_REMOVED, session_->PnpId(), v));
 }
 
-bool MtpEventPump::HandleStorageChange() {
+bool MtpEventPump::HandleUnnamedChange() {
+  std::vector<MtpObjectFacts> changed;
+  {
+    std::unique_lock<std::timed_mutex> lock;
+    LIBMTP_mtpdevice_t* device = nullptr;
+    HRESULT hr = session_->Acquire(&lock, &device, kSlice);
+    if (hr == E_ERROR_BUSY) return false;
+    if (FAILED(hr)) return true;
+    // Opening the device again drops libmtp's stale copies; it must not
+    // happen under a pending event read, whose transfer belongs to the old
+    // handle. Then only the folders' handle lists are fresh.
+    bool readPending;
+    {
+      std::lock_guard<std::mutex> l(inbox_->m);
+      readPending = inbox_->readPending;
+    }
+    session_->ChangedObjectsLocked(&device, !readPending, &changed);
+  }
+  for (const auto& object : changed) {
+    if (session_->IsEchoOfAnnounced(WPD_EVENT_OBJECT_UPDATED, object.handle)) continue;
+    Trace("MT24@MtpEventPump::HandleUnnamedChange: ", "changed on the device: 0x%08X %s", object.handle,
+          object.fileName.c_str());
+    session_->Deliver(session_->EventParametersFor(WPD_EVENT_OBJECT_UPDATED, object));
+  }
+  return HandleStorageChange(changed.empty());
+}
+
+bool MtpEventPump::HandleStorageChange(bool raiseUpdated) {
   std::vector<MtpStorageFacts> before = session_->CachedStorages(), after;
   {
     std::unique_lock<std::timed_mutex> lock;
@@ -251,6 +281,7 @@ bool MtpEventPump::HandleStorageChange() {
   for (const auto& s : after) {
     bool known = false;
     for (const auto& old : before) known = known || s.id == old.id;
+    if (known && !raiseUpdated) continue;
     PortableDeviceValues values;
     BuildStorageValues(s, session_->Facts().serialNumber, &values);
     session_->Deliver(
