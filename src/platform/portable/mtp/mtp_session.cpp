@@ -375,7 +375,6 @@ HRESULT MtpSession::ChangedObjectsLocked(LIBMTP_mtpdevice_t** device, bool reope
       now.storageId = storageId;
       if (!CachedObject(now.handle, &known) || SameFacts(known, now)) continue;
       ForgetObject(now.handle);
-      CacheObject(now);
       LoadExtrasLocked(*device, &now);
       changed->push_back(now);
     }
@@ -400,6 +399,12 @@ void MtpSession::CacheObject(const MtpObjectFacts& object) {
     return;
   }
   objects_[object.handle] = object;
+}
+
+void MtpSession::CacheObjectWithExtras(const MtpObjectFacts& object) {
+  std::lock_guard<std::mutex> c(cacheMutex_);
+  objects_[object.handle] = object;
+  extrasLoaded_[object.handle] = true;
 }
 
 void MtpSession::ForgetObject(uint32_t handle) {

@@ -90,6 +90,9 @@ class MtpSession {
   // *device then names the new handle.
   HRESULT ChangedObjectsLocked(LIBMTP_mtpdevice_t** device, bool reopen, std::vector<MtpObjectFacts>* changed);
   void CacheObject(const MtpObjectFacts& object);
+  // Replaces the cached object, extra properties included (after a write of
+  // them; CacheObject keeps the extras it had).
+  void CacheObjectWithExtras(const MtpObjectFacts& object);
   void ForgetObject(uint32_t handle);
   bool CachedObject(uint32_t handle, MtpObjectFacts* object);
   static MtpObjectFacts FactsOf(const LIBMTP_file_t& file);
