@@ -52,6 +52,11 @@ void OnUsbEvent(int status, LIBMTP_event_t event, uint32_t parameter, void* toke
   inbox->items.emplace_back(MtpEventInbox::DeviceEvent{status, event, parameter});
 }
 
+bool IsUnnamed(const std::variant<MtpEventInbox::DeviceEvent, PortableDeviceValues>& item) {
+  const auto* e = std::get_if<MtpEventInbox::DeviceEvent>(&item);
+  return e && e->status == LIBMTP_HANDLER_RETURN_OK && e->event == LIBMTP_EVENT_NONE;
+}
+
 }  // namespace
 
 MtpEventPump::MtpEventPump(MtpSession* session) : session_(session), inbox_(std::make_shared<MtpEventInbox>()) {
@@ -149,6 +154,9 @@ void MtpEventPump::DrainInbox() {
       if (inbox_->items.empty()) return;
       item = std::move(inbox_->items.front());
       inbox_->items.pop_front();
+      // Unnamed changes in a row are looked into once: the last one covers
+      // the others (each costs a fresh look at every listed folder).
+      if (IsUnnamed(item) && !inbox_->items.empty() && IsUnnamed(inbox_->items.front())) continue;
     }
     if (auto* e = std::get_if<MtpEventInbox::DeviceEvent>(&item))
       HandleDeviceEvent(e->status, e->event, e->parameter);
