@@ -100,6 +100,33 @@ TYPED_TEST(DeviceConformance, ListsTheStorageRootAndOneFolderAsTheDeviceFolderHo
   EXPECT_EQ(parent, camera);
 }
 
+TYPED_TEST(DeviceConformance, ListsTheWholeStorageAsTheDeviceFolderHoldsIt) {
+  std::set<std::string> listed, held;
+  std::vector<std::pair<std::string, std::string>> folders = {{this->Root(), ""}};
+  while (!folders.empty()) {
+    auto [id, path] = folders.back();
+    folders.pop_back();
+    std::vector<std::string> ids;
+    auto names = ChildNames(this->content_.get(), id, &ids);
+    for (size_t i = 0; i < names.size(); ++i) {
+      listed.insert(path + names[i]);
+      qp::PortableDeviceValues v;
+      GUID type{};
+      this->props_->GetValues(ids[i], nullptr, &v);
+      v.GetGuidValue(WPD_OBJECT_CONTENT_TYPE, &type);
+      if (type == WPD_CONTENT_TYPE_FOLDER) folders.emplace_back(ids[i], path + names[i] + "/");
+    }
+  }
+  for (auto it = fs::recursive_directory_iterator(this->Storage("")); it != fs::recursive_directory_iterator(); ++it) {
+    if (it->path().filename().string()[0] == '.') {
+      it.disable_recursion_pending();
+      continue;
+    }
+    held.insert(fs::relative(it->path(), this->Storage("")).string());
+  }
+  EXPECT_EQ(listed, held);
+}
+
 TYPED_TEST(DeviceConformance, ReadsAWholeFileAndStopsAPartialReadWhereTheCallerStops) {
   std::string camera = this->Child(this->Child(this->Root(), "DCIM"), "Camera");
   std::string photo = this->Child(camera, "IMG_20230614_091205.jpg");
@@ -156,7 +183,7 @@ TYPED_TEST(DeviceConformance, UploadsCreatesFoldersRenamesMovesAndDeletes) {
   EXPECT_FALSE(fs::exists(this->Storage("Made here")));
 }
 
-TYPED_TEST(DeviceConformance, SetsTheModificationTimeAndTheReadOnlyAttribute) {
+TYPED_TEST(DeviceConformance, SetsFileTimesAndTheReadOnlyAndHiddenAttributes) {
   std::string id;
   ASSERT_EQ(Upload(this->content_.get(), this->Root(), "times.txt", "t", &id), S_OK);
   qp::PortableDeviceValues set;
@@ -170,7 +197,9 @@ TYPED_TEST(DeviceConformance, SetsTheModificationTimeAndTheReadOnlyAttribute) {
   double when = 0;
   ASSERT_TRUE(qp::SystemTimeToVariantTime(st, &when));
   set.SetValue(WPD_OBJECT_DATE_MODIFIED, PROPVARIANT::Date(when));
+  set.SetValue(WPD_OBJECT_DATE_CREATED, PROPVARIANT::Date(when - 1));
   set.SetBoolValue(WPD_OBJECT_CAN_DELETE, false);
+  set.SetBoolValue(WPD_OBJECT_ISHIDDEN, true);
   EXPECT_EQ(this->props_->SetValues(id, set, nullptr), S_OK);
   qp::PortableDeviceValues v;
   ASSERT_EQ(this->props_->GetValues(id, nullptr, &v), S_OK);
@@ -178,9 +207,16 @@ TYPED_TEST(DeviceConformance, SetsTheModificationTimeAndTheReadOnlyAttribute) {
   ASSERT_EQ(v.GetValue(WPD_OBJECT_DATE_MODIFIED, &modified), S_OK);
   ASSERT_EQ(modified.vt, VT_DATE);
   EXPECT_DOUBLE_EQ(std::get<double>(modified.value), when);
+  PROPVARIANT created{};
+  ASSERT_EQ(v.GetValue(WPD_OBJECT_DATE_CREATED, &created), S_OK);
+  ASSERT_EQ(created.vt, VT_DATE);
+  EXPECT_DOUBLE_EQ(std::get<double>(created.value), when - 1);
   bool canDelete = true;
   EXPECT_EQ(v.GetBoolValue(WPD_OBJECT_CAN_DELETE, &canDelete), S_OK);
   EXPECT_FALSE(canDelete) << "read-only is kept as can-delete false";
+  bool hidden = false;
+  EXPECT_EQ(v.GetBoolValue(WPD_OBJECT_ISHIDDEN, &hidden), S_OK);
+  EXPECT_TRUE(hidden);
 }
 
 TYPED_TEST(DeviceConformance, ChangesThroughTheBackEndRaiseTheirEvents) {
@@ -197,7 +233,20 @@ TYPED_TEST(DeviceConformance, ChangesThroughTheBackEndRaiseTheirEvents) {
   EXPECT_TRUE(sink->WaitFor([&](const SeenEvent& e) {
     return e.id == WPD_EVENT_OBJECT_UPDATED && e.objectId == id && e.name == "evented2.txt";
   })) << "no updated event for a rename";
+  qp::PortableDeviceValues folder;
+  folder.SetStringValue(WPD_OBJECT_PARENT_ID, this->Root());
+  folder.SetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, "Evented folder");
+  folder.SetGuidValue(WPD_OBJECT_CONTENT_TYPE, WPD_CONTENT_TYPE_FOLDER);
+  std::string folderId;
+  ASSERT_EQ(this->content_->CreateObjectWithPropertiesOnly(folder, &folderId), S_OK);
+  EXPECT_TRUE(sink->WaitFor([&](const SeenEvent& e) {
+    return e.id == WPD_EVENT_OBJECT_ADDED && e.objectId == folderId && e.contentType == WPD_CONTENT_TYPE_FOLDER;
+  })) << "no added event for a new folder";
   std::vector<PROPVARIANT> results;
+  ASSERT_EQ(this->content_->Move({id}, folderId, &results), S_OK);
+  EXPECT_TRUE(sink->WaitFor([&](const SeenEvent& e) {
+    return e.id == WPD_EVENT_OBJECT_UPDATED && e.objectId == id && e.parentId == folderId;
+  })) << "no updated event naming the new parent of a moved object";
   ASSERT_EQ(this->content_->Delete(PORTABLE_DEVICE_DELETE_NO_RECURSION, {id}, &results), S_OK);
   EXPECT_TRUE(sink->WaitFor(
       [&](const SeenEvent& e) { return e.id == WPD_EVENT_OBJECT_REMOVED && e.objectId == id; }))

@@ -220,8 +220,11 @@ bool MtpEventPump::HandleObjectAdded(uint32_t handle) {
     HRESULT hr = session_->Acquire(&lock, &device, kSlice);
     if (hr == E_ERROR_BUSY) return false;
     if (FAILED(hr)) return true;
-    session_->ForgetObject(handle);
-    if (FAILED(session_->ObjectLocked(device, handle, &object))) return true;
+    // A handle we know already (our own upload whose echo came before we
+    // noted it, or an object listed before its event came) is told as we
+    // know it: libmtp's copy may be older than what we wrote since.
+    if (!session_->CachedObject(handle, &object) && FAILED(session_->ObjectLocked(device, handle, &object)))
+      return true;
     session_->LoadExtrasLocked(device, &object);
   }
   session_->Deliver(session_->EventParametersFor(WPD_EVENT_OBJECT_ADDED, object));

@@ -354,7 +354,8 @@ bool SameFacts(const MtpObjectFacts& a, const MtpObjectFacts& b) {
 HRESULT MtpSession::ChangedObjectsLocked(LIBMTP_mtpdevice_t** device, bool reopen,
                                          std::vector<MtpObjectFacts>* changed) {
   changed->clear();
-  if (reopen && SUCCEEDED(ReopenLocked())) *device = handle_;
+  bool reopened = reopen && SUCCEEDED(ReopenLocked());
+  if (reopened) *device = handle_;
   if (!handle_) return WIA_ERROR_OFFLINE;
   std::set<std::pair<uint32_t, uint32_t>> folders;
   {
@@ -373,7 +374,18 @@ HRESULT MtpSession::ChangedObjectsLocked(LIBMTP_mtpdevice_t** device, bool reope
       // the object is not: it tells where the object is now.
       now.parentHandle = parentHandle == LIBMTP_FILES_AND_FOLDERS_ROOT ? 0 : parentHandle;
       now.storageId = storageId;
-      if (!CachedObject(now.handle, &known) || SameFacts(known, now)) continue;
+      if (!CachedObject(now.handle, &known)) continue;
+      if (!reopened) {
+        // Only the place is fresh; the rest is libmtp's old copy, which may
+        // be older than what we know.
+        if (known.parentHandle == now.parentHandle && known.storageId == now.storageId) continue;
+        known.parentHandle = now.parentHandle;
+        known.storageId = now.storageId;
+        CacheObject(known);
+        changed->push_back(known);
+        continue;
+      }
+      if (SameFacts(known, now)) continue;
       ForgetObject(now.handle);
       LoadExtrasLocked(*device, &now);
       changed->push_back(now);
