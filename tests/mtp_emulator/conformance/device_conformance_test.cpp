@@ -275,6 +275,24 @@ TYPED_TEST(DeviceConformance, ChangesInTheDeviceFolderRaiseEventsNamingTheObject
   this->mtp_->Unadvise(cookie);
 }
 
+TYPED_TEST(DeviceConformance, AMoveBetweenListedFoldersOfTheDeviceFolderIsToldWithTheNewParent) {
+  std::string docs = this->Child(this->Root(), "Documents");
+  std::string movies = this->Child(this->Root(), "Movies");
+  ASSERT_FALSE(movies.empty());
+  std::vector<std::string> ids;
+  auto names = ChildNames(this->content_.get(), docs, &ids);
+  ASSERT_FALSE(names.empty());
+  EXPECT_TRUE(this->Listed(movies).empty());
+  std::shared_ptr<RecordingSink> sink;
+  std::string cookie = this->Sink(&sink);
+  fs::rename(this->Storage("Documents/" + names[0]), this->Storage("Movies/" + names[0]));
+  EXPECT_TRUE(sink->WaitFor([&](const SeenEvent& e) {
+    return e.id == WPD_EVENT_OBJECT_UPDATED && e.objectId == ids[0] && e.parentId == movies && e.name == names[0];
+  })) << "a move in the device folder is not told as that object in its new folder";
+  EXPECT_EQ(this->Listed(movies), std::set<std::string>{names[0]});
+  this->mtp_->Unadvise(cookie);
+}
+
 TYPED_TEST(DeviceConformance, ABusyDeviceIsToldAsBusyAndWorksOnceItIsFree) {
   qp::sim::Faults faults;
   faults.busy = 1;
