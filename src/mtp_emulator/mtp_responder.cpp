@@ -2,6 +2,9 @@
 #include "mtp_emulator/mtp_responder.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
 
 #include "mtp_emulator/ptp_codes.h"
 #include "mtp_emulator/ptp_data.h"
@@ -12,7 +15,38 @@ using qb::portable::PortableDeviceValues;
 using ptp::DataReader;
 using ptp::DataWriter;
 
-MtpResponder::MtpResponder(qb::portable::IPortableDevice* device, InQueue* in) : device_(device), in_(in) {}
+namespace {
+
+std::string StatsFileFromEnvironment() {
+  const char* path = std::getenv("QUILLBOX_MTP_EMULATOR_STATS");
+  return path ? path : "";
+}
+
+}  // namespace
+
+MtpResponder::MtpResponder(qb::portable::IPortableDevice* device, InQueue* in)
+    : device_(device), in_(in), statsFile_(StatsFileFromEnvironment()) {}
+
+std::map<uint16_t, uint64_t> MtpResponder::OperationCounts() {
+  std::lock_guard<std::recursive_mutex> lock(m_);
+  return perOperation_;
+}
+
+void MtpResponder::CountLocked(uint16_t code) {
+  ++operations_;
+  ++perOperation_[code];
+  if (statsFile_.empty()) return;
+  std::string temp = statsFile_ + ".new";
+  {
+    std::ofstream out(temp, std::ios::trunc);
+    char line[40];
+    for (const auto& [op, count] : perOperation_) {
+      std::snprintf(line, sizeof line, "0x%04X %llu\n", op, static_cast<unsigned long long>(count));
+      out << line;
+    }
+  }
+  std::rename(temp.c_str(), statsFile_.c_str());
+}
 
 bool MtpResponder::Ensure() {
   if (props_) return true;
@@ -77,7 +111,7 @@ void MtpResponder::OnCommand(const std::vector<uint8_t>& container) {
   for (c.count = 0; c.count < 5 && 12 + 4 * (c.count + 1) <= static_cast<int>(container.size()); ++c.count)
     c.params[c.count] = r.U32();
   std::lock_guard<std::recursive_mutex> lock(m_);
-  ++operations_;
+  CountLocked(c.code);
   current_ = c;
   expectData_ = false;
   switch (c.code) {

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -42,6 +43,11 @@ class MtpResponder : public OutSink {
   std::optional<std::vector<uint8_t>> TranslateEvent(const qb::portable::PortableDeviceValues& event);
   // Counts the operations run (the speed model charges each one).
   uint64_t Operations() const { return operations_; }
+  // How often each operation code was received; with
+  // QUILLBOX_MTP_EMULATOR_STATS naming a file, the same table is written
+  // there (whole, through a rename) before each operation is carried out, so
+  // a host that got its answer reads a table that counts its request.
+  std::map<uint16_t, uint64_t> OperationCounts();
 
  private:
   struct Command {
@@ -115,6 +121,10 @@ class MtpResponder : public OutSink {
   uint32_t readHandle_ = 0;
   uint64_t readOffset_ = 0;
   std::atomic<uint64_t> operations_{0};
+  // Under m_.
+  std::map<uint16_t, uint64_t> perOperation_;
+  const std::string statsFile_;  // set once; empty: no stats file
+  void CountLocked(uint16_t code);
 };
 
 }  // namespace qb::mtpemu

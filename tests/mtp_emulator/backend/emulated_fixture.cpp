@@ -20,12 +20,16 @@ namespace qp = qb::portable;
 void EmulatedMtpDevice::SetUp() {
   home_ = std::make_unique<ScopedHome>();
   setenv("QUILLBOX_MTP_EMULATOR_DIR", (home_->Path() / "sockets").c_str(), 1);
+  setenv("QUILLBOX_MTP_EMULATOR_STATS", (home_->Path() / "emulator-stats").c_str(), 1);
   qb::portable::mtp::SetUsbDevicesRoot((home_->Path() / "sockets" / "usb-devices").string());
   std::string error;
   ASSERT_TRUE(qp::sim::CreateDemoDevice(&device_, &error)) << error;
 }
 
 void EmulatedMtpDevice::TearDown() {
+  content_.reset();
+  if (mtp_) mtp_->Close();
+  mtp_.reset();
   StopEmulator();
   qb::portable::mtp::SetUsbDevicesRoot("");
   home_.reset();
@@ -70,6 +74,33 @@ void EmulatedMtpDevice::StopEmulator() {
   int status = 0;
   waitpid(emulator_, &status, 0);
   emulator_ = -1;
+}
+
+void EmulatedMtpDevice::StartAndOpen(const std::vector<std::string>& options) {
+  ASSERT_TRUE(StartEmulator(options));
+  mtp_ = OpenDevice(&pnpId_);
+  ASSERT_TRUE(mtp_);
+  ASSERT_EQ(mtp_->Content(&content_), S_OK);
+  ChildNames(content_.get(), WPD_DEVICE_OBJECT_ID, &storages_);
+  ASSERT_FALSE(storages_.empty());
+}
+
+std::map<uint16_t, uint64_t> EmulatedMtpDevice::OperationCounts() const {
+  std::map<uint16_t, uint64_t> counts;
+  std::ifstream in(home_->Path() / "emulator-stats");
+  std::string code;
+  uint64_t count = 0;
+  while (in >> code >> count) counts[static_cast<uint16_t>(std::stoul(code, nullptr, 16))] = count;
+  return counts;
+}
+
+uint64_t OperationsBetween(const std::map<uint16_t, uint64_t>& before, const std::map<uint16_t, uint64_t>& after) {
+  uint64_t total = 0;
+  for (const auto& [code, count] : after) {
+    auto it = before.find(code);
+    total += count - (it == before.end() ? 0 : it->second);
+  }
+  return total;
 }
 
 std::string EmulatedMtpDevice::FindMtpDevice() {
@@ -133,6 +164,42 @@ std::string ChildId(qp::IPortableDeviceContent* content, const std::string& pare
   for (size_t i = 0; i < names.size(); ++i)
     if (names[i] == name) return ids[i];
   return "";
+}
+
+std::string ReadAll(qp::IPortableDeviceContent* content, const std::string& id, HRESULT* result) {
+  std::shared_ptr<qp::IPortableDeviceResources> resources;
+  content->Transfer(&resources);
+  std::unique_ptr<qp::IStream> stream;
+  uint32_t optimal = 0;
+  HRESULT hr = resources->GetStream(id, WPD_RESOURCE_DEFAULT, qp::STGM_READ, &optimal, &stream);
+  std::string data;
+  while (SUCCEEDED(hr)) {
+    char buf[65536];
+    uint32_t got = 0;
+    hr = stream->Read(buf, sizeof buf, &got);
+    if (FAILED(hr) || got == 0) break;
+    data.append(buf, got);
+  }
+  if (result) *result = hr;
+  return data;
+}
+
+HRESULT Upload(qp::IPortableDeviceContent* content, const std::string& parentId, const std::string& name,
+               const std::string& data, std::string* newId) {
+  qp::PortableDeviceValues v;
+  v.SetStringValue(WPD_OBJECT_PARENT_ID, parentId);
+  v.SetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, name);
+  v.SetStringValue(WPD_OBJECT_NAME, name);
+  v.SetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, data.size());
+  std::unique_ptr<qp::IPortableDeviceDataStream> stream;
+  uint32_t optimal = 0;
+  HRESULT hr = content->CreateObjectWithPropertiesAndData(v, &stream, &optimal);
+  if (FAILED(hr)) return hr;
+  uint32_t written = 0;
+  hr = stream->Write(data.data(), static_cast<uint32_t>(data.size()), &written);
+  if (SUCCEEDED(hr)) hr = stream->Commit(qp::STGC_DEFAULT);
+  if (SUCCEEDED(hr)) hr = stream->GetObjectID(newId);
+  return hr;
 }
 
 std::string FileBytes(const std::filesystem::path& file) {

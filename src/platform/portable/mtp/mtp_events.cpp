@@ -52,6 +52,11 @@ void OnUsbEvent(int status, LIBMTP_event_t event, uint32_t parameter, void* toke
   inbox->items.emplace_back(MtpEventInbox::DeviceEvent{status, event, parameter});
 }
 
+bool IsUnnamed(const std::variant<MtpEventInbox::DeviceEvent, PortableDeviceValues>& item) {
+  const auto* e = std::get_if<MtpEventInbox::DeviceEvent>(&item);
+  return e && e->status == LIBMTP_HANDLER_RETURN_OK && e->event == LIBMTP_EVENT_NONE;
+}
+
 }  // namespace
 
 MtpEventPump::MtpEventPump(MtpSession* session) : session_(session), inbox_(std::make_shared<MtpEventInbox>()) {
@@ -99,7 +104,9 @@ void MtpEventPump::Run() {
       std::lock_guard<std::mutex> l(inbox_->m);
       pending = inbox_->readPending;
     }
-    if (!pending && !session_->Offline() && now >= nextRead) {
+    // No read while events wait: one of them may open the device again,
+    // which a pending read of the old handle must not see.
+    if (!pending && deferred_.empty() && !session_->Offline() && now >= nextRead) {
       SubmitRead();
       std::lock_guard<std::mutex> l(inbox_->m);
       if (!inbox_->readPending) nextRead = now + kRetryReadAfter;
@@ -147,6 +154,9 @@ void MtpEventPump::DrainInbox() {
       if (inbox_->items.empty()) return;
       item = std::move(inbox_->items.front());
       inbox_->items.pop_front();
+      // Unnamed changes in a row are looked into once: the last one covers
+      // the others (each costs a fresh look at every listed folder).
+      if (IsUnnamed(item) && !inbox_->items.empty() && IsUnnamed(inbox_->items.front())) continue;
     }
     if (auto* e = std::get_if<MtpEventInbox::DeviceEvent>(&item))
       HandleDeviceEvent(e->status, e->event, e->parameter);
@@ -180,8 +190,9 @@ bool MtpEventPump::Dispatch(LIBMTP_event_t event, uint32_t parameter) {
       return true;
     case LIBMTP_EVENT_STORE_ADDED:
     case LIBMTP_EVENT_STORE_REMOVED:
-    case LIBMTP_EVENT_NONE:  // libmtp's name for the rest, storage info changes among them
-      return HandleStorageChange();
+      return HandleStorageChange(true);
+    case LIBMTP_EVENT_NONE:  // libmtp's name for the rest: object and storage info changes among them
+      return HandleUnnamedChange();
     default:
       return true;
   }
@@ -209,8 +220,11 @@ bool MtpEventPump::HandleObjectAdded(uint32_t handle) {
     HRESULT hr = session_->Acquire(&lock, &device, kSlice);
     if (hr == E_ERROR_BUSY) return false;
     if (FAILED(hr)) return true;
-    session_->ForgetObject(handle);
-    if (FAILED(session_->ObjectLocked(device, handle, &object))) return true;
+    // A handle we know already (our own upload whose echo came before we
+    // noted it, or an object listed before its event came) is told as we
+    // know it: libmtp's copy may be older than what we wrote since.
+    if (!session_->CachedObject(handle, &object) && FAILED(session_->ObjectLocked(device, handle, &object)))
+      return true;
     session_->LoadExtrasLocked(device, &object);
   }
   session_->Deliver(session_->EventParametersFor(WPD_EVENT_OBJECT_ADDED, object));
@@ -231,7 +245,34 @@ void MtpEventPump::HandleObjectRemoved(uint32_t handle) {
   session_->Deliver(ObjectEventParameters(WPD_EVENT_OBJECT_REMOVED, session_->PnpId(), v));
 }
 
-bool MtpEventPump::HandleStorageChange() {
+bool MtpEventPump::HandleUnnamedChange() {
+  std::vector<MtpObjectFacts> changed;
+  {
+    std::unique_lock<std::timed_mutex> lock;
+    LIBMTP_mtpdevice_t* device = nullptr;
+    HRESULT hr = session_->Acquire(&lock, &device, kSlice);
+    if (hr == E_ERROR_BUSY) return false;
+    if (FAILED(hr)) return true;
+    // Opening the device again drops libmtp's stale copies; it must not
+    // happen under a pending event read, whose transfer belongs to the old
+    // handle. Then only the folders' handle lists are fresh.
+    bool readPending;
+    {
+      std::lock_guard<std::mutex> l(inbox_->m);
+      readPending = inbox_->readPending;
+    }
+    session_->ChangedObjectsLocked(&device, !readPending, &changed);
+  }
+  for (const auto& object : changed) {
+    if (session_->IsEchoOfAnnounced(WPD_EVENT_OBJECT_UPDATED, object.handle)) continue;
+    Trace("MT24@MtpEventPump::HandleUnnamedChange: ", "changed on the device: 0x%08X %s", object.handle,
+          object.fileName.c_str());
+    session_->Deliver(session_->EventParametersFor(WPD_EVENT_OBJECT_UPDATED, object));
+  }
+  return HandleStorageChange(changed.empty());
+}
+
+bool MtpEventPump::HandleStorageChange(bool raiseUpdated) {
   std::vector<MtpStorageFacts> before = session_->CachedStorages(), after;
   {
     std::unique_lock<std::timed_mutex> lock;
@@ -251,6 +292,7 @@ bool MtpEventPump::HandleStorageChange() {
   for (const auto& s : after) {
     bool known = false;
     for (const auto& old : before) known = known || s.id == old.id;
+    if (known && !raiseUpdated) continue;
     PortableDeviceValues values;
     BuildStorageValues(s, session_->Facts().serialNumber, &values);
     session_->Deliver(

@@ -40,7 +40,11 @@ class MtpEventPump {
   bool Dispatch(LIBMTP_event_t event, uint32_t parameter);
   bool HandleObjectAdded(uint32_t handle);
   void HandleObjectRemoved(uint32_t handle);
-  bool HandleStorageChange();
+  // An event libmtp does not name (object info or storage info changed):
+  // the objects that changed are told as updated; the storages only when no
+  // object changed.
+  bool HandleUnnamedChange();
+  bool HandleStorageChange(bool raiseUpdated);
   void DrainInbox();
   void RetryDeferred();
 

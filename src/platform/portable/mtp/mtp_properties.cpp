@@ -92,7 +92,7 @@ class MtpProperties : public IPortableDeviceProperties {
         ++done;
       }
     }
-    if (done) s_->CacheObject(object);
+    if (done) s_->CacheObjectWithExtras(object);
     lock.unlock();
     if (done) s_->Announce(WPD_EVENT_OBJECT_UPDATED, object);
     if (failed == 0) return S_OK;

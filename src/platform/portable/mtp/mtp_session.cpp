@@ -97,6 +97,30 @@ HRESULT MtpSession::OpenRaw(LIBMTP_raw_device_t* raw) {
   return S_OK;
 }
 
+HRESULT MtpSession::ReopenLocked() {
+  LIBMTP_raw_device_t* raw = nullptr;
+  int count = 0;
+  if (LIBMTP_Detect_Raw_Devices(&raw, &count) != LIBMTP_ERROR_NONE) count = 0;
+  LIBMTP_raw_device_t* same = nullptr;
+  for (int i = 0; i < count; ++i) {
+    const LIBMTP_raw_device_t& r = raw[i];
+    if (r.bus_location == busNumber_ && r.devnum == deviceAddress_ && r.device_entry.vendor_id == vendorId_ &&
+        r.device_entry.product_id == productId_)
+      same = &raw[i];
+  }
+  HRESULT hr = E_FAIL;
+  if (same) {
+    LIBMTP_Release_Device(handle_);
+    handle_ = LIBMTP_Open_Raw_Device_Uncached(same);
+    if (handle_) LIBMTP_Clear_Errorstack(handle_);
+    hr = handle_ ? S_OK : WIA_ERROR_OFFLINE;
+  }
+  std::free(raw);
+  Trace("MT9@MtpSession::ReopenLocked: ", "opened again: RC=0x%08X", static_cast<uint32_t>(hr));
+  if (hr == WIA_ERROR_OFFLINE) MarkOffline();
+  return hr;
+}
+
 void MtpSession::ReadFacts(const std::string& usbProduct) {
   facts_.friendlyName = TakeString(LIBMTP_Get_Friendlyname(handle_));
   facts_.manufacturer = TakeString(LIBMTP_Get_Manufacturername(handle_));
@@ -313,6 +337,60 @@ HRESULT MtpSession::ChildrenLocked(LIBMTP_mtpdevice_t* device, uint32_t storageI
     list = next;
   }
   for (const auto& c : *children) CacheObject(c);
+  std::lock_guard<std::mutex> c(cacheMutex_);
+  listedFolders_.insert({storageId, parentHandle});
+  return S_OK;
+}
+
+namespace {
+
+bool SameFacts(const MtpObjectFacts& a, const MtpObjectFacts& b) {
+  return a.fileName == b.fileName && a.parentHandle == b.parentHandle && a.storageId == b.storageId &&
+         a.size == b.size && a.hasModified == b.hasModified && a.modified == b.modified;
+}
+
+}  // namespace
+
+HRESULT MtpSession::ChangedObjectsLocked(LIBMTP_mtpdevice_t** device, bool reopen,
+                                         std::vector<MtpObjectFacts>* changed) {
+  changed->clear();
+  bool reopened = reopen && SUCCEEDED(ReopenLocked());
+  if (reopened) *device = handle_;
+  if (!handle_) return WIA_ERROR_OFFLINE;
+  std::set<std::pair<uint32_t, uint32_t>> folders;
+  {
+    std::lock_guard<std::mutex> c(cacheMutex_);
+    folders = listedFolders_;
+  }
+  for (const auto& [storageId, parentHandle] : folders) {
+    LIBMTP_Clear_Errorstack(*device);
+    LIBMTP_file_t* list = LIBMTP_Get_Files_And_Folders(*device, storageId, parentHandle);
+    LIBMTP_Clear_Errorstack(*device);  // a folder that went has an event of its own
+    for (LIBMTP_file_t* next = nullptr; list; list = next) {
+      next = list->next;
+      MtpObjectFacts now = FactsOf(*list), known;
+      LIBMTP_destroy_file_t(list);
+      // The folder's own handle list is fresh even where libmtp's copy of
+      // the object is not: it tells where the object is now.
+      now.parentHandle = parentHandle == LIBMTP_FILES_AND_FOLDERS_ROOT ? 0 : parentHandle;
+      now.storageId = storageId;
+      if (!CachedObject(now.handle, &known)) continue;
+      if (!reopened) {
+        // Only the place is fresh; the rest is libmtp's old copy, which may
+        // be older than what we know.
+        if (known.parentHandle == now.parentHandle && known.storageId == now.storageId) continue;
+        known.parentHandle = now.parentHandle;
+        known.storageId = now.storageId;
+        CacheObject(known);
+        changed->push_back(known);
+        continue;
+      }
+      if (SameFacts(known, now)) continue;
+      ForgetObject(now.handle);
+      LoadExtrasLocked(*device, &now);
+      changed->push_back(now);
+    }
+  }
   return S_OK;
 }
 
@@ -333,6 +411,12 @@ void MtpSession::CacheObject(const MtpObjectFacts& object) {
     return;
   }
   objects_[object.handle] = object;
+}
+
+void MtpSession::CacheObjectWithExtras(const MtpObjectFacts& object) {
+  std::lock_guard<std::mutex> c(cacheMutex_);
+  objects_[object.handle] = object;
+  extrasLoaded_[object.handle] = true;
 }
 
 void MtpSession::ForgetObject(uint32_t handle) {

@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -81,7 +82,17 @@ class MtpSession {
   HRESULT ChildrenLocked(LIBMTP_mtpdevice_t* device, uint32_t storageId, uint32_t parentHandle,
                          std::vector<MtpObjectFacts>* children);
   bool PropertySupportedLocked(LIBMTP_mtpdevice_t* device, LIBMTP_property_t property, uint16_t formatCode);
+  // Objects of the folders listed so far whose facts differ from what the
+  // device reports now (renamed, moved between listed folders, changed
+  // data); the cache takes the new facts. libmtp answers every read of an
+  // object it has seen from its own copy, so the device is opened again
+  // first (a fresh libmtp session with an empty copy) when `reopen` is set;
+  // *device then names the new handle.
+  HRESULT ChangedObjectsLocked(LIBMTP_mtpdevice_t** device, bool reopen, std::vector<MtpObjectFacts>* changed);
   void CacheObject(const MtpObjectFacts& object);
+  // Replaces the cached object, extra properties included (after a write of
+  // them; CacheObject keeps the extras it had).
+  void CacheObjectWithExtras(const MtpObjectFacts& object);
   void ForgetObject(uint32_t handle);
   bool CachedObject(uint32_t handle, MtpObjectFacts* object);
   static MtpObjectFacts FactsOf(const LIBMTP_file_t& file);
@@ -101,6 +112,9 @@ class MtpSession {
  private:
   MtpSession() = default;
   HRESULT OpenRaw(LIBMTP_raw_device_t* raw);
+  // Releases the libmtp handle and opens the same USB device again (device
+  // lock held).
+  HRESULT ReopenLocked();
   void ReadFacts(const std::string& usbProduct);
 
   // ---- set once ----
@@ -128,6 +142,7 @@ class MtpSession {
   std::mutex cacheMutex_;
   std::map<uint32_t, MtpObjectFacts> objects_;
   std::map<uint32_t, bool> extrasLoaded_;
+  std::set<std::pair<uint32_t, uint32_t>> listedFolders_;  // (storage, parent handle) listed by ChildrenLocked
   std::vector<MtpStorageFacts> storages_;
   std::map<std::pair<uint32_t, uint32_t>, std::chrono::steady_clock::time_point> announced_;  // (kind, handle)
 
