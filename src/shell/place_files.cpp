@@ -86,15 +86,24 @@ bool EditFile(const fs::path& given, bool createWhenMissing, const Edit& edit) {
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     bool missing = false;
     std::optional<std::string> before = ReadAll(file, &missing);
-    if (!before) return Trace(kTag, "Cannot read \"%s\"", file.c_str()), false;
+    if (!before) {
+      Trace(kTag, "Cannot read \"%s\"", file.c_str());
+      return false;
+    }
     if (missing && !createWhenMissing) return true;
     std::optional<std::string> after = edit(*before);
-    if (!after) return Trace(kTag, "Malformed \"%s\": left as it is", file.c_str()), false;
-    if (*after == *before && !missing) return true;
+    if (!after) {
+      Trace(kTag, "Malformed \"%s\": left as it is", file.c_str());
+      return false;
+    }
+    if (*after == *before) return true;  // also: nothing to remove from a missing file
     std::error_code ec;
     fs::create_directories(file.parent_path(), ec);
     std::optional<fs::path> temp = WriteTemporary(file, *after);
-    if (!temp) return Trace(kTag, "Cannot write beside \"%s\"", file.c_str()), false;
+    if (!temp) {
+      Trace(kTag, "Cannot write beside \"%s\"", file.c_str());
+      return false;
+    }
     // Someone else (a file manager) wrote meanwhile: edit their text instead.
     bool nowMissing = false;
     std::optional<std::string> now = ReadAll(file, &nowMissing);

@@ -106,7 +106,10 @@ void AddDrivePlace(char letter, const std::string& label, uint32_t deviceType) {
   Trace(kTagAdd, "Drive=%c, label=\"%s\", type=%u", letter, label.c_str(), deviceType);
   const places::Place place{places::FileUri(dokan::MountPointOf(letter)), label, PlaceIconOfType(deviceType)};
   PlacesLock lock;
-  if (!lock.Held()) return Trace(kTagAdd, "Places are busy; no place for %c:", letter);
+  if (!lock.Held()) {
+    Trace(kTagAdd, "Places are busy; no place for %c:", letter);
+    return;
+  }
   EditBoth([&](const std::string& t) { return places::GtkWith(t, place); },
            [&](const std::string& t) { return places::XbelWith(t, place); });
 }
@@ -115,7 +118,10 @@ void RemoveDrivePlace(char letter) {
   Trace(kTagRemove, "Drive=%c", letter);
   const std::string uri = places::FileUri(dokan::MountPointOf(letter));
   PlacesLock lock;
-  if (!lock.Held()) return Trace(kTagRemove, "Places are busy; %c: stays", letter);
+  if (!lock.Held()) {
+    Trace(kTagRemove, "Places are busy; %c: stays", letter);
+    return;
+  }
   RemoveWhere([&](const std::string& u) { return u == uri; });
 }
 

@@ -30,7 +30,9 @@ struct Tag {
   size_t end = 0;  // one past '>'
 };
 
-bool NameChar(char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == ':' || c == '_' || c == '-' || c == '.' || (c & 0x80); }
+bool NameChar(char c) {
+  return std::isalnum(static_cast<unsigned char>(c)) || c == ':' || c == '_' || c == '-' || c == '.' || (c & 0x80);
+}
 
 // The tag that starts at text[pos] == '<' (not a comment, PI or declaration).
 std::optional<Tag> ReadTag(const std::string& text, size_t pos) {

@@ -478,7 +478,8 @@ void DesktopTest::deviceConnectedOpensTheChooserForThatDevice() {
   const QString pid = QString::number(launch.processId());
   QTRY_COMPARE_WITH_TIMEOUT(OthersWindows(), QStringList{pid}, 60000);
   // The chooser is locked to the camera, not the demo phone that was there before.
-  const QString chooserFor = QString("Chooser for \"%1\": Trail Camera (#TC0042)").arg(QString::fromStdString(camera.id));
+  const QString chooserFor =
+      QString("Chooser for \"%1\": Trail Camera (#TC0042)").arg(QString::fromStdString(camera.id));
   QTRY_VERIFY_WITH_TIMEOUT(TraceLog(f.Home()).contains(chooserFor), kLimitMs);
   QVERIFY(TraceLog(f.Home()).contains("WM_INITDIALOG chooser=1"));
   qb::ui::DeviceInfo demo;
