@@ -55,7 +55,8 @@ set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME quillbox)
 set(CPACK_PACKAGE_VENDOR "Quillbox")
-set(CPACK_PACKAGE_CONTACT "Quillbox developers <quillbox@example.org>")
+# No mail address of its own: the package names its makers only.
+set(CPACK_PACKAGE_CONTACT "Quillbox developers")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Portable devices (MTP/PTP) as ordinary drives")
 set(CPACK_PACKAGE_DESCRIPTION
     "Quillbox makes the storages of a phone, camera or media player appear as an ordinary drive: a FUSE mount that every program can use through normal file calls.")

@@ -8,6 +8,7 @@ packages=(
   libfuse3-dev fuse3
   libmtp-dev libusb-1.0-0-dev mtp-tools jmtpfs go-mtpfs
   qt6-base-dev qt6-svg-dev libxcb1-dev xvfb xauth
+  x11-utils dbus  # window tests: xwininfo/xprop, a private session bus (docs/ui.md)
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   tzdata procps psmisc
   rsync tar coreutils findutils

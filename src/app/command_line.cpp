@@ -96,7 +96,7 @@ int32_t RunUnmountCommand(char letter) {
   if (type == nb::DriveType::kRemovable || (type == nb::DriveType::kFixed && mapped)) {
     UnmountAsync(letter, 5000);
     if (globals) globals->ResetMappedDevice(letter);
-    nb::RemoveDriveIcon(letter);
+    nb::RemoveDriveIconAndPlace(letter);
     return kMainUnmounted;
   }
   if (type == nb::DriveType::kNoRootDir && (mapped || nb::IsInMountTable(letter))) {
@@ -105,7 +105,7 @@ int32_t RunUnmountCommand(char letter) {
     Trace(kTag, "Drive %c: has no server; removing what it left", letter);
     nb::ForceRemoveMountPoint(letter);
     if (globals) globals->ResetMappedDevice(letter);
-    nb::RemoveDriveIcon(letter);
+    nb::RemoveDriveIconAndPlace(letter);
     return kMainUnmounted;
   }
   Trace(kTag, "Skipped unmounting %c: as it is not removable drive", letter);

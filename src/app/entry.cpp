@@ -42,6 +42,7 @@ int QuillboxEntry(int argc, char** argv) {
   }
   Trace(kTag, "ENTER argc=%d", argc);
   ProcessStorageLists().Clear();
+  nb::RemoveStalePlaces();
   nb::StartDeviceAccess();
   // The session-end watcher stands for the hidden event-handler window, so
   // that each role ends cleanly on SIGTERM, SIGHUP and SIGINT. The

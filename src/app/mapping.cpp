@@ -57,7 +57,7 @@ DriveHooks MakeHooks() {
   h.fnIntegrityCheck = [] { return SuperGlobals() && SuperGlobals()->IntegrityCheck(Mapping().letter); };
   h.fnForceUnmount = [](bool failure) { ForceUnmount(Mapping().letter, failure, true); };
   h.fnResetMappedDevice = [] { return SuperGlobals() && SuperGlobals()->ResetMappedDevice(Mapping().letter); };
-  h.fnRemoveDriveIcon = [] { shell::RemoveDriveIcon(Mapping().letter); };
+  h.fnRemoveDriveIcon = [] { nb::RemoveDriveIconAndPlace(Mapping().letter); };
   h.fnRefreshShell = [](uint32_t event, const std::string& path) {
     shell::RefreshShell(event, path.c_str(), nullptr, Mapping().letter, false, 0);
   };
@@ -125,7 +125,7 @@ void Teardown(MappingState* m, std::unique_ptr<DriveState> drive) {
     MappedDeviceInfo info;
     const char16_t* id = globals->GetMappedDevice(m->letter, &info);
     if (id && EqualsNoCaseAZ(info.deviceId, m->deviceId)) globals->ResetMappedDevice(m->letter);
-    shell::RemoveDriveIcon(m->letter);
+    nb::RemoveDriveIconAndPlace(m->letter);
   }
 }
 

@@ -16,6 +16,7 @@
 #include "platform/system/process_spawn.h"
 #include "settings/settings.h"
 #include "shell/drive_icon.h"
+#include "shell/places.h"
 #include "shell/refresh.h"
 
 namespace qb::app {
@@ -67,6 +68,14 @@ void OpenAndRun(MappingState* m) {
   Start(argv);
 }
 
+// The place's label in file managers: the alias the user gave the device,
+// else its name, with the storage when the drive shows one storage card.
+std::string PlaceLabel(const MappingState& m, const std::string& storage) {
+  std::string label = m.profile.alias.empty() ? m.friendlyName : m.profile.alias;
+  if (!m.storageName.empty() && !storage.empty()) label += " [" + storage + "]";
+  return label;
+}
+
 }  // namespace
 
 DOKAN_OPERATIONS* MappingOperations() {
@@ -96,6 +105,7 @@ void SetupIconAndSignalParent(const char* reason) {
   g->SetMappedDevice(letter, m.deviceId, m.deviceType, m.friendlyName, m.profile.alias, m.serialNumber,
                      m.pnpIdOrEmpty, storage, Format("%d", m.storageIndex));
   shell::SetDriveIcon(static_cast<char>(ToUpperAZ(letter)), nullptr, m.deviceType, m.pnpId, (nb::Flags() & 0x8) != 0);
+  shell::AddDrivePlace(static_cast<char>(ToUpperAZ(letter)), PlaceLabel(m, storage), m.deviceType);
   m.setupDone = true;
   g->SignalMappingFinishedEvent(letter, reason);
   if (DriveState* drive = GetDriveState()) StopCrawlerWorker(drive, 0);

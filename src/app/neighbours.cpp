@@ -20,6 +20,7 @@
 #include "settings/profiles.h"
 #include "settings/settings.h"
 #include "shell/drive_icon.h"
+#include "shell/places.h"
 
 namespace qb::app::nb {
 namespace {
@@ -303,6 +304,13 @@ int DokanDriverVersion() { return static_cast<int>(::DokanDriverVersion()); }
 
 // ---- shell ----
 void RemoveDriveIcon(char letter) { qb::shell::RemoveDriveIcon(letter); }
+
+void RemoveDriveIconAndPlace(char letter) {
+  qb::shell::RemoveDriveIcon(letter);
+  qb::shell::RemoveDrivePlace(letter);
+}
+
+void RemoveStalePlaces() { qb::shell::RemoveStalePlaces(); }
 
 // ---- cache ----
 // The cache layer rebuilds the table when it lands; until then the table

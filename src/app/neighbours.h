@@ -87,6 +87,10 @@ int DokanDriverVersion();
 
 // ---- shell ----
 void RemoveDriveIcon(char letter);
+// The icon and the file managers' place of the letter.
+void RemoveDriveIconAndPlace(char letter);
+// Places left by killed instances go at every start.
+void RemoveStalePlaces();
 
 // ---- cache ----
 // Rebuilds the shared cache table from the cache folder and trims the

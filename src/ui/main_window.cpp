@@ -106,10 +106,6 @@ void MainWindow::BuildControls() {
   name_->setFont(big);
   version_ = new QLabel(this);
   version_->setObjectName("version");
-  link_ = new QLabel(this);
-  link_->setObjectName("homepage");
-  link_->setOpenExternalLinks(true);
-  link_->setTextInteractionFlags(Qt::LinksAccessibleByMouse | Qt::LinksAccessibleByKeyboard);
 
   driveLabel_ = new QLabel(this);
   deviceLabel_ = new QLabel(this);
@@ -133,10 +129,10 @@ void MainWindow::BuildControls() {
   close_ = Button(this, "closeButton");
 
   auto* header = new QGridLayout;
-  header->addWidget(logo_, 0, 0, 3, 1, Qt::AlignTop);
+  // No web address line: the product has no web site of its own.
+  header->addWidget(logo_, 0, 0, 2, 1, Qt::AlignTop);
   header->addWidget(name_, 0, 1);
   header->addWidget(version_, 1, 1);
-  header->addWidget(link_, 2, 1);
   header->setColumnStretch(1, 1);
   header->setHorizontalSpacing(16);
 
@@ -179,8 +175,6 @@ void MainWindow::ApplyTexts() {
   setWindowTitle(QStringLiteral("Quillbox"));
   name_->setText(QStringLiteral("Quillbox"));
   version_->setText(VersionText());
-  link_->setText(QString("<a href=\"%1\">%1</a>").arg(HomepageUrl()));
-  link_->setToolTip(Text(127));
   driveLabel_->setText(QString::fromUtf8(I18N_GUIDrive(false, true)) + ":");
   deviceLabel_->setText(QString::fromUtf8(I18N_GUIDevice(false, true)) + ":");
   storageLabel_->setText(Text(-35));

@@ -98,7 +98,6 @@ class MainWindow : public QDialog {
   QLabel* logo_ = nullptr;
   QLabel* name_ = nullptr;
   QLabel* version_ = nullptr;
-  QLabel* link_ = nullptr;
   QLabel* driveLabel_ = nullptr;
   QLabel* deviceLabel_ = nullptr;
   QLabel* storageLabel_ = nullptr;

@@ -120,6 +120,7 @@ void MainWindow::RefreshDevicesCombo() {
   }
   if (matches > 1) Trace(kTag, "More than one device with ID \"%s\"", preselectedId_.c_str());
   if (matches == 1) {
+    Trace(kTag, "Chooser for \"%s\": %s", preselectedId_.c_str(), DeviceLine(devices_[matchAt]).c_str());
     deviceList_->setCurrentIndex(matchAt);
     deviceList_->setEnabled(false);
     return;

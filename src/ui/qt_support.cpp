@@ -71,6 +71,4 @@ void MessageBoxOver(QWidget* parent, const QString& title, const QString& text) 
   box->open();
 }
 
-QString HomepageUrl() { return QStringLiteral("https://quillbox.example.org/"); }
-
 }  // namespace qb::ui

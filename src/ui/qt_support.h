@@ -29,7 +29,6 @@ QIcon ProgramIcon();
 QPixmap Logo(int size);
 // The program's version as the trace log's version lines give it.
 QString VersionText();
-QString HomepageUrl();
 
 // A warning box over `parent`, not blocking: the caller's window stays
 // responsive and the box closes itself when read.

@@ -25,6 +25,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 
 #include "desktop_fixture.h"
 #include "i18n/i18n.h"
@@ -84,6 +85,8 @@ class DesktopTest : public QObject {
   void interactiveInstanceComesToFrontAndEndsOnSignal();
   void withoutDisplayTheInstanceSaysSoAndEnds();
   void mapAndDisconnectFromTheMainWindow();
+  void deviceConnectedOpensTheChooserForThatDevice();
+  void deviceConnectedWithAutomaticMappingMapsAtOnce();
 };
 
 void DesktopTest::mainWindowListsTheDemoDevice() {
@@ -402,6 +405,125 @@ void DesktopTest::mapAndDisconnectFromTheMainWindow() {
   QCOMPARE(EntryOf(drives, 'M'), QString("M: "));
   qb::ui::MappedDriveInfo gone;
   QVERIFY(!f.Host().MappedDrive('M', &gone));
+}
+
+namespace {
+
+const QString kDeviceConnected = "/StiEvent:{A28BBADE-64B6-11D2-A231-00C04FA31809}";
+
+// The top-level windows titled "Quillbox" that other processes show on the
+// display, as "<process id>" each (xwininfo and xprop of x11-utils).
+QStringList OthersWindows() {
+  QProcess tree;
+  tree.start("xwininfo", {"-root", "-children"});
+  if (!tree.waitForFinished(kLimitMs)) return {"xwininfo failed"};
+  QStringList pids;
+  for (const QString& line : QString::fromUtf8(tree.readAllStandardOutput()).split('\n')) {
+    const QString trimmed = line.trimmed();
+    if (!trimmed.startsWith("0x") || !trimmed.contains("\"Quillbox\"")) continue;
+    const QString id = trimmed.section(' ', 0, 0);
+    QProcess viewable, prop;
+    viewable.start("xwininfo", {"-id", id});
+    prop.start("xprop", {"-id", id, "_NET_WM_PID"});
+    if (!viewable.waitForFinished(kLimitMs) || !prop.waitForFinished(kLimitMs)) return {"xprop failed"};
+    if (!viewable.readAllStandardOutput().contains("IsViewable")) continue;
+    const QString pid = QString::fromUtf8(prop.readAllStandardOutput()).section('=', 1).trimmed();
+    if (pid != QString::number(::getpid())) pids << pid;
+  }
+  return pids;
+}
+
+// The common trace log of the home (empty until an instance wrote it).
+QString TraceLog(const std::filesystem::path& home) {
+  std::error_code ec;
+  for (auto it = std::filesystem::recursive_directory_iterator(home, ec);
+       it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+    if (ec) break;
+    if (it->path().filename() != "QUILLBOX.log") continue;
+    std::ifstream in(it->path(), std::ios::binary);
+    return QString::fromUtf8(std::string((std::istreambuf_iterator<char>(in)), {}));
+  }
+  return {};
+}
+
+// A second simulated device, just plugged in, with the trace log on so that
+// the test can read what the launched instance did.
+bool PlugInTrailCamera(qbui::DesktopFixture& f, qb::ui::DeviceInfo* camera) {
+  if (!f.Simdev({"create", "trailcam", "--name", "Trail Camera", "--serial", "TC0042", "--type", "camera"}))
+    return false;
+  qb::reg::Key settings;
+  if (settings.Create(HKEY_CURRENT_USER, "SOFTWARE\\Quillbox", KEY_ALL_ACCESS) != ERROR_SUCCESS ||
+      settings.SetDword("Flags", Registry_Get_Flags() | 0x1) != ERROR_SUCCESS)
+    return false;
+  std::vector<qb::ui::DeviceInfo> devices;
+  if (!f.Host().ListDevices(&devices)) return false;
+  for (const auto& d : devices)
+    if (d.name == "Trail Camera") *camera = d;
+  return !camera->id.empty();
+}
+
+}  // namespace
+
+void DesktopTest::deviceConnectedOpensTheChooserForThatDevice() {
+  qbui::DesktopFixture f;
+  QVERIFY(f.Ready());
+  qb::ui::DeviceInfo camera;
+  QVERIFY(PlugInTrailCamera(f, &camera));
+  QVERIFY(OthersWindows().isEmpty());
+  // The launch that the udev rule's unit (or the startup scan) makes.
+  QProcess launch;
+  launch.start(QString::fromStdString((qbtest::BinDir() / "quillbox").string()),
+               {QString::fromStdString("/StiDevice:" + camera.id), kDeviceConnected});
+  QVERIFY(launch.waitForStarted(kLimitMs));
+  const QString pid = QString::number(launch.processId());
+  QTRY_COMPARE_WITH_TIMEOUT(OthersWindows(), QStringList{pid}, 60000);
+  // The chooser is locked to the camera, not the demo phone that was there before.
+  const QString chooserFor =
+      QString("Chooser for \"%1\": Trail Camera (#TC0042)").arg(QString::fromStdString(camera.id));
+  QTRY_VERIFY_WITH_TIMEOUT(TraceLog(f.Home()).contains(chooserFor), kLimitMs);
+  QVERIFY(TraceLog(f.Home()).contains("WM_INITDIALOG chooser=1"));
+  qb::ui::DeviceInfo demo;
+  QVERIFY(f.DemoDevice(&demo));
+  QVERIFY(!TraceLog(f.Home()).contains("Chooser for \"" + QString::fromStdString(demo.id)));
+  // Nothing is mapped while the user decides.
+  QCOMPARE(launch.state(), QProcess::Running);
+  for (char letter = 'D'; letter <= 'Z'; ++letter) {
+    qb::ui::MappedDriveInfo drive;
+    QVERIFY2(!f.Host().MappedDrive(letter, &drive), "a drive was mapped without the user");
+  }
+  // The end of the session closes the chooser and the instance.
+  ::kill(static_cast<pid_t>(launch.processId()), SIGTERM);
+  QVERIFY(launch.waitForFinished(kLimitMs));
+  QTRY_VERIFY_WITH_TIMEOUT(OthersWindows().isEmpty(), kLimitMs);
+}
+
+void DesktopTest::deviceConnectedWithAutomaticMappingMapsAtOnce() {
+  qbui::DesktopFixture f;
+  QVERIFY(f.Ready());
+  qb::ui::DeviceInfo camera;
+  QVERIFY(PlugInTrailCamera(f, &camera));
+  qb::reg::Key profile;
+  QCOMPARE(profile.Create(HKEY_CURRENT_USER, "SOFTWARE\\Quillbox\\Profiles\\Trail Camera\\TC0042", KEY_ALL_ACCESS),
+           DWORD(ERROR_SUCCESS));
+  QCOMPARE(profile.SetDword("AutoMap", 1), DWORD(ERROR_SUCCESS));
+  QCOMPARE(profile.SetString("DriveLetter", "T"), DWORD(ERROR_SUCCESS));
+  UnmountGuard guard('T');
+  QProcess launch;
+  launch.start(QString::fromStdString((qbtest::BinDir() / "quillbox").string()),
+               {QString::fromStdString("/StiDevice:" + camera.id), kDeviceConnected});
+  QVERIFY(launch.waitForStarted(kLimitMs));
+  qb::ui::MappedDriveInfo drive;
+  bool windowSeen = false;
+  QTRY_VERIFY_WITH_TIMEOUT((windowSeen |= !OthersWindows().isEmpty(), f.Host().MappedDrive('T', &drive)), 60000);
+  QCOMPARE(drive.deviceId, camera.id);
+  QVERIFY(!windowSeen);
+  QVERIFY(!TraceLog(f.Home()).contains("WM_INITDIALOG chooser=1"));
+  // The launched instance serves the drive until it is unmounted.
+  QProcess unmount;
+  unmount.start(QString::fromStdString((qbtest::BinDir() / "quillbox").string()), {"/u", "T:", "/q"});
+  QVERIFY(unmount.waitForFinished(kLimitMs));
+  QVERIFY(launch.waitForFinished(30000));
+  QCOMPARE(launch.exitCode(), 0);
 }
 
 int main(int argc, char** argv) {
