@@ -16,6 +16,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -60,6 +61,7 @@ struct libusb_context {
   std::mutex m;
   std::condition_variable completedCv;
   std::deque<libusb_transfer*> completed;   // finished, callbacks not yet run
+  std::set<libusb_transfer*> submitted;     // submitted, callbacks not yet run
   std::map<std::string, libusb_device*> devices;  // by socket path and address
   int debug = 0;
   int users = 1;                                  // libusb_init on the default context
@@ -86,6 +88,10 @@ libusb_context* ContextOf(libusb_context* ctx);
 std::shared_ptr<Pipe> PipeFor(libusb_device_handle* handle, unsigned char endpoint, unsigned char type);
 // The endpoint's type from the configuration (LIBUSB_TRANSFER_TYPE_*), -1 unknown.
 int EndpointType(libusb_device* dev, unsigned char endpoint);
+// Takes the handle's asynchronous transfers out of the context before the
+// handle goes: they are never called back, as libusb does at libusb_close
+// (the caller's callback would read state it has released).
+void ForgetTransfersOf(libusb_device_handle* handle);
 // Synchronous transfers shared by the async path.
 int DoControl(Pipe& pipe, const uint8_t setup[8], unsigned char* data, uint16_t length,
               unsigned int timeout);

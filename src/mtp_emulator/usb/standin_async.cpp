@@ -4,7 +4,9 @@
 // the caller's thread, as with libusb.
 #include <sys/time.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -69,6 +71,8 @@ void Run(libusb_transfer* t) {
   std::lock_guard<std::mutex> lock(ctx->m);
   ctx->completed.push_back(t);
   ctx->completedCv.notify_all();
+  // Nothing touches the transfer past this point: a closing handle waits
+  // for it to get here.
 }
 
 // Runs the callbacks of finished transfers; waits until one finished,
@@ -80,6 +84,7 @@ int HandleEvents(libusb_context* ctx, std::chrono::milliseconds limit, int* comp
     std::unique_lock<std::mutex> lock(ctx->m);
     ctx->completedCv.wait_for(lock, limit, [&] { return !ctx->completed.empty() || (completed && *completed); });
     done.swap(ctx->completed);
+    for (libusb_transfer* t : done) ctx->submitted.erase(t);
   }
   for (libusb_transfer* t : done) {
     uint8_t flags = t->flags;
@@ -97,6 +102,33 @@ std::chrono::milliseconds LimitOf(const timeval* tv) {
 }
 
 }  // namespace
+
+void ForgetTransfersOf(libusb_device_handle* handle) {
+  libusb_context* ctx = ContextOf(handle->dev->ctx);
+  const auto running = [&] {
+    for (libusb_transfer* t : ctx->submitted)
+      if (t->dev_handle == handle && std::find(ctx->completed.begin(), ctx->completed.end(), t) == ctx->completed.end())
+        return true;
+    return false;
+  };
+  std::unique_lock<std::mutex> lock(ctx->m);
+  // The handle's pipes are aborted, so its transfers end at once.
+  if (!ctx->completedCv.wait_for(lock, std::chrono::seconds(5), [&] { return !running(); }))
+    std::fprintf(stderr, "libusb (Quillbox MTP emulator): a transfer did not end when its handle was closed\n");
+  for (auto it = ctx->submitted.begin(); it != ctx->submitted.end();) {
+    libusb_transfer* t = *it;
+    if (t->dev_handle != handle) {
+      ++it;
+      continue;
+    }
+    ctx->completed.erase(std::remove(ctx->completed.begin(), ctx->completed.end(), t), ctx->completed.end());
+    PrivOf(t)->inFlight = false;
+    PrivOf(t)->pipe.reset();
+    t->dev_handle = nullptr;  // freeing the transfer is the caller's, as with libusb
+    it = ctx->submitted.erase(it);
+  }
+}
+
 }  // namespace qb::mtpemu::usb
 
 using namespace qb::mtpemu;
@@ -145,6 +177,10 @@ int LIBUSB_CALL libusb_submit_transfer(struct libusb_transfer* transfer) {
   priv->ctx = ContextOf(h->dev->ctx);
   priv->cancelled = false;
   priv->inFlight = true;
+  {
+    std::lock_guard<std::mutex> lock(priv->ctx->m);
+    priv->ctx->submitted.insert(transfer);
+  }
   std::thread(Run, transfer).detach();
   return LIBUSB_SUCCESS;
 }

@@ -119,6 +119,7 @@ void LIBUSB_CALL libusb_close(libusb_device_handle* dev_handle) {
   dev_handle->control->Abort();
   dev_handle->bulk->Abort();
   dev_handle->interrupt->Abort();
+  ForgetTransfersOf(dev_handle);
   libusb_unref_device(dev_handle->dev);
   delete dev_handle;
 }
