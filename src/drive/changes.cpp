@@ -148,6 +148,8 @@ NTSTATUS QuillboxMoveFile(LPCWSTR FileName, LPCWSTR NewFileName, BOOL ReplaceIfE
     return TraceStatus(kTagMove, FromHresult(state->pHelper->IsMoveSupported()), 13);
   }
   if (s.dstFile) {
+    // Opens of the replaced file keep reading it after the name is taken.
+    if (s.dstFile->nOpenHolds.load() != 0) FetchWholeCopy(state, s.dstFile, dst);
     const HRESULT hr = DeleteOnDevice(state, s.dstFile, dst);
     if (FAILED(hr)) return TraceStatus(kTagMove, FromHresult(hr), 11);
   }

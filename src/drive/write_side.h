@@ -60,6 +60,34 @@ std::string RescueContent(DriveState* state, const std::string& localPath, const
 void NoteRefusedWrite(DirectoryItem* item);
 bool TakeRefusedWrite(DirectoryItem* item);
 
+// Opens and their items (open_items.cpp). An open holds its item from the
+// open to its CloseFile: the record is not refilled meanwhile.
+void HoldItem(PDOKAN_FILE_INFO info, DirectoryItem* item);
+// Clears the open's context; at the last hold of an item whose name went,
+// its kept copy is removed.
+void ReleaseHold(DriveState* state, PDOKAN_FILE_INFO info);
+// Whether the item's name went while it was open; its copy then is
+// DetachedCopyOf ("" when it had none), and nothing of it reaches the device.
+bool IsDetached(const DirectoryItem* item);
+std::string DetachedCopyOf(const DirectoryItem* item);
+// The drive lock held for writing: takes the item's copy out of the cache
+// for its opens (the name now belongs to nobody or another object).
+void DetachCopy(DriveState* state, DirectoryItem* item);
+// The drive lock held for writing: flags the item deleted; a held file
+// keeps its copy (DetachCopy) unless the delete is its own upload's.
+void MarkGone(DriveState* state, DirectoryItem* item);
+// The drive lock held for writing: gives the item a new path and name
+// (folders: their content follows; files: their copy follows).
+void RenameItem(DriveState* state, DirectoryItem* item, const std::string& fullName, const std::string& name);
+// The drive lock held for writing: the copy follows a renamed file.
+void RenameCopy(DriveState* state, DirectoryItem* item, const std::string& oldName, const std::string& oldFileName);
+// The item's path on the drive now (takes the drive lock for reading).
+std::string PathOfItem(DriveState* state, const DirectoryItem* item);
+// Fetches the device's whole content of a file into its copy (nothing for
+// a file without device content). Called with the exclusive-access mutex
+// held and without the drive lock.
+NTSTATUS FetchWholeCopy(DriveState* state, DirectoryItem* item, const std::string& path);
+
 // The event worker's handling of created, deleted and updated objects.
 void ProcessItemEvent(DriveState* state, const EventItem& event);
 
