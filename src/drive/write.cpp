@@ -180,7 +180,7 @@ NTSTATUS QuillboxSetAllocationSize(LPCWSTR FileName, LONGLONG AllocSize, PDOKAN_
 
 // fsync: the pending content goes to the device now, so that the program
 // learns whether it arrived.
-NTSTATUS QuillboxFlushFileBuffers(LPCWSTR FileName, PDOKAN_FILE_INFO DokanFileInfo) {
+NTSTATUS QuillboxFlushFileBuffers(LPCWSTR, PDOKAN_FILE_INFO DokanFileInfo) {
   DriveState* state = GetDriveState();
   if (!state) return STATUS_UNSUCCESSFUL;
   if (!IsOriginalStructure(state)) return TraceStatus(kTagFlush, STATUS_ACCESS_DENIED, 111);

@@ -61,6 +61,18 @@ class DriveOpenFileTest : public DriveTest {
   }
   // Where the drive keeps the copies of files removed while open.
   fs::path KeptCopies() const { return home_ / "local" / "Quillbox" / "Open" / std::string(1, kLetter); }
+  size_t Closes(const std::string& path) {
+    const std::string text = TraceText(), line = "CLOSE_FILE : \"" + path + "\"";
+    size_t count = 0;
+    for (size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1)) ++count;
+    return count;
+  }
+  // Closes the descriptor and waits until the drive has ended its open.
+  bool CloseAndWait(Fd& f, const std::string& path) {
+    const size_t before = Closes(path);
+    ::close(f.Release());
+    return WaitUntil([&] { return Closes(path) > before; }, kDeviceLimitMs);
+  }
   bool NoKeptCopies() {
     return WaitUntil([&] { std::error_code ec; return !fs::exists(KeptCopies(), ec) || fs::is_empty(KeptCopies(), ec); },
                      kDeviceLimitMs);
@@ -107,21 +119,26 @@ TEST_F(DriveOpenFileTest, DeletedOpenFileStaysReadableAndWritableAndIsNotUploade
   ASSERT_EQ(::pwrite(f.fd, " and more", 9, 15), 9);
   EXPECT_EQ(SizeOf(f.fd), 24);
   EXPECT_EQ(PreadAll(f.fd, 100, 0), "NEW!old version and more");
-  ::close(f.Release());
-  // The last close drops the content; nothing reached the device.
+  ASSERT_TRUE(CloseAndWait(f, "\\doc\\gone.txt"));
+  // The last close drops the content; nothing reached the device, and
+  // nothing was taken for content that failed to get there.
   EXPECT_TRUE(NoKeptCopies());
   EXPECT_FALSE(fs::exists(Storage() / "doc" / "gone.txt"));
+  EXPECT_FALSE(fs::exists(home_ / "local" / "Quillbox" / "Rescued"));
   ASSERT_EQ(Sh("ls \"$D/doc\"", &out), 0);
   EXPECT_EQ(out, "");
 }
 
 TEST_F(DriveOpenFileTest, RenamedOpenFileKeepsWorkingAndReachesTheDeviceUnderItsNewName) {
   WriteDeviceFile("doc/a.txt", "0123456789");
+  WriteDeviceFile("doc/0.txt", "x");
   ASSERT_TRUE(Mount());
+  // A free record in the tree, which the device's new objects may take.
+  std::string out;
+  ASSERT_EQ(Sh("rm \"$D/doc/0.txt\"", &out), 0) << out;
   Fd f{::open((Drive() + "/doc/a.txt").c_str(), O_RDWR)};
   ASSERT_GE(f.fd, 0);
   ASSERT_EQ(::pwrite(f.fd, "AB", 2, 0), 2);
-  std::string out;
   ASSERT_EQ(Sh("mv \"$D/doc/a.txt\" \"$D/doc/b.txt\" && ls \"$D/doc\"", &out), 0) << out;
   EXPECT_EQ(out, "b.txt\n");
   // Written before the rename: on the device under the new name already.
