@@ -101,6 +101,8 @@ NTSTATUS QuillboxMoveFile(LPCWSTR FileName, LPCWSTR NewFileName, BOOL ReplaceIfE
   if (src == "\\") return TraceStatus(kTagMove, STATUS_UNSUCCESSFUL, 1);
   if (dst == "\\") return TraceStatus(kTagMove, STATUS_UNSUCCESSFUL, 2);
   PopulateAncestorsOf(state, dst);
+  // A rename right after a close waits for that close's upload.
+  auto uploads = HoldUploads(state, kTagMove);
   MoveScan s;
   {
     CReadLock lock(&state->rDriveLock);

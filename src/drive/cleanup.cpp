@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <mutex>
+#include <set>
 
 #include "common/strings.h"
 #include "diag/trace.h"
@@ -170,6 +171,28 @@ void ApplyAfterUpload(DriveState* state, const UploadPlan& plan, const std::stri
   }
 }
 
+std::mutex g_replacingMutex;
+std::set<const DirectoryItem*> g_replacing;  // under g_replacingMutex
+
+// Marks an item whose own upload deletes its old object, for its lifetime.
+struct Replacing {
+  explicit Replacing(const DirectoryItem* item) : item_(item) {
+    if (!item_) return;
+    std::lock_guard hold(g_replacingMutex);
+    g_replacing.insert(item_);
+  }
+  ~Replacing() {
+    if (!item_) return;
+    std::lock_guard hold(g_replacingMutex);
+    g_replacing.erase(item_);
+  }
+  Replacing(const Replacing&) = delete;
+  Replacing& operator=(const Replacing&) = delete;
+
+ private:
+  const DirectoryItem* item_;
+};
+
 // After the old object of a changed file is gone, its record waits for the
 // new object as a file the drive created does: with a provisional id, which
 // the tree refills in place when the device reports the object. Opens of
@@ -217,7 +240,18 @@ void DeleteAtCleanup(DriveState* state, DirectoryItem* item, const std::string& 
 
 namespace qb::drive {
 
-HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string& path) {
+bool IsBeingReplaced(const DirectoryItem* item) {
+  std::lock_guard hold(g_replacingMutex);
+  return g_replacing.count(item) != 0;
+}
+
+std::unique_lock<std::recursive_timed_mutex> HoldUploads(DriveState* state, const char* tag) {
+  std::unique_lock uploads(state->hUploadMutex, std::defer_lock);
+  while (!uploads.try_lock_for(std::chrono::milliseconds(100))) Trace(tag, "Waiting for the upload in progress");
+  return uploads;
+}
+
+HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string& path, bool replacing) {
   Trace(kTag, "  DeleteFile ");
   std::string id;
   int64_t size = 0;
@@ -225,8 +259,11 @@ HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string
     CReadLock lock(&state->rDriveLock);
     id = item->ItemIDText();
     size = item->rFindData.FileSize();
-    item->bPendingDelete = 1;
+    // A file whose new content replaces its object keeps its name meanwhile:
+    // opens, lookups and a rename right after the close still find it.
+    if (!replacing) item->bPendingDelete = 1;
   }
+  Replacing mark(replacing ? item : nullptr);
   auto wait = RegisterWait(state, id);
   const HRESULT hr = state->pHelper ? state->pHelper->DeleteFile(id.c_str()) : E_FAIL;
   if (FAILED(hr)) {
@@ -244,6 +281,11 @@ HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string
 }
 
 NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string& path) {
+  auto uploads = HoldUploads(state, kTagUpload);
+  {
+    CReadLock lock(&state->rDriveLock);
+    if (!item->bUploadPending) return STATUS_SUCCESS;  // sent while this one waited
+  }
   UploadPlan plan;
   if (!MakePlan(state, item, path, &plan)) {
     Trace(kTagUpload, "No cache copy of \"%s\"", path.c_str());
@@ -261,7 +303,7 @@ NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string
   if (free >= 0 && size > static_cast<uint64_t>(free) + (plan.replace ? static_cast<uint64_t>(plan.oldSize) : 0))
     return Fail(state, item, plan, path, kDiskFull);
   if (plan.replace) {
-    const HRESULT hr = DeleteOnDevice(state, item, path);
+    const HRESULT hr = DeleteOnDevice(state, item, path, true);
     if (FAILED(hr)) return Fail(state, item, plan, path, hr);
     plan.oldId = BecomeProvisional(state, item);
   }

@@ -84,7 +84,12 @@ void ItemDeleted(DriveState* state, const EventItem& event) {
   std::string refresh = "\\", gone;
   {
     CWriteLock lock(&state->rDriveLock);
-    if (DirectoryItem* item = FileByUniqueID(state, event.sUniqueID)) {
+    if (DirectoryItem* item = FileByUniqueID(state, event.sUniqueID); item && IsBeingReplaced(item)) {
+      // Its own upload deleted the old object: the name stays, the new
+      // object takes the record over.
+      SignalEventDone(item->ItemIDText());
+      return;
+    } else if (item) {
       MarkGone(state, item);
       if (item->hRegionsToDownloadMutex) {
         Trace(kTag, "WAIT 5065 (0x%08X)", 0u);

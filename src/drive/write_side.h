@@ -4,6 +4,7 @@
 // the device delete and upload of a file, the rescue of content that could
 // not reach the device, and the event worker's changes to the tree.
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "drive/drive_internal.h"
@@ -40,8 +41,14 @@ void RelistFolderOfPath(DriveState* state, const std::string& path);
 bool WriteAllowed(DriveState* state);
 
 // Deletes the item's device object and waits for the confirmation (the
-// item goes pending-delete meanwhile). The HRESULT of the device.
-HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string& path);
+// item goes pending-delete meanwhile, unless its own new content replaces
+// the object: then it stays visible). The HRESULT of the device.
+HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string& path, bool replacing = false);
+// Whether the item's old object is being deleted for its own upload (the
+// event worker then leaves the item as it is).
+bool IsBeingReplaced(const DirectoryItem* item);
+// Holds hUploadMutex (waits in slices of 100 ms, logging each).
+std::unique_lock<std::recursive_timed_mutex> HoldUploads(DriveState* state, const char* tag);
 
 // Uploads the pending content of a file item (cleanup and flush). A failed
 // upload keeps the content in the rescue folder. STATUS_SUCCESS, or the
