@@ -78,6 +78,18 @@ NTSTATUS AskMove(DriveState* state, const std::string& id, const std::string& ta
   return STATUS_SUCCESS;
 }
 
+// A late event of an earlier change of the object may have stood in for
+// this move's confirmation: the program's next step (open the new name)
+// must find it, so a tree that does not show it yet learns the folder anew.
+void CatchUp(DriveState* state, const std::string& dst, bool file, const std::string& folderId) {
+  {
+    CReadLock lock(&state->rDriveLock);
+    if (file ? FindFile(state, dst) != nullptr : FindFolder(state, dst) != nullptr) return;
+  }
+  Trace(kTagMove, "Not in the tree yet: \"%s\"", dst.c_str());
+  RelistFolderById(state, folderId);
+}
+
 struct MoveScan {
   DirectoryItem *srcFolder = nullptr, *dstFolder = nullptr, *srcFile = nullptr, *dstFile = nullptr;
 };
@@ -159,6 +171,7 @@ NTSTATUS QuillboxMoveFile(LPCWSTR FileName, LPCWSTR NewFileName, BOOL ReplaceIfE
   if (!sameFolder) status = AskMove(state, id, targetFolderId, false, parentId, targetFolderId);
   if (status == STATUS_SUCCESS && srcName != dstName)
     status = AskMove(state, id, dstName, true, sameFolder ? parentId : targetFolderId, "");
+  if (status == STATUS_SUCCESS) CatchUp(state, dst, s.srcFile != nullptr, sameFolder ? parentId : targetFolderId);
   return TraceStatus(kTagMove, status, 14);
 }
 

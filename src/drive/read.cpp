@@ -133,6 +133,16 @@ uint32_t WaitForRegion(DriveState* state, DirectoryItem* item, uint64_t end) {
   return status;
 }
 
+// Whether the download that ran when the copy was checked has completed
+// since: the transfer marks the copy complete only with its last chunk, so
+// a check made just before saw an incomplete copy, and a second download
+// would empty the copy that readers are about to read.
+bool CompletedMeanwhile(DirectoryItem* item, const CCacheItem* entry, uint64_t size) {
+  if (!entry || !item->hRegionsToDownloadMutex) return false;
+  std::lock_guard regions(*item->hRegionsToDownloadMutex);
+  return !item->bDownloading && item->ullAlreadyDownloaded >= size && CCacheItem::Validate(entry, item->rFindData);
+}
+
 // A file whose name went while open: its kept copy holds everything there
 // is; the device has nothing more of it.
 NTSTATUS ReadKeptCopy(const DirectoryItem* item, void* buffer, DWORD length, DWORD* readLength, int64_t offset) {
@@ -233,6 +243,8 @@ NTSTATUS QuillboxReadFile(LPCWSTR FileName, LPVOID Buffer, DWORD BufferLength, L
         Trace(kTag, "File \"%s\" has size 0 bytes", path.c_str());
         CreateEmptyCopy(localPath, item);
       }
+    } else if (CompletedMeanwhile(item, entry, size)) {
+      Trace(kTag, "Download completed meanwhile");
     } else {
       Trace(kTag, "rfs = %llu", static_cast<unsigned long long>(size));
       if (!item->bDownloading) {
