@@ -134,7 +134,7 @@ void QuillboxCloseFile(LPCWSTR FileName, PDOKAN_FILE_INFO DokanFileInfo) {
   if (DokanFileInfo->Context) {
     Trace(tag, "CLOSE_FILE : \"%s\" (0x%08X)", FileName,
           static_cast<unsigned>(DokanFileInfo->Context));
-    ReleaseHold(state, DokanFileInfo);
+    ReleaseHold(DokanFileInfo);
   } else {
     Trace(tag, "Close: \"%s\"", FileName);
   }

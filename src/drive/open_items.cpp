@@ -72,7 +72,7 @@ void HoldItem(PDOKAN_FILE_INFO info, DirectoryItem* item) {
   info->Context = reinterpret_cast<ULONG64>(item);
 }
 
-void ReleaseHold(DriveState* state, PDOKAN_FILE_INFO info) {
+void ReleaseHold(PDOKAN_FILE_INFO info) {
   DirectoryItem* item = ContextItem(info);
   info->Context = 0;
   if (!item || --item->nOpenHolds != 0) return;
@@ -89,7 +89,6 @@ void ReleaseHold(DriveState* state, PDOKAN_FILE_INFO info) {
     fs::remove(copy, ec);
     Trace(kTag, "Last close of a removed file: \"%s\" dropped", copy.c_str());
   }
-  (void)state;
 }
 
 std::string PathOfItem(DriveState* state, const DirectoryItem* item) {

@@ -72,7 +72,7 @@ bool TakeRefusedWrite(DirectoryItem* item);
 void HoldItem(PDOKAN_FILE_INFO info, DirectoryItem* item);
 // Clears the open's context; at the last hold of an item whose name went,
 // its kept copy is removed.
-void ReleaseHold(DriveState* state, PDOKAN_FILE_INFO info);
+void ReleaseHold(PDOKAN_FILE_INFO info);
 // Whether the item's name went while it was open; its copy then is
 // DetachedCopyOf ("" when it had none), and nothing of it reaches the device.
 bool IsDetached(const DirectoryItem* item);
