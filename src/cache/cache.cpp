@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
 
 #include "common/strings.h"
@@ -183,11 +184,7 @@ CCacheItem* CCache::Add(const std::string& name, const WIN32_FIND_DATAW* findDat
   if (!findData) return nullptr;
   if (CCacheItem* existing = Find(name, findData->cFileName)) return existing;
   auto item = std::make_unique<CCacheItem>();
-  std::string rel = name;
-  for (char& c : rel) c = c == '\\' ? '/' : c;
-  item->sLocalPath = m_sDriveFolder + "/" + rel;
-  const size_t dot = findData->cFileName.rfind('.');
-  if (dot != std::string::npos) item->sLocalPath += findData->cFileName.substr(dot);
+  item->sLocalPath = LocalPathOf(name, findData->cFileName);
   item->rFindData = *findData;
   item->sName = name;
   const uint64_t size = static_cast<uint64_t>(findData->FileSize());
@@ -208,6 +205,34 @@ void CCache::Delete(CCacheItem** item, int deleteFile) {
   IndexRemove(victim);
   PtrList<CCacheItem>::Delete(IndexOf(victim));
   *item = nullptr;
+}
+
+bool CCache::Rename(CCacheItem* item, const std::string& name, const std::string& fileName) {
+  if (!item) return false;
+  if (CCacheItem* other = Find(name, fileName); other && other != item) Delete(&other, 1);
+  const std::string target = LocalPathOf(name, fileName);
+  std::error_code ec;
+  fs::create_directories(fs::path(target).parent_path(), ec);
+  if (::rename(item->sLocalPath.c_str(), target.c_str()) != 0 && errno != ENOENT) {
+    Trace("C16@CCache::Rename: ", "Cannot move \"%s\": %d", item->sLocalPath.c_str(), errno);
+    Delete(&item, 1);
+    return false;
+  }
+  IndexRemove(item);
+  item->sName = name;
+  item->rFindData.cFileName = fileName;
+  item->sLocalPath = target;
+  IndexAdd(item);
+  return true;
+}
+
+std::string CCache::LocalPathOf(const std::string& name, const std::string& fileName) const {
+  std::string rel = name;
+  for (char& c : rel) c = c == '\\' ? '/' : c;
+  std::string path = m_sDriveFolder + "/" + rel;
+  const size_t dot = fileName.rfind('.');
+  if (dot != std::string::npos) path += fileName.substr(dot);
+  return path;
 }
 
 uint64_t CCache::GetCacheSize() const {

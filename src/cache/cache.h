@@ -106,6 +106,10 @@ class CCache : public PtrList<CCacheItem> {
   // Removes the item (and with deleteFile its local file and its size from
   // the counter); nulls the reference.
   void Delete(CCacheItem** item, int deleteFile);
+  // Gives the copy a new name (a renamed file keeps its copy): the local
+  // file moves along, a copy that the new name had is thrown away. False
+  // when the local file cannot move; the item is then removed with its file.
+  bool Rename(CCacheItem* item, const std::string& name, const std::string& fileName);
   uint64_t GetCacheSize() const;
 
   // Creates the parent folders of an item's local copy; false on failure.
@@ -132,6 +136,7 @@ class CCache : public PtrList<CCacheItem> {
   void _Rebuild(const std::string& folder, const std::string& baseFolder, uint64_t* counter,
                 int createItems, PtrList<CCacheItem>* target);
 
+  std::string LocalPathOf(const std::string& name, const std::string& fileName) const;
   void IndexAdd(CCacheItem* item);
   void IndexRemove(const CCacheItem* item);
 

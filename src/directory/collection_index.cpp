@@ -84,10 +84,15 @@ void CollectionIndex::NoteDeleted(DirectoryItem* item) {
 
 DirectoryItem* CollectionIndex::FirstDeleted() {
   std::lock_guard<std::mutex> lock(deletedMutex_);
-  while (!deleted_.empty()) {
-    DirectoryItem* item = deleted_.begin()->second;
-    if (item->bDeleted) return item;
-    deleted_.erase(deleted_.begin());  // cleared again since it was noted
+  for (auto it = deleted_.begin(); it != deleted_.end();) {
+    DirectoryItem* item = it->second;
+    if (!item->bDeleted) {
+      it = deleted_.erase(it);  // cleared again since it was noted
+    } else if (item->nOpenHolds.load() != 0) {
+      ++it;
+    } else {
+      return item;
+    }
   }
   return nullptr;
 }

@@ -38,7 +38,8 @@ class CollectionIndex {
   DirectoryItem* FindByUniqueID(std::string_view id, const Accept& accept) const;
   DirectoryItem* FindByFullName(std::string_view name, const Accept& accept) const;
 
-  // First record in list order whose bDeleted is set, or null.
+  // First record in list order whose bDeleted is set and that no open
+  // holds, or null. A held record stays noted for when its holds end.
   DirectoryItem* FirstDeleted();
   void NoteDeleted(DirectoryItem* item);
 

@@ -19,6 +19,7 @@
 // and full name keep them constant-time; a caller that changes sItemID,
 // sUniqueID or sFullName of a record directly must call Reindex(item)
 // afterwards (or use SetItemID / ChangePathItem, which do it).
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -123,6 +124,11 @@ struct DirectoryItem {
   uint32_t bUploadPending = 0;
   FILETIME ftDelayedCreationTime;
   FILETIME ftDelayedLastWriteTime;
+  // Opens of the drive that hold the record as their object (changed under
+  // the drive lock held for reading, hence atomic). A held record keeps its
+  // identity: it is not refilled for another object while any open holds
+  // it, even when it is flagged deleted. Kept by a refill in place.
+  std::atomic<uint32_t> nOpenHolds{0};
 
   DirectoryItemLinks links;  // the tree's book-keeping
 

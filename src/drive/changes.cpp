@@ -78,6 +78,18 @@ NTSTATUS AskMove(DriveState* state, const std::string& id, const std::string& ta
   return STATUS_SUCCESS;
 }
 
+// A late event of an earlier change of the object may have stood in for
+// this move's confirmation: the program's next step (open the new name)
+// must find it, so a tree that does not show it yet learns the folder anew.
+void CatchUp(DriveState* state, const std::string& dst, bool file, const std::string& folderId) {
+  {
+    CReadLock lock(&state->rDriveLock);
+    if (file ? FindFile(state, dst) != nullptr : FindFolder(state, dst) != nullptr) return;
+  }
+  Trace(kTagMove, "Not in the tree yet: \"%s\"", dst.c_str());
+  RelistFolderById(state, folderId);
+}
+
 struct MoveScan {
   DirectoryItem *srcFolder = nullptr, *dstFolder = nullptr, *srcFile = nullptr, *dstFile = nullptr;
 };
@@ -101,6 +113,8 @@ NTSTATUS QuillboxMoveFile(LPCWSTR FileName, LPCWSTR NewFileName, BOOL ReplaceIfE
   if (src == "\\") return TraceStatus(kTagMove, STATUS_UNSUCCESSFUL, 1);
   if (dst == "\\") return TraceStatus(kTagMove, STATUS_UNSUCCESSFUL, 2);
   PopulateAncestorsOf(state, dst);
+  // A rename right after a close waits for that close's upload.
+  auto uploads = HoldUploads(state, kTagMove);
   MoveScan s;
   {
     CReadLock lock(&state->rDriveLock);
@@ -148,6 +162,8 @@ NTSTATUS QuillboxMoveFile(LPCWSTR FileName, LPCWSTR NewFileName, BOOL ReplaceIfE
     return TraceStatus(kTagMove, FromHresult(state->pHelper->IsMoveSupported()), 13);
   }
   if (s.dstFile) {
+    // Opens of the replaced file keep reading it after the name is taken.
+    if (s.dstFile->nOpenHolds.load() != 0) FetchWholeCopy(state, s.dstFile, dst);
     const HRESULT hr = DeleteOnDevice(state, s.dstFile, dst);
     if (FAILED(hr)) return TraceStatus(kTagMove, FromHresult(hr), 11);
   }
@@ -155,6 +171,7 @@ NTSTATUS QuillboxMoveFile(LPCWSTR FileName, LPCWSTR NewFileName, BOOL ReplaceIfE
   if (!sameFolder) status = AskMove(state, id, targetFolderId, false, parentId, targetFolderId);
   if (status == STATUS_SUCCESS && srcName != dstName)
     status = AskMove(state, id, dstName, true, sameFolder ? parentId : targetFolderId, "");
+  if (status == STATUS_SUCCESS) CatchUp(state, dst, s.srcFile != nullptr, sameFolder ? parentId : targetFolderId);
   return TraceStatus(kTagMove, status, 14);
 }
 

@@ -5,6 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <mutex>
+#include <set>
 
 #include "common/strings.h"
 #include "diag/trace.h"
@@ -168,11 +171,87 @@ void ApplyAfterUpload(DriveState* state, const UploadPlan& plan, const std::stri
   }
 }
 
+std::mutex g_replacingMutex;
+std::set<const DirectoryItem*> g_replacing;  // under g_replacingMutex
+
+// Marks an item whose own upload deletes its old object, for its lifetime.
+struct Replacing {
+  explicit Replacing(const DirectoryItem* item) : item_(item) {
+    if (!item_) return;
+    std::lock_guard hold(g_replacingMutex);
+    g_replacing.insert(item_);
+  }
+  ~Replacing() {
+    if (!item_) return;
+    std::lock_guard hold(g_replacingMutex);
+    g_replacing.erase(item_);
+  }
+  Replacing(const Replacing&) = delete;
+  Replacing& operator=(const Replacing&) = delete;
+
+ private:
+  const DirectoryItem* item_;
+};
+
+// After the old object of a changed file is gone, its record waits for the
+// new object as a file the drive created does: with a provisional id, which
+// the tree refills in place when the device reports the object. Opens of
+// the file keep their item through the upload. Answers the new id.
+std::string BecomeProvisional(DriveState* state, DirectoryItem* item) {
+  CWriteLock lock(&state->rDriveLock);
+  std::string id = "DMYID" + FileFullName(item);
+  CDirectory::StripColons(id);
+  state->pDirectory->SetItemID(item, id.c_str());
+  item->sUniqueID.clear();
+  state->pDirectory->Reindex(item);
+  item->bPendingDelete = 0;
+  item->bDeleted = 0;
+  return id;
+}
+
+// The end of an open whose item asked for its delete (unlink): other opens
+// of the file keep its content.
+void DeleteAtCleanup(DriveState* state, DirectoryItem* item, const std::string& path, bool provisional) {
+  Trace(kTag, "  DeleteOnClose");
+  if (!provisional) {
+    if (item->nOpenHolds.load() > 1) {
+      std::unique_lock exclusive(state->hExclusiveAccessMutex, std::defer_lock);
+      while (!exclusive.try_lock_for(std::chrono::milliseconds(100))) Trace(kTag, "Waiting for exclusive access");
+      FetchWholeCopy(state, item, path);
+    }
+    if (FAILED(DeleteOnDevice(state, item, path))) return;
+  }
+  {
+    CWriteLock lock(&state->rDriveLock);
+    if (provisional) {
+      Trace(kTag, "DID:%s", item->ItemIDText());
+      MarkGone(state, item);
+    } else if (item->nOpenHolds.load() > 1) {
+      DetachCopy(state, item);  // when the device's confirmation did not do it
+    } else if (!IsDetached(item)) {
+      CCacheItem* entry = state->pCache->Find(CacheName(item), item->rFindData.cFileName);
+      if (entry) state->pCache->Delete(&entry, 1);
+    }
+  }
+  RefreshShell(state, SHCNE_DELETE, path);
+}
+
 }  // namespace
 
 namespace qb::drive {
 
-HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string& path) {
+bool IsBeingReplaced(const DirectoryItem* item) {
+  std::lock_guard hold(g_replacingMutex);
+  return g_replacing.count(item) != 0;
+}
+
+std::unique_lock<std::recursive_timed_mutex> HoldUploads(DriveState* state, const char* tag) {
+  std::unique_lock uploads(state->hUploadMutex, std::defer_lock);
+  while (!uploads.try_lock_for(std::chrono::milliseconds(100))) Trace(tag, "Waiting for the upload in progress");
+  return uploads;
+}
+
+HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string& path, bool replacing) {
   Trace(kTag, "  DeleteFile ");
   std::string id;
   int64_t size = 0;
@@ -180,8 +259,11 @@ HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string
     CReadLock lock(&state->rDriveLock);
     id = item->ItemIDText();
     size = item->rFindData.FileSize();
-    item->bPendingDelete = 1;
+    // A file whose new content replaces its object keeps its name meanwhile:
+    // opens, lookups and a rename right after the close still find it.
+    if (!replacing) item->bPendingDelete = 1;
   }
+  Replacing mark(replacing ? item : nullptr);
   auto wait = RegisterWait(state, id);
   const HRESULT hr = state->pHelper ? state->pHelper->DeleteFile(id.c_str()) : E_FAIL;
   if (FAILED(hr)) {
@@ -199,6 +281,11 @@ HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string
 }
 
 NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string& path) {
+  auto uploads = HoldUploads(state, kTagUpload);
+  {
+    CReadLock lock(&state->rDriveLock);
+    if (!item->bUploadPending) return STATUS_SUCCESS;  // sent while this one waited
+  }
   UploadPlan plan;
   if (!MakePlan(state, item, path, &plan)) {
     Trace(kTagUpload, "No cache copy of \"%s\"", path.c_str());
@@ -216,8 +303,9 @@ NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string
   if (free >= 0 && size > static_cast<uint64_t>(free) + (plan.replace ? static_cast<uint64_t>(plan.oldSize) : 0))
     return Fail(state, item, plan, path, kDiskFull);
   if (plan.replace) {
-    const HRESULT hr = DeleteOnDevice(state, item, path);
+    const HRESULT hr = DeleteOnDevice(state, item, path, true);
     if (FAILED(hr)) return Fail(state, item, plan, path, hr);
+    plan.oldId = BecomeProvisional(state, item);
   }
   FILETIME written = plan.delayedWrite.Value() ? plan.delayedWrite : CopyWriteTime(plan.localPath, item);
   {
@@ -261,40 +349,37 @@ NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string
 }  // namespace qb::drive
 
 void QuillboxCleanup(LPCWSTR FileName, PDOKAN_FILE_INFO DokanFileInfo) {
-  const std::string path(FileName ? FileName : "");
-  Trace(kTag, "FileName=\"%s\"", path.c_str());
+  const std::string name(FileName ? FileName : "");
+  Trace(kTag, "FileName=\"%s\"", name.c_str());
   DriveState* state = GetDriveState();
-  if (!state || HasWildcard(path)) return;
+  if (!state || HasWildcard(name)) return;
   DirectoryItem* item = ContextItem(DokanFileInfo);
   if (!item) {
-    Trace(kTag, "Cleanup: \"%s\" - invalid handle", path.c_str());
+    Trace(kTag, "Cleanup: \"%s\" - invalid handle", name.c_str());
     return;
   }
+  // The open keeps its item (the context) until CloseFile: a file whose
+  // name went stays readable for the opens that still run.
   Trace(kTag, "Cleanup: 0x%08X", static_cast<unsigned>(reinterpret_cast<uintptr_t>(item)));
-  DokanFileInfo->Context = 0;
   if (DokanFileInfo->IsDirectory || item->bPersistent) return;
   bool deleteOnClose, uploadPending, provisional;
+  std::string path;
   {
     CReadLock lock(&state->rDriveLock);
     deleteOnClose = item->bFileFlagDeleteOnClose && item->IsLive();
     uploadPending = item->bUploadPending;
     provisional = IsProvisional(item);
+    path = FileFullName(item);
   }
-  if (deleteOnClose && !uploadPending) {
-    Trace(kTag, "  DeleteOnClose");
-    if (!provisional) {
-      if (FAILED(DeleteOnDevice(state, item, path))) return;
-      CReadLock lock(&state->rDriveLock);
-      CCacheItem* entry = state->pCache->Find(CacheName(item), item->rFindData.cFileName);
-      if (entry) state->pCache->Delete(&entry, 1);
-    } else {
-      CReadLock lock(&state->rDriveLock);
-      Trace(kTag, "DID:%s", item->ItemIDText());
-      item->bDeleted = 1;
-    }
-    RefreshShell(state, SHCNE_DELETE, path);
+  if (IsDetached(item)) {
+    // Written after its name went: like an unlinked file's data, it goes
+    // with the last close and never reaches the device as a new file.
+    if (uploadPending) Trace(kTag, "Content of removed \"%s\" not uploaded", path.c_str());
+    CReadLock lock(&state->rDriveLock);
+    item->bUploadPending = 0;
     return;
   }
+  if (deleteOnClose && !uploadPending) return DeleteAtCleanup(state, item, path, provisional);
   if (!IsOriginalStructure(state)) return;
   if (uploadPending) UploadPending(state, item, path);
 }

@@ -1,6 +1,6 @@
 // Completion waits (SignalEventDone / DiscardEventDone) and the re-listing
 // of a folder when the device's own confirmation did not come in time.
-#include <set>
+#include <map>
 
 #include "common/strings.h"
 #include "diag/trace.h"
@@ -18,9 +18,10 @@ unsigned Handle(const CSyncEvent* event) {
   return static_cast<unsigned>(reinterpret_cast<uintptr_t>(event));
 }
 
-// Unique ids of what the device holds in the folder, read into a scratch
-// tree so that records others point to are never refilled by the listing.
-bool ListOnDevice(DriveState* state, const DirectoryItem* folder, std::set<std::string>* ids) {
+// Unique ids of what the device holds in the folder, with each object's
+// name, read into a scratch tree so that records others point to are never
+// refilled by the listing.
+bool ListOnDevice(DriveState* state, const DirectoryItem* folder, std::map<std::string, std::string>* ids) {
   CDirectory scratch;
   scratch.Init("\\", 1);
   scratch.SetNamingPattern(state->pDirectory->GetNamingPattern());
@@ -31,7 +32,7 @@ bool ListOnDevice(DriveState* state, const DirectoryItem* folder, std::set<std::
   for (const CDirectory::ItemList* list : {scratch.m_pFiles.get(), scratch.m_pPersistFolders.get()})
     if (list)
       for (DirectoryItem* item : Raw(*list))
-        if (item->IsLive() && !item->sUniqueID.empty()) ids->insert(item->sUniqueID);
+        if (item->IsLive() && !item->sUniqueID.empty()) ids->emplace(item->sUniqueID, item->rFindData.cFileName);
   return true;
 }
 
@@ -47,7 +48,7 @@ bool DirectlyIn(const DirectoryItem* item, const std::string& folder) {
 
 // Called with the drive lock held for writing.
 void RelistFolder(DriveState* state, DirectoryItem* folder) {
-  std::set<std::string> onDevice;
+  std::map<std::string, std::string> onDevice;
   if (!ListOnDevice(state, folder, &onDevice)) {
     Trace(kTagRelist, "Listing failed: \"%s\"", folder->sFullName.c_str());
     return;
@@ -61,9 +62,17 @@ void RelistFolder(DriveState* state, DirectoryItem* folder) {
       if (!item->IsLive() || IsProvisional(item) || item->bSystem || item->bDownloading || item->bUploadPending ||
           !DirectlyIn(item, path))
         continue;
-      if (!onDevice.count(item->sUniqueID)) {
+      auto found = onDevice.find(item->sUniqueID);
+      if (found == onDevice.end()) {
         Trace(kTagRelist, "Gone: \"%s\"", item->sFullName.c_str());
-        item->bDeleted = 1;
+        MarkGone(state, item);
+      } else if (!item->bPersistent && found->second != item->rFindData.cFileName) {
+        // Renamed on the device (its confirmation did not come in time).
+        Trace(kTagRelist, "Renamed: \"%s\" to \"%s\"", item->sFullName.c_str(), found->second.c_str());
+        const std::string& name = found->second;
+        std::string fullName = path + name.substr(0, name.size() - ExtensionOf(name).size());
+        CDirectory::StripColons(fullName);
+        RenameItem(state, item, fullName, name);
       }
     }
   }
@@ -137,6 +146,15 @@ void RelistFolderOfPath(DriveState* state, const std::string& path) {
     return;
   }
   RelistFolder(state, folder);
+}
+
+void RenameItem(DriveState* state, DirectoryItem* item, const std::string& fullName, const std::string& name) {
+  const std::string before = item->sFullName, oldCacheName = CacheName(item), oldFileName = item->rFindData.cFileName;
+  state->pDirectory->ChangePathItem(item, before.c_str(), fullName.c_str(), item->bPersistent, name.c_str(), 1);
+  if (item->bPersistent)
+    state->pDirectory->ChangePathChildren(before.c_str(), fullName.c_str(), item->ItemIDText());
+  else
+    RenameCopy(state, item, oldCacheName, oldFileName);
 }
 
 bool WriteAllowed(DriveState* state) {

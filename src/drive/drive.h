@@ -28,6 +28,7 @@
 //   hSimulatedCreatesMutex (released again before the next)
 //   -> hExclusiveAccessMutex (guarded operations: create, read, write,
 //      move, volume information)
+//   -> hUploadMutex (uploads, and moves, which may upload their source)
 //   -> rDriveLock (the drive lock; the mapping's listing and the event
 //      worker write, the operations read)
 //   -> the tree's own lock (CDirectory)
@@ -185,6 +186,11 @@ struct DriveState {
   // --- Locks (order: see the top of this header). ---
   CMutexRW rDriveLock;                     // the drive lock
   std::timed_mutex hExclusiveAccessMutex;  // serialises the guarded operations
+  // One upload at a time, and no move beside one: a file's content is never
+  // sent twice at once (cleanup, fsync and a move may all want to send it),
+  // and a rename waits until the upload of its file has ended. Recursive: a
+  // move holds it through the upload of its source.
+  std::recursive_timed_mutex hUploadMutex;
   std::mutex hSimulatedCreatesMutex;       // guards SimulatedCreates
   PtrList<EventItem> SimulatedCreates;     // under hSimulatedCreatesMutex
 

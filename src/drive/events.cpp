@@ -76,7 +76,7 @@ void DropBelow(DriveState* state, const std::string& folder) {
     for (DirectoryItem* item : Raw(*list))
       if (!item->bDeleted && item->sFullName.size() > folder.size() &&
           qb::EqualsNoCaseAZ(std::string_view(item->sFullName).substr(0, folder.size()), folder))
-        item->bDeleted = 1;
+        MarkGone(state, item);
 }
 
 void ItemDeleted(DriveState* state, const EventItem& event) {
@@ -84,8 +84,13 @@ void ItemDeleted(DriveState* state, const EventItem& event) {
   std::string refresh = "\\", gone;
   {
     CWriteLock lock(&state->rDriveLock);
-    if (DirectoryItem* item = FileByUniqueID(state, event.sUniqueID)) {
-      item->bDeleted = 1;
+    if (DirectoryItem* item = FileByUniqueID(state, event.sUniqueID); item && IsBeingReplaced(item)) {
+      // Its own upload deleted the old object: the name stays, the new
+      // object takes the record over.
+      SignalEventDone(item->ItemIDText());
+      return;
+    } else if (item) {
+      MarkGone(state, item);
       if (item->hRegionsToDownloadMutex) {
         Trace(kTag, "WAIT 5065 (0x%08X)", 0u);
         std::lock_guard regions(*item->hRegionsToDownloadMutex);
@@ -132,7 +137,7 @@ void ItemUpdated(DriveState* state, const EventItem& event) {
       // Moved out into a folder the tree does not hold: it leaves this view.
       Trace(kTag, "ParentID not found: \"%s\"", parentId.c_str());
       oldPath = DrivePath(item);
-      item->bDeleted = 1;
+      MarkGone(state, item);
       if (item->bPersistent) DropBelow(state, item->sFullName);
       SignalEventDone(item->ItemIDText());
       refreshOld = WithoutBackslash(ParentPath(WithoutBackslash(oldPath)));
@@ -143,10 +148,8 @@ void ItemUpdated(DriveState* state, const EventItem& event) {
                                                : parentPath + name.substr(0, name.size() - ExtensionOf(name).size());
       CDirectory::StripColons(fullName);
       if (!qb::EqualsNoCaseAZ(fullName, item->sFullName) || name != item->rFindData.cFileName) {
-        const std::string before = item->sFullName;
-        state->pDirectory->ChangePathItem(item, before.c_str(), fullName.c_str(), item->bPersistent, name.c_str(), 1);
+        RenameItem(state, item, fullName, name);
         item->sParentID = parentId;
-        if (item->bPersistent) state->pDirectory->ChangePathChildren(before.c_str(), fullName.c_str(), item->ItemIDText());
       } else {
         Trace(kTag, "No change in filename/path");
       }

@@ -1,7 +1,7 @@
 // File information, folder opens and closes.
 #include "common/strings.h"
 #include "diag/trace.h"
-#include "drive/drive_internal.h"
+#include "drive/write_side.h"
 
 using namespace qb::drive;
 
@@ -66,6 +66,12 @@ NTSTATUS QuillboxGetFileInformation_Internal(LPCWSTR FileName, LPBY_HANDLE_FILE_
   DriveState* state = GetDriveState();
   if (!state || !state->pDirectory) return STATUS_UNSUCCESSFUL;
   const std::string_view path(FileName ? FileName : "");
+  // An open file answers for its own object, whatever the name leads to now.
+  if (DirectoryItem* item = ContextItem(DokanFileInfo); item && !item->bPersistent && !hint) {
+    CReadLock lock(&state->rDriveLock);
+    if (Buffer) FillInformation(item, Buffer);
+    return STATUS_SUCCESS;
+  }
   DWORD error = 3;
   if (hint || DokanFileInfo->IsDirectory) {
     CReadLock lock(&state->rDriveLock);
@@ -112,7 +118,7 @@ NTSTATUS QuillboxOpenDirectory(LPCWSTR FileName, PDOKAN_FILE_INFO DokanFileInfo)
   }
   CReadLock lock(&state->rDriveLock);
   if (DirectoryItem* folder = FindFolder(state, path)) {
-    DokanFileInfo->Context = reinterpret_cast<ULONG64>(folder);
+    HoldItem(DokanFileInfo, folder);
     return TraceStatus(tag, STATUS_SUCCESS, 3);
   }
   if (FindFileByFullNameOnly(state, path)) return TraceStatus(tag, ToNtStatus(267), 4);
@@ -128,7 +134,7 @@ void QuillboxCloseFile(LPCWSTR FileName, PDOKAN_FILE_INFO DokanFileInfo) {
   if (DokanFileInfo->Context) {
     Trace(tag, "CLOSE_FILE : \"%s\" (0x%08X)", FileName,
           static_cast<unsigned>(DokanFileInfo->Context));
-    DokanFileInfo->Context = 0;
+    ReleaseHold(DokanFileInfo);
   } else {
     Trace(tag, "Close: \"%s\"", FileName);
   }

@@ -275,8 +275,9 @@ void RemoveAll(DriveState* state, const std::string& folderPath) {
   for (DirectoryItem* item : Raw(*state->pDirectory->m_pFiles)) {
     auto r = rest(item);
     // A file whose download runs keeps its record: the tree refills deleted
-    // records, and the transfer still writes through this one.
-    if (r && r->find('\\') == std::string_view::npos && !item->bDownloading) {
+    // records, and the transfer still writes through this one. So does an
+    // open file: its opens answer from the record.
+    if (r && r->find('\\') == std::string_view::npos && !item->bDownloading && !item->nOpenHolds.load()) {
       Trace(tag, "File: %s", item->sFullName.c_str());
       item->bDeleted = 1;
     }

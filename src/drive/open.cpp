@@ -240,7 +240,7 @@ NTSTATUS QuillboxCreateFile(LPCWSTR FileName, PDOKAN_IO_SECURITY_CONTEXT, ACCESS
   if (item->bFileFlagDeleteOnClose) Trace(kTag, "DeleteOnClose");
   item->rFindData.dwFileAttributes |=
       FileAttributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_HIDDEN);
-  DokanFileInfo->Context = reinterpret_cast<ULONG64>(item);
+  HoldItem(DokanFileInfo, item);
   return alreadyExists ? TraceStatus(kTag, STATUS_OBJECT_NAME_COLLISION, 26)
                        : TraceStatus(kTag, STATUS_SUCCESS, 6);
 }

@@ -10,7 +10,7 @@
 
 #include "common/strings.h"
 #include "diag/trace.h"
-#include "drive/drive_internal.h"
+#include "drive/write_side.h"
 #include "platform/system/clock.h"
 
 using namespace qb::drive;
@@ -133,9 +133,46 @@ uint32_t WaitForRegion(DriveState* state, DirectoryItem* item, uint64_t end) {
   return status;
 }
 
+// Whether the download that ran when the copy was checked has completed
+// since: the transfer marks the copy complete only with its last chunk, so
+// a check made just before saw an incomplete copy, and a second download
+// would empty the copy that readers are about to read.
+bool CompletedMeanwhile(DirectoryItem* item, const CCacheItem* entry, uint64_t size) {
+  if (!entry || !item->hRegionsToDownloadMutex) return false;
+  std::lock_guard regions(*item->hRegionsToDownloadMutex);
+  return !item->bDownloading && item->ullAlreadyDownloaded >= size && CCacheItem::Validate(entry, item->rFindData);
+}
+
+// A file whose name went while open: its kept copy holds everything there
+// is; the device has nothing more of it.
+NTSTATUS ReadKeptCopy(const DirectoryItem* item, void* buffer, DWORD length, DWORD* readLength, int64_t offset) {
+  const std::string copy = DetachedCopyOf(item);
+  if (copy.empty()) {
+    if (readLength) *readLength = 0;
+    return TraceStatus(kTag, item->rFindData.FileSize() == 0 ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL, 20);
+  }
+  return ReadFromCopy(copy, buffer, length, readLength, offset);
+}
+
 }  // namespace
 
 namespace qb::drive {
+
+NTSTATUS FetchWholeCopy(DriveState* state, DirectoryItem* item, const std::string& path) {
+  int64_t size = 0;
+  {
+    CReadLock lock(&state->rDriveLock);
+    size = item->rFindData.FileSize();
+    if (IsProvisional(item) || item->bUploadPending || size == 0 || IsDetached(item)) return STATUS_SUCCESS;
+  }
+  char byte = 0;
+  DWORD read = 0;
+  DOKAN_FILE_INFO info{};
+  info.Context = reinterpret_cast<ULONG64>(item);
+  const NTSTATUS status = QuillboxReadFile(path.c_str(), &byte, 1, &read, size - 1, &info);
+  if (status != STATUS_SUCCESS) Trace(kTag, "Cannot fetch the device's content of \"%s\"", path.c_str());
+  return status;
+}
 
 int ValidateExistingCacheEntry(DriveState* state, CCacheItem** entry, DirectoryItem* item) {
   if (!entry || !*entry || !item) return 0;
@@ -163,8 +200,8 @@ NTSTATUS QuillboxReadFile(LPCWSTR FileName, LPVOID Buffer, DWORD BufferLength, L
   DriveState* state = GetDriveState();
   if (!state || !state->pDirectory || !state->pCache) return TraceStatus(kTag, STATUS_UNSUCCESSFUL, 1);
   CReadLock lock(&state->rDriveLock);
+  // An open reads its own object (the context), whatever the path names now.
   DirectoryItem* item = ContextItem(DokanFileInfo);
-  if (item && !qb::EqualsNoCaseAZ(FileFullName(item), path)) return TraceStatus(kTag, STATUS_OBJECT_NAME_NOT_FOUND, 19);
   if (!item) item = FindFile(state, path);
   if (!item) {
     Trace(kTag, "File not found: \"%s\"", path.c_str());
@@ -176,6 +213,7 @@ NTSTATUS QuillboxReadFile(LPCWSTR FileName, LPVOID Buffer, DWORD BufferLength, L
     Trace(kTag, "Seek error, offset = %d", static_cast<int>(Offset));
     return TraceStatus(kTag, STATUS_UNSUCCESSFUL, 2);
   }
+  if (IsDetached(item)) return ReadKeptCopy(item, Buffer, BufferLength, ReadLength, Offset);
   int valid = 0;
   CCacheItem* entry = state->pCache->Find(CacheName(item), item->rFindData.cFileName);
   if (entry) valid = ValidateExistingCacheEntry(state, &entry, item);
@@ -205,6 +243,8 @@ NTSTATUS QuillboxReadFile(LPCWSTR FileName, LPVOID Buffer, DWORD BufferLength, L
         Trace(kTag, "File \"%s\" has size 0 bytes", path.c_str());
         CreateEmptyCopy(localPath, item);
       }
+    } else if (CompletedMeanwhile(item, entry, size)) {
+      Trace(kTag, "Download completed meanwhile");
     } else {
       Trace(kTag, "rfs = %llu", static_cast<unsigned long long>(size));
       if (!item->bDownloading) {

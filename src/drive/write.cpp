@@ -33,22 +33,6 @@ DWORD Win32Error(int err) {
   }
 }
 
-// The first change of a file that exists on the device starts from its
-// whole content: an append or a partial overwrite must not upload a copy
-// that holds only the new bytes. Called without the drive lock.
-NTSTATUS EnsureFullCopy(DriveState* state, DirectoryItem* item, const std::string& path, PDOKAN_FILE_INFO info) {
-  {
-    CReadLock lock(&state->rDriveLock);
-    if (IsProvisional(item) || item->bUploadPending || item->rFindData.FileSize() == 0) return STATUS_SUCCESS;
-  }
-  char byte = 0;
-  DWORD read = 0;
-  const NTSTATUS status =
-      QuillboxReadFile(path.c_str(), &byte, 1, &read, item->rFindData.FileSize() - 1, info);
-  if (status != STATUS_SUCCESS) Trace(kTagWrite, "Cannot fetch the device's content of \"%s\"", path.c_str());
-  return status;
-}
-
 // A change of content. The old device object of a file that has one goes
 // right before the upload (the item's delete-on-close flag stays the
 // program's own: a failed upload must never turn into a plain delete).
@@ -65,6 +49,11 @@ int64_t LocalSize(int fd) {
 
 // The copy of the open's item, or "" ("HWF=NULL").
 std::string CopyPath(DriveState* state, DirectoryItem* item, const char* tag) {
+  if (IsDetached(item)) {
+    std::string kept = DetachedCopyOf(item);
+    if (kept.empty()) Trace(tag, "HWF=NULL");
+    return kept;
+  }
   CCacheItem* entry = state->pCache->Find(CacheName(item), item->rFindData.cFileName);
   if (!entry) {
     Trace(tag, "HWF=NULL");
@@ -85,12 +74,15 @@ NTSTATUS QuillboxWriteFile(LPCWSTR FileName, LPCVOID Buffer, DWORD Length, LPDWO
   if (!IsOriginalStructure(state)) return TraceStatus(kTagWrite, STATUS_ACCESS_DENIED, 1);
   if (state->llFreeBytes < 0) RefreshDriveFreeSpace();
   DirectoryItem* item = ContextItem(DokanFileInfo);
-  if (item && EnsureFullCopy(state, item, path, DokanFileInfo) != STATUS_SUCCESS)
+  // The first change of a file that exists on the device starts from its
+  // whole content: an append or a partial overwrite must not upload a copy
+  // that holds only the new bytes.
+  if (item && FetchWholeCopy(state, item, path) != STATUS_SUCCESS)
     return TraceStatus(kTagWrite, STATUS_UNSUCCESSFUL, 10);
   CReadLock lock(&state->rDriveLock);
   if (item) {
-    if (!qb::EqualsNoCaseAZ(FileFullName(item), path)) return TraceStatus(kTagWrite, STATUS_OBJECT_NAME_NOT_FOUND, 2);
-    const DirectoryItem* parent = FindFolder(state, ParentPath(path));
+    // An open writes its own object (the context), whatever the path names now.
+    const DirectoryItem* parent = FindFolder(state, ParentPath(FileFullName(item)));
     if (parent && FolderDeviceId(state, parent).empty()) return TraceStatus(kTagWrite, STATUS_ACCESS_DENIED, 3);
   } else {
     item = FindFile(state, path);
@@ -160,7 +152,7 @@ static NTSTATUS ResizeCopy(LPCWSTR FileName, LONGLONG size, PDOKAN_FILE_INFO inf
   DirectoryItem* item = ContextItem(info);
   if (!item) return TraceStatus(tag, STATUS_UNSUCCESSFUL, 1);
   if (!WriteAllowed(state)) return TraceStatus(tag, STATUS_ACCESS_DENIED, 7);
-  if (size > 0 && EnsureFullCopy(state, item, FileName ? FileName : "", info) != STATUS_SUCCESS)
+  if (size > 0 && FetchWholeCopy(state, item, FileName ? FileName : "") != STATUS_SUCCESS)
     return TraceStatus(tag, STATUS_UNSUCCESSFUL, 8);
   CReadLock lock(&state->rDriveLock);
   const std::string local = CopyPath(state, item, tag);
@@ -188,13 +180,14 @@ NTSTATUS QuillboxSetAllocationSize(LPCWSTR FileName, LONGLONG AllocSize, PDOKAN_
 
 // fsync: the pending content goes to the device now, so that the program
 // learns whether it arrived.
-NTSTATUS QuillboxFlushFileBuffers(LPCWSTR FileName, PDOKAN_FILE_INFO DokanFileInfo) {
+NTSTATUS QuillboxFlushFileBuffers(LPCWSTR, PDOKAN_FILE_INFO DokanFileInfo) {
   DriveState* state = GetDriveState();
   if (!state) return STATUS_UNSUCCESSFUL;
   if (!IsOriginalStructure(state)) return TraceStatus(kTagFlush, STATUS_ACCESS_DENIED, 111);
   DirectoryItem* item = ContextItem(DokanFileInfo);
-  if (!item || !item->bUploadPending) return TraceStatus(kTagFlush, STATUS_SUCCESS, 1);
-  return TraceStatus(kTagFlush, UploadPending(state, item, FileName ? FileName : ""), 2);
+  // A file whose name went while open has no place on the device any more.
+  if (!item || !item->bUploadPending || IsDetached(item)) return TraceStatus(kTagFlush, STATUS_SUCCESS, 1);
+  return TraceStatus(kTagFlush, UploadPending(state, item, PathOfItem(state, item)), 2);
 }
 
 NTSTATUS QuillboxSetFileAttributes(LPCWSTR FileName, DWORD FileAttributes, PDOKAN_FILE_INFO DokanFileInfo) {
@@ -213,7 +206,7 @@ NTSTATUS QuillboxSetFileAttributes(LPCWSTR FileName, DWORD FileAttributes, PDOKA
   if (!changed) return TraceStatus(kTagAttr, STATUS_SUCCESS, 3);
   if (!WriteAllowed(state)) return TraceStatus(kTagAttr, STATUS_ACCESS_DENIED, 6);
   const DWORD wanted = (now & ~kDeviceAttributes) | (FileAttributes & kDeviceAttributes);
-  if (IsProvisional(item)) {
+  if (IsProvisional(item) || IsDetached(item)) {
     // Applied by the cleanup once the file is on the device.
     Trace(kTagAttr, "Setting attributes too early");
     item->rFindData.dwFileAttributes = wanted;
@@ -259,6 +252,11 @@ NTSTATUS QuillboxSetFileTime(LPCWSTR FileName, const FILETIME* CreationTime, con
     if (CreationTime) item->rFindData.ftCreationTime = *CreationTime;
     if (LastWriteTime) item->rFindData.ftLastWriteTime = *LastWriteTime;
   };
+  if (IsDetached(item)) {
+    // Gone from the device: the open alone sees them.
+    store();
+    return TraceStatus(kTagTime, STATUS_SUCCESS, 11);
+  }
   if (IsProvisional(item)) {
     // Applied after the upload; the program sees them at once.
     Trace(kTagTime, item->bUploadPending ? "File doesn't exist on the device yet" : "Setting time too early");

@@ -4,6 +4,7 @@
 // the device delete and upload of a file, the rescue of content that could
 // not reach the device, and the event worker's changes to the tree.
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "drive/drive_internal.h"
@@ -40,8 +41,14 @@ void RelistFolderOfPath(DriveState* state, const std::string& path);
 bool WriteAllowed(DriveState* state);
 
 // Deletes the item's device object and waits for the confirmation (the
-// item goes pending-delete meanwhile). The HRESULT of the device.
-HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string& path);
+// item goes pending-delete meanwhile, unless its own new content replaces
+// the object: then it stays visible). The HRESULT of the device.
+HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string& path, bool replacing = false);
+// Whether the item's old object is being deleted for its own upload (the
+// event worker then leaves the item as it is).
+bool IsBeingReplaced(const DirectoryItem* item);
+// Holds hUploadMutex (waits in slices of 100 ms, logging each).
+std::unique_lock<std::recursive_timed_mutex> HoldUploads(DriveState* state, const char* tag);
 
 // Uploads the pending content of a file item (cleanup and flush). A failed
 // upload keeps the content in the rescue folder. STATUS_SUCCESS, or the
@@ -59,6 +66,34 @@ std::string RescueContent(DriveState* state, const std::string& localPath, const
 // reach the device as if complete. Cleared by the next successful upload.
 void NoteRefusedWrite(DirectoryItem* item);
 bool TakeRefusedWrite(DirectoryItem* item);
+
+// Opens and their items (open_items.cpp). An open holds its item from the
+// open to its CloseFile: the record is not refilled meanwhile.
+void HoldItem(PDOKAN_FILE_INFO info, DirectoryItem* item);
+// Clears the open's context; at the last hold of an item whose name went,
+// its kept copy is removed.
+void ReleaseHold(PDOKAN_FILE_INFO info);
+// Whether the item's name went while it was open; its copy then is
+// DetachedCopyOf ("" when it had none), and nothing of it reaches the device.
+bool IsDetached(const DirectoryItem* item);
+std::string DetachedCopyOf(const DirectoryItem* item);
+// The drive lock held for writing: takes the item's copy out of the cache
+// for its opens (the name now belongs to nobody or another object).
+void DetachCopy(DriveState* state, DirectoryItem* item);
+// The drive lock held for writing: flags the item deleted; a held file
+// keeps its copy (DetachCopy) unless the delete is its own upload's.
+void MarkGone(DriveState* state, DirectoryItem* item);
+// The drive lock held for writing: gives the item a new path and name
+// (folders: their content follows; files: their copy follows).
+void RenameItem(DriveState* state, DirectoryItem* item, const std::string& fullName, const std::string& name);
+// The drive lock held for writing: the copy follows a renamed file.
+void RenameCopy(DriveState* state, DirectoryItem* item, const std::string& oldName, const std::string& oldFileName);
+// The item's path on the drive now (takes the drive lock for reading).
+std::string PathOfItem(DriveState* state, const DirectoryItem* item);
+// Fetches the device's whole content of a file into its copy (nothing for
+// a file without device content). Called with the exclusive-access mutex
+// held and without the drive lock.
+NTSTATUS FetchWholeCopy(DriveState* state, DirectoryItem* item, const std::string& path);
 
 // The event worker's handling of created, deleted and updated objects.
 void ProcessItemEvent(DriveState* state, const EventItem& event);

@@ -73,6 +73,28 @@ TEST_F(CacheTest, AddFindAndDeleteKeepTheCounterInStep) {
   EXPECT_EQ(cache.Find("DCIM\\IMG_0001", "IMG_0001.JPG"), nullptr);
 }
 
+TEST_F(CacheTest, RenamedCopyMovesWithItsNameAndReplacesAStaleOne) {
+  CCache cache(folder_, 'F', "dev", &table_);
+  const WIN32_FIND_DATAW a = DeviceFile("a.txt", 300, 5), b = DeviceFile("b.txt", 200, 6);
+  CCacheItem* moved = cache.Add("doc\\a", &a);
+  CCacheItem* stale = cache.Add("doc\\b", &b);
+  WriteFile(moved->sLocalPath, 300);
+  WriteFile(stale->sLocalPath, 200);
+  const std::string from = moved->sLocalPath;
+  ASSERT_TRUE(cache.Rename(moved, "new\\b", "b.txt"));
+  ASSERT_TRUE(cache.Rename(moved, "doc\\b", "b.txt"));
+  EXPECT_EQ(moved->sLocalPath, folder_ + "/f/doc/b.txt");
+  EXPECT_EQ(fs::file_size(moved->sLocalPath), 300u) << "the renamed copy took the place of the stale one";
+  EXPECT_FALSE(fs::exists(from));
+  EXPECT_EQ(cache.Find("doc\\b", "B.TXT"), moved);
+  EXPECT_EQ(cache.Find("doc\\a", "a.txt"), nullptr);
+  EXPECT_EQ(cache.GetCacheSize(), 300u) << "the stale copy's size left the counter";
+  // A copy not written yet keeps its entry under the new name.
+  CCacheItem* empty = cache.Add("doc\\c", &a);
+  EXPECT_TRUE(cache.Rename(empty, "doc\\d", "d.txt"));
+  EXPECT_EQ(cache.Find("doc\\d", "d.txt"), empty);
+}
+
 TEST_F(CacheTest, ValidateAcceptsOnlyACompleteCopyOfTheSameDeviceFile) {
   CCache cache(folder_, 'f', "dev", &table_);
   const WIN32_FIND_DATAW fd = DeviceFile("a.bin", 10, 1234567);

@@ -98,8 +98,10 @@ class MountedDrive {
       throw std::runtime_error("cannot create the simulated device");
     }
     backing_ = home_.Path() / "devices" / "conf" / "internal";
-    served_ = std::make_unique<ServedMount>(home_.Path(), 'T',
-                                            std::vector<std::string>{QB_DRIVE_SERVER, "T", "Conformance Device"});
+    std::vector<std::string> server{QB_DRIVE_SERVER, "T", "Conformance Device"};
+    // QB_CONFORMANCE_TRACE=<file>: the drive's trace log, for a failure's story.
+    if (const char* trace = std::getenv("QB_CONFORMANCE_TRACE")) server.insert(server.end(), {"--trace", trace});
+    served_ = std::make_unique<ServedMount>(home_.Path(), 'T', server);
   }
   const fs::path& MountPoint() const { return served_->MountPoint(); }
   const fs::path& Backing() const { return backing_; }

@@ -146,6 +146,21 @@ TEST_F(TreeTest, DeletedRecordsAreReusedInPlaceFirstInListOrder) {
   EXPECT_EQ(tree_.FindFirstEmptyItem(), nullptr);
 }
 
+TEST_F(TreeTest, RecordHeldByAnOpenIsNotReusedUntilReleased) {
+  for (const char* id : {"o1", "o2"}) ASSERT_EQ(AddListed(id, id, "jpg", "\\"), 1);
+  DirectoryItem* held = File(0);
+  held->nOpenHolds = 1;
+  held->bDeleted = 1;
+  File(1)->bDeleted = 1;
+  EXPECT_EQ(tree_.FindFirstEmptyItem(), File(1)) << "the held record is passed over";
+  ASSERT_EQ(AddListed("o3", "three", "jpg", "\\"), 1);
+  ASSERT_EQ(AddListed("o4", "four", "jpg", "\\"), 1);
+  EXPECT_EQ(tree_.m_pFiles->Count(), 3u);
+  EXPECT_EQ(*held->sItemID, "o1") << "the open's object keeps its identity";
+  held->nOpenHolds = 0;
+  EXPECT_EQ(tree_.FindFirstEmptyItem(), held) << "free again after the last close";
+}
+
 TEST_F(TreeTest, DeletedFolderIsReusedEvenByAStorageRoot) {
   ASSERT_EQ(tree_.AddPersistentDirectory(0, 0, "\\A\\", 0, nullptr, "a", "p", "a", 1, 0, 1, nullptr), 1);
   DirectoryItem* a = Folder(1);
