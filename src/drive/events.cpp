@@ -1,5 +1,7 @@
 // The event worker's changes to the tree for objects created, deleted and
 // updated on the device, by the drive itself or by anyone else.
+#include <optional>
+
 #include "common/strings.h"
 #include "diag/trace.h"
 #include "drive/write_side.h"
@@ -29,6 +31,49 @@ std::string ParentPathOf(DriveState* state, const std::string& parentId) {
   return WithBackslash(path);
 }
 
+// The unique id under which the tree files the event's object.
+std::string TreeUniqueID(const EventItem& event) {
+  return std::string(qb::CutToUtf16(event.sUniqueID, qb::directory::kIdCapacity - 1));
+}
+
+// The date the tree shows for an object, chosen as the device listing
+// chooses it.
+std::optional<FILETIME> EventTime(const CDirectory& tree, const EventItem& event) {
+  std::optional<FILETIME> time;
+  if (tree.GetFlagUseCreateTime() && event.bHasCreated) time = event.ftCreated;
+  else if (event.bHasModified) time = event.ftModified;
+  else if (event.bHasCreated) time = event.ftCreated;
+  if (time && tree.GetFlagDstFiletimeFix()) tree.FixDstFiletime(&*time, event.sOriginalName.c_str());
+  return time;
+}
+
+// Adds the object to the tree from the event alone: the device's event
+// sink has read the object's own properties, so the folder needs no new
+// listing (which would cost in proportion to the folder, per object). A
+// record of the drive's own upload ("DMYID...") is refilled in place.
+// False when the event does not name the object.
+bool AddFromEvent(DriveState* state, const EventItem& event, const std::string& parentPath) {
+  if (event.sOriginalName.empty()) return false;
+  DeviceListingRecord record;
+  record.sObjectID = event.sUniqueID;
+  record.sParentID = event.sParentID;
+  record.sUniqueID = TreeUniqueID(event);
+  record.kind = event.bFolder ? DeviceListingRecord::Kind::Folder : DeviceListingRecord::Kind::File;
+  record.sName = event.sOriginalName;
+  const size_t dot = event.bFolder ? std::string::npos : record.sName.rfind('.');
+  if (dot != std::string::npos) {
+    record.sExtension = record.sName.substr(dot + 1);
+    record.sName.resize(dot);
+  }
+  record.ullSize = event.bHasSize ? event.ullSize : 0;
+  record.ftTime = EventTime(*state->pDirectory, event);
+  record.bReadOnly = event.bHasAttributes && (event.dwAttributes & FILE_ATTRIBUTE_READONLY);
+  record.nStorage = state->nStorageIndex;
+  record.sFolderPath = parentPath;
+  if (state->pDirectory->AddListingRecord(record)) state->pDirectory->Sort(state->nStorageIndex);
+  return true;
+}
+
 void ItemCreated(DriveState* state, const EventItem& event) {
   Trace(kTag, "retrieved EVENT_ITEM_CREATED: \"%s\"", event.sUniqueID.c_str());
   std::string signal, folder;
@@ -50,12 +95,16 @@ void ItemCreated(DriveState* state, const EventItem& event) {
       RefreshShell(state, SHCNE_UPDATEDIR, folder);
       return;
     }
-    if (SUCCEEDED(state->pHelper->GetDirlist(state->pDirectory.get(), state->nStorageIndex, parentPath.c_str(),
-                                             event.sParentID.c_str(), 0, 0, nullptr))) {
+    // An object the tree already holds (the drive's own upload, taken in by
+    // a re-listing) only confirms; an unnamed one needs the folder listed.
+    const std::string uniqueId = TreeUniqueID(event);
+    if (!state->pDirectory->FindFileByUniqueID(uniqueId.c_str(), 0) &&
+        !AddFromEvent(state, event, parentPath) &&
+        SUCCEEDED(state->pHelper->GetDirlist(state->pDirectory.get(), state->nStorageIndex, parentPath.c_str(),
+                                             event.sParentID.c_str(), 0, 0, nullptr)))
       state->pDirectory->Sort(state->nStorageIndex);
-      if (DirectoryItem* item = state->pDirectory->FindFileByUniqueID(event.sUniqueID.c_str(), 0))
-        signal = DrivePath(item);
-    }
+    if (DirectoryItem* item = state->pDirectory->FindFileByUniqueID(uniqueId.c_str(), 0))
+      signal = DrivePath(item);
     if (!signal.empty()) SignalEventDone(signal);
   }
   RefreshShell(state, SHCNE_UPDATEDIR, folder);
@@ -113,6 +162,21 @@ void ItemDeleted(DriveState* state, const EventItem& event) {
   if (!gone.empty()) RefreshShell(state, SHCNE_DELETE, WithoutBackslash(gone));
 }
 
+// A file whose content changed on the device (another size or modification
+// time) loses its cache copy, which may have the same size and creation
+// time and would pass as valid. Copies with a pending upload or a running
+// download stay. Called with the drive lock held for writing.
+void DropChangedCopy(DriveState* state, DirectoryItem* item, const EventItem& event) {
+  if (item->bPersistent || item->bUploadPending || item->bDownloading) return;
+  const bool changed = (event.bHasSize && static_cast<int64_t>(event.ullSize) != item->rFindData.FileSize()) ||
+                       (event.bHasModified && !(event.ftModified == item->rFindData.ftLastWriteTime));
+  if (!changed) return;
+  CCacheItem* entry = state->pCache->Find(CacheName(item), item->rFindData.cFileName);
+  if (!entry) return;
+  Trace(kTag, "Content changed on the device: \"%s\"", DrivePath(item).c_str());
+  state->pCache->Delete(&entry, 1);
+}
+
 void ItemUpdated(DriveState* state, const EventItem& event) {
   Trace(kTag, "retrieved EVENT_ITEM_UPDATED: \"%s\"", event.sUniqueID.c_str());
   std::string oldPath, newPath, refreshOld, refreshNew;
@@ -126,6 +190,7 @@ void ItemUpdated(DriveState* state, const EventItem& event) {
       return;
     }
     state->pDirectory->Dump(CDirectory::kDumpFiles | CDirectory::kDumpPersistFolders, "UPDATE-BEFORE:", item, nullptr);
+    DropChangedCopy(state, item, event);
     const std::string parentId = event.sParentID.empty() ? item->sParentID : event.sParentID;
     std::string parentPath = ParentPathOf(state, parentId);
     if (parentPath.empty()) {
