@@ -74,11 +74,26 @@ bool AddFromEvent(DriveState* state, const EventItem& event, const std::string& 
   return true;
 }
 
+void ItemUpdated(DriveState* state, const EventItem& event);
+
+// Whether the event shows a held object under another name or in another
+// folder: a device may report a renamed or moved object as added.
+bool MovedOrRenamed(const DirectoryItem* item, const EventItem& event) {
+  return (!event.sOriginalName.empty() && event.sOriginalName != item->rFindData.cFileName) ||
+         (!event.sParentID.empty() && event.sParentID != item->sParentID);
+}
+
 void ItemCreated(DriveState* state, const EventItem& event) {
   Trace(kTag, "retrieved EVENT_ITEM_CREATED: \"%s\"", event.sUniqueID.c_str());
   std::string signal, folder;
   {
     CWriteLock lock(&state->rDriveLock);
+    if (const DirectoryItem* held = state->pDirectory->FindFileByUniqueID(TreeUniqueID(event).c_str(), 0);
+        held && MovedOrRenamed(held, event)) {
+      lock.Unlock();
+      ItemUpdated(state, event);
+      return;
+    }
     DirectoryItem* parent = state->pDirectory->FindFileByItemID(event.sParentID.c_str(), 0);
     if (ParentPathOf(state, event.sParentID) == "\\") parent = FindFolder(state, "\\");
     if (!parent || !parent->bPersistent) return;  // listed with its folder later
@@ -133,7 +148,7 @@ void ItemDeleted(DriveState* state, const EventItem& event) {
   std::string refresh = "\\", gone;
   {
     CWriteLock lock(&state->rDriveLock);
-    if (DirectoryItem* item = FileByUniqueID(state, event.sUniqueID)) {
+    if (DirectoryItem* item = FileByUniqueID(state, TreeUniqueID(event))) {
       item->bDeleted = 1;
       if (item->hRegionsToDownloadMutex) {
         Trace(kTag, "WAIT 5065 (0x%08X)", 0u);
@@ -144,7 +159,7 @@ void ItemDeleted(DriveState* state, const EventItem& event) {
       SignalEventDone(item->ItemIDText());
       refresh = WithoutBackslash(item->sFullPath.empty() ? std::string("\\") : item->sFullPath);
       gone = DrivePath(item);
-    } else if (DirectoryItem* folder = state->pDirectory->FindFileByUniqueID(event.sUniqueID.c_str(), 0);
+    } else if (DirectoryItem* folder = state->pDirectory->FindFileByUniqueID(TreeUniqueID(event).c_str(), 0);
                folder && folder->bPersistent && !folder->bSystem) {
       folder->bDeleted = 1;
       folder->bPopulated = 0;
@@ -182,7 +197,7 @@ void ItemUpdated(DriveState* state, const EventItem& event) {
   std::string oldPath, newPath, refreshOld, refreshNew;
   {
     CWriteLock lock(&state->rDriveLock);
-    DirectoryItem* item = state->pDirectory->FindFileByUniqueID(event.sUniqueID.c_str(), 0);
+    DirectoryItem* item = state->pDirectory->FindFileByUniqueID(TreeUniqueID(event).c_str(), 0);
     if (!item) {
       // Moved in from a folder the tree does not hold: take it as new.
       lock.Unlock();
