@@ -77,7 +77,8 @@ bool AddFromEvent(DriveState* state, const EventItem& event, const std::string& 
 void ItemUpdated(DriveState* state, const EventItem& event);
 
 // Whether the event shows a held object under another name or in another
-// folder: a device may report a renamed or moved object as added.
+// folder: a device may report a renamed or moved object as added. (Names
+// of the original structure only: the virtual one shows names of its own.)
 bool MovedOrRenamed(const DirectoryItem* item, const EventItem& event) {
   return (!event.sOriginalName.empty() && event.sOriginalName != item->rFindData.cFileName) ||
          (!event.sParentID.empty() && event.sParentID != item->sParentID);
@@ -89,7 +90,7 @@ void ItemCreated(DriveState* state, const EventItem& event) {
   {
     CWriteLock lock(&state->rDriveLock);
     if (const DirectoryItem* held = state->pDirectory->FindFileByUniqueID(TreeUniqueID(event).c_str(), 0);
-        held && MovedOrRenamed(held, event)) {
+        held && IsOriginalStructure(state) && MovedOrRenamed(held, event)) {
       lock.Unlock();
       ItemUpdated(state, event);
       return;
