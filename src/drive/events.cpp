@@ -183,7 +183,7 @@ void ItemDeleted(DriveState* state, const EventItem& event) {
 // time and would pass as valid. Copies with a pending upload or a running
 // download stay. Called with the drive lock held for writing.
 void DropChangedCopy(DriveState* state, DirectoryItem* item, const EventItem& event) {
-  if (item->bPersistent || item->bUploadPending || item->bDownloading) return;
+  if (!state->pCache || item->bPersistent || item->bUploadPending || item->bDownloading) return;
   const bool changed = (event.bHasSize && static_cast<int64_t>(event.ullSize) != item->rFindData.FileSize()) ||
                        (event.bHasModified && !(event.ftModified == item->rFindData.ftLastWriteTime));
   if (!changed) return;
