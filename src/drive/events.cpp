@@ -1,5 +1,7 @@
 // The event worker's changes to the tree for objects created, deleted and
 // updated on the device, by the drive itself or by anyone else.
+#include <optional>
+
 #include "common/strings.h"
 #include "diag/trace.h"
 #include "drive/write_side.h"
@@ -29,11 +31,70 @@ std::string ParentPathOf(DriveState* state, const std::string& parentId) {
   return WithBackslash(path);
 }
 
+// The unique id under which the tree files the event's object.
+std::string TreeUniqueID(const EventItem& event) {
+  return std::string(qb::CutToUtf16(event.sUniqueID, qb::directory::kIdCapacity - 1));
+}
+
+// The date the tree shows for an object, chosen as the device listing
+// chooses it.
+std::optional<FILETIME> EventTime(const CDirectory& tree, const EventItem& event) {
+  std::optional<FILETIME> time;
+  if (tree.GetFlagUseCreateTime() && event.bHasCreated) time = event.ftCreated;
+  else if (event.bHasModified) time = event.ftModified;
+  else if (event.bHasCreated) time = event.ftCreated;
+  if (time && tree.GetFlagDstFiletimeFix()) tree.FixDstFiletime(&*time, event.sOriginalName.c_str());
+  return time;
+}
+
+// Adds the object to the tree from the event alone: the device's event
+// sink has read the object's own properties, so the folder needs no new
+// listing (which would cost in proportion to the folder, per object). A
+// record of the drive's own upload ("DMYID...") is refilled in place.
+// False when the event does not name the object.
+bool AddFromEvent(DriveState* state, const EventItem& event, const std::string& parentPath) {
+  if (event.sOriginalName.empty()) return false;
+  DeviceListingRecord record;
+  record.sObjectID = event.sUniqueID;
+  record.sParentID = event.sParentID;
+  record.sUniqueID = TreeUniqueID(event);
+  record.kind = event.bFolder ? DeviceListingRecord::Kind::Folder : DeviceListingRecord::Kind::File;
+  record.sName = event.sOriginalName;
+  const size_t dot = event.bFolder ? std::string::npos : record.sName.rfind('.');
+  if (dot != std::string::npos) {
+    record.sExtension = record.sName.substr(dot + 1);
+    record.sName.resize(dot);
+  }
+  record.ullSize = event.bHasSize ? event.ullSize : 0;
+  record.ftTime = EventTime(*state->pDirectory, event);
+  record.bReadOnly = event.bHasAttributes && (event.dwAttributes & FILE_ATTRIBUTE_READONLY);
+  record.nStorage = state->nStorageIndex;
+  record.sFolderPath = parentPath;
+  if (state->pDirectory->AddListingRecord(record)) state->pDirectory->Sort(state->nStorageIndex);
+  return true;
+}
+
+void ItemUpdated(DriveState* state, const EventItem& event);
+
+// Whether the event shows a held object under another name or in another
+// folder: a device may report a renamed or moved object as added. (Names
+// of the original structure only: the virtual one shows names of its own.)
+bool MovedOrRenamed(const DirectoryItem* item, const EventItem& event) {
+  return (!event.sOriginalName.empty() && event.sOriginalName != item->rFindData.cFileName) ||
+         (!event.sParentID.empty() && event.sParentID != item->sParentID);
+}
+
 void ItemCreated(DriveState* state, const EventItem& event) {
   Trace(kTag, "retrieved EVENT_ITEM_CREATED: \"%s\"", event.sUniqueID.c_str());
   std::string signal, folder;
   {
     CWriteLock lock(&state->rDriveLock);
+    if (const DirectoryItem* held = state->pDirectory->FindFileByUniqueID(TreeUniqueID(event).c_str(), 0);
+        held && IsOriginalStructure(state) && MovedOrRenamed(held, event)) {
+      lock.Unlock();
+      ItemUpdated(state, event);
+      return;
+    }
     DirectoryItem* parent = state->pDirectory->FindFileByItemID(event.sParentID.c_str(), 0);
     if (ParentPathOf(state, event.sParentID) == "\\") parent = FindFolder(state, "\\");
     if (!parent || !parent->bPersistent) return;  // listed with its folder later
@@ -50,12 +111,16 @@ void ItemCreated(DriveState* state, const EventItem& event) {
       RefreshShell(state, SHCNE_UPDATEDIR, folder);
       return;
     }
-    if (SUCCEEDED(state->pHelper->GetDirlist(state->pDirectory.get(), state->nStorageIndex, parentPath.c_str(),
-                                             event.sParentID.c_str(), 0, 0, nullptr))) {
+    // An object the tree already holds (the drive's own upload, taken in by
+    // a re-listing) only confirms; an unnamed one needs the folder listed.
+    const std::string uniqueId = TreeUniqueID(event);
+    if (!state->pDirectory->FindFileByUniqueID(uniqueId.c_str(), 0) &&
+        !AddFromEvent(state, event, parentPath) &&
+        SUCCEEDED(state->pHelper->GetDirlist(state->pDirectory.get(), state->nStorageIndex, parentPath.c_str(),
+                                             event.sParentID.c_str(), 0, 0, nullptr)))
       state->pDirectory->Sort(state->nStorageIndex);
-      if (DirectoryItem* item = state->pDirectory->FindFileByUniqueID(event.sUniqueID.c_str(), 0))
-        signal = DrivePath(item);
-    }
+    if (DirectoryItem* item = state->pDirectory->FindFileByUniqueID(uniqueId.c_str(), 0))
+      signal = DrivePath(item);
     if (!signal.empty()) SignalEventDone(signal);
   }
   RefreshShell(state, SHCNE_UPDATEDIR, folder);
@@ -84,7 +149,7 @@ void ItemDeleted(DriveState* state, const EventItem& event) {
   std::string refresh = "\\", gone;
   {
     CWriteLock lock(&state->rDriveLock);
-    if (DirectoryItem* item = FileByUniqueID(state, event.sUniqueID); item && IsBeingReplaced(item)) {
+    if (DirectoryItem* item = FileByUniqueID(state, TreeUniqueID(event)); item && IsBeingReplaced(item)) {
       // Its own upload deleted the old object: the name stays, the new
       // object takes the record over.
       SignalEventDone(item->ItemIDText());
@@ -100,7 +165,7 @@ void ItemDeleted(DriveState* state, const EventItem& event) {
       SignalEventDone(item->ItemIDText());
       refresh = WithoutBackslash(item->sFullPath.empty() ? std::string("\\") : item->sFullPath);
       gone = DrivePath(item);
-    } else if (DirectoryItem* folder = state->pDirectory->FindFileByUniqueID(event.sUniqueID.c_str(), 0);
+    } else if (DirectoryItem* folder = state->pDirectory->FindFileByUniqueID(TreeUniqueID(event).c_str(), 0);
                folder && folder->bPersistent && !folder->bSystem) {
       folder->bDeleted = 1;
       folder->bPopulated = 0;
@@ -118,12 +183,27 @@ void ItemDeleted(DriveState* state, const EventItem& event) {
   if (!gone.empty()) RefreshShell(state, SHCNE_DELETE, WithoutBackslash(gone));
 }
 
+// A file whose content changed on the device (another size or modification
+// time) loses its cache copy, which may have the same size and creation
+// time and would pass as valid. Copies with a pending upload or a running
+// download stay. Called with the drive lock held for writing.
+void DropChangedCopy(DriveState* state, DirectoryItem* item, const EventItem& event) {
+  if (!state->pCache || item->bPersistent || item->bUploadPending || item->bDownloading) return;
+  const bool changed = (event.bHasSize && static_cast<int64_t>(event.ullSize) != item->rFindData.FileSize()) ||
+                       (event.bHasModified && !(event.ftModified == item->rFindData.ftLastWriteTime));
+  if (!changed) return;
+  CCacheItem* entry = state->pCache->Find(CacheName(item), item->rFindData.cFileName);
+  if (!entry) return;
+  Trace(kTag, "Content changed on the device: \"%s\"", DrivePath(item).c_str());
+  state->pCache->Delete(&entry, 1);
+}
+
 void ItemUpdated(DriveState* state, const EventItem& event) {
   Trace(kTag, "retrieved EVENT_ITEM_UPDATED: \"%s\"", event.sUniqueID.c_str());
   std::string oldPath, newPath, refreshOld, refreshNew;
   {
     CWriteLock lock(&state->rDriveLock);
-    DirectoryItem* item = state->pDirectory->FindFileByUniqueID(event.sUniqueID.c_str(), 0);
+    DirectoryItem* item = state->pDirectory->FindFileByUniqueID(TreeUniqueID(event).c_str(), 0);
     if (!item) {
       // Moved in from a folder the tree does not hold: take it as new.
       lock.Unlock();
@@ -131,6 +211,7 @@ void ItemUpdated(DriveState* state, const EventItem& event) {
       return;
     }
     state->pDirectory->Dump(CDirectory::kDumpFiles | CDirectory::kDumpPersistFolders, "UPDATE-BEFORE:", item, nullptr);
+    DropChangedCopy(state, item, event);
     const std::string parentId = event.sParentID.empty() ? item->sParentID : event.sParentID;
     std::string parentPath = ParentPathOf(state, parentId);
     if (parentPath.empty()) {

@@ -1,4 +1,5 @@
-// Completion waits and the rescue folder, without a mounted drive.
+// Completion waits, the rescue folder and the event worker's changes to
+// the tree, without a mounted drive.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -67,6 +68,47 @@ TEST_F(WriteSideTest, RescuedContentNeverReplacesAnEarlierRescue) {
   EXPECT_EQ(fs::path(two).filename().string().rfind("a (", 0), 0u) << two;
   // A copy that cannot be read is reported, not invented.
   EXPECT_EQ(qb::drive::RescueContent(&state_, (home_ / "missing").string(), "\\x.txt", "test"), "");
+}
+
+// The device's reports of added objects change the tree without asking the
+// device (no request worker here: a listing would fail the test).
+TEST_F(WriteSideTest, AddedObjectsComeFromTheEventAndARenameReportedAsAnAdditionRenames) {
+  state_.pDirectory = std::make_unique<CDirectory>();
+  CDirectory& tree = *state_.pDirectory;
+  tree.Init("\\", 1);
+  ASSERT_EQ(tree.AddDirectory(0, "\\doc\\", "o100", "s1", "o100", 1, 0, 1, nullptr), 1);
+  DeviceListingRecord file;
+  file.sObjectID = file.sUniqueID = "o101";
+  file.sParentID = "o100";
+  file.sName = "a";
+  file.sExtension = "txt";
+  file.sFolderPath = "\\doc\\";
+  ASSERT_EQ(tree.AddListingRecord(file), 1);
+  tree.Sort(0);
+  EventItem added;
+  added.dwEvent = EVENT_ITEM_CREATED;
+  added.sUniqueID = "o102";
+  added.sOriginalName = "new.txt";
+  added.sParentID = "o100";
+  added.bHasSize = 1;
+  added.ullSize = 5;
+  auto confirmed = qb::drive::RegisterWait(&state_, "\\doc\\new.txt");
+  qb::drive::ProcessItemEvent(&state_, added);
+  const DirectoryItem* item = tree.FindFileByUniqueID("o102", 0);
+  ASSERT_NE(item, nullptr);
+  EXPECT_EQ(item->sFullPath + item->rFindData.cFileName, "\\doc\\new.txt");
+  EXPECT_EQ(item->rFindData.FileSize(), 5);
+  EXPECT_TRUE(confirmed->IsSet());
+  // A rename that the device reports as an added object under its old id.
+  EventItem renamed = added;
+  renamed.sUniqueID = "o101";
+  renamed.sOriginalName = "b.txt";
+  auto moveDone = qb::drive::RegisterWait(&state_, "o101");
+  qb::drive::ProcessItemEvent(&state_, renamed);
+  item = tree.FindFileByUniqueID("o101", 0);
+  ASSERT_NE(item, nullptr);
+  EXPECT_EQ(item->rFindData.cFileName, "b.txt");
+  EXPECT_TRUE(moveDone->IsSet());
 }
 
 }  // namespace

@@ -1,7 +1,10 @@
 // The drive's read side through ordinary file calls and real programs of
 // other processes: structure, content, copies, cache and device faults.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 
 #include "drive_fixture.h"
@@ -114,6 +117,39 @@ TEST_F(DriveReadTest, ValidCopyIsUsedWithoutTheDeviceAndAChangedFileIsFetchedAga
     Sh("ls \"$D/doc\" >/dev/null; cat \"$D/doc/a.txt\"", &out);
     return out == "the second, longer version";
   }, 15000)) << out;
+}
+
+// The kernel keeps a file's data between opens while the drive reports it
+// unchanged; a change on the device must still reach an open that reads
+// again and every new open.
+TEST_F(DriveReadTest, FileChangedOnTheDeviceIsNeverServedFromTheKernelsCache) {
+  WriteDeviceFile("doc/a.txt", "first version");
+  ASSERT_TRUE(Mount());
+  std::string out;
+  ASSERT_EQ(Sh("cat \"$D/doc/a.txt\" >/dev/null && cat \"$D/doc/a.txt\"", &out), 0);
+  ASSERT_EQ(out, "first version");
+  const int fd = ::open((Drive() + "/doc/a.txt").c_str(), O_RDONLY);
+  ASSERT_GE(fd, 0);
+  auto readOpen = [&] {
+    char buffer[64];
+    const ssize_t n = ::pread(fd, buffer, sizeof buffer, 0);
+    return std::string(buffer, n > 0 ? static_cast<size_t>(n) : 0);
+  };
+  EXPECT_EQ(readOpen(), "first version");
+  WriteDeviceFile("doc/a.txt", "the second, longer version");
+  EXPECT_TRUE(WaitUntil([&] { return readOpen() == "the second, longer version"; }, 5000)) << readOpen();
+  EXPECT_EQ(Sh("cat \"$D/doc/a.txt\"", &out), 0);
+  EXPECT_EQ(out, "the second, longer version");
+  WriteDeviceFile("doc/a.txt", "third");
+  EXPECT_TRUE(WaitUntil([&] { return Sh("cat \"$D/doc/a.txt\"", &out) == 0 && out == "third"; }, 5000)) << out;
+  EXPECT_EQ(readOpen(), "third");
+  // The same size: only the device's report of the change (with a new
+  // modification time; the device's dates have whole seconds) tells.
+  WriteDeviceFile("doc/a.txt", "THIRD");
+  fs::last_write_time(Storage() / "doc" / "a.txt", fs::last_write_time(Storage() / "doc" / "a.txt") + std::chrono::seconds(10));
+  EXPECT_TRUE(WaitUntil([&] { return Sh("cat \"$D/doc/a.txt\"", &out) == 0 && out == "THIRD"; }, 5000)) << out;
+  EXPECT_EQ(readOpen(), "THIRD");
+  ::close(fd);
 }
 
 TEST_F(DriveReadTest, AsynchronousListingHandsTheFolderOverAndPopulatesIt) {

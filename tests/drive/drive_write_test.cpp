@@ -298,6 +298,37 @@ TEST_F(DriveWriteTest, FileStillOpenWhenTheInstanceEndsIsRescued) {
   EXPECT_EQ(Read(Rescued() / "held.txt"), "still open\n");
 }
 
+// Every upload is confirmed by the device's report of the new object; that
+// report must not cost a listing of the whole folder, or a copy of many
+// files takes time in proportion to the square of their number.
+TEST_F(DriveWriteTest, ManyUploadsIntoOneFolderNeverListItAgain) {
+  constexpr int kFiles = 60;
+  const fs::path source = home_ / "many";
+  fs::create_directories(source);
+  for (int i = 0; i < kFiles; ++i)
+    std::ofstream(source / ("f" + std::to_string(i) + ".bin"), std::ios::binary) << std::string(4096 + i, 'a' + i % 26);
+  ASSERT_TRUE(Mount());
+  std::string out;
+  ASSERT_EQ(Sh("ls \"$D\" >/dev/null", &out), 0);
+  auto listings = [&] {
+    const std::string text = TraceText();
+    size_t count = 0;
+    for (size_t at = text.find("@EnumerateContent: ENTER"); at != std::string::npos;
+         at = text.find("@EnumerateContent: ENTER", at + 1))
+      ++count;
+    return count;
+  };
+  const size_t before = listings();
+  ASSERT_EQ(Sh("cp -r " + Quote(source.string()) + " \"$D/\" 2>&1", &out), 0) << out;
+  EXPECT_TRUE(WaitUntil([&] { return Sums((Storage() / "many").string()) == Sums(source.string()); }, kDeviceLimitMs));
+  ASSERT_EQ(Sh("ls \"$D/many\" | wc -l", &out), 0);
+  EXPECT_EQ(out, std::to_string(kFiles) + "\n");
+  // The new folder's own listing and the odd re-listing, not one per file.
+  EXPECT_LT(listings() - before, 5u);
+  // Each upload was confirmed in time, none needed the re-listing.
+  EXPECT_EQ(TraceText().find("Callback was not called"), std::string::npos);
+}
+
 // ---------------------------------------------------------------------------
 // Changes made on the device show live.
 

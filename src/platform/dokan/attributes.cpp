@@ -5,7 +5,10 @@
 namespace qb::dokan {
 namespace {
 
-constexpr blksize_t kBlockSize = 4096;
+// The preferred I/O size: programs (cp, cat) size their buffers by it, and
+// each write(2) reaches the file system in one request of up to this size
+// (the session's limit), instead of the kernel's default of 128 KiB.
+constexpr blksize_t kBlockSize = 1 << 20;
 
 void Fill(DWORD attributes, uint64_t size, const FILETIME& access, const FILETIME& write,
           uint64_t ino, DWORD links, const Owner& owner, struct stat* st) {

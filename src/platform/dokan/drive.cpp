@@ -288,6 +288,7 @@ void Drive::ApplyInvalidation(const std::string& path) {
   }
   if (node == 0 && pos <= path.size()) return;  // a folder above it is unknown
   fuse_lowlevel_notify_inval_entry(session_, parent, name.c_str(), name.size());
+  if (node) nodes_.ForgetContent(node);
   if (node) fuse_lowlevel_notify_inval_inode(session_, node, 0, 0);
   fuse_lowlevel_notify_inval_inode(session_, parent, 0, 0);
 }

@@ -79,7 +79,8 @@ class Drive {
   int Unlink(fuse_req_t req, uint64_t parent, const char* name, bool directory);
   int Rename(fuse_req_t req, uint64_t parent, const char* name, uint64_t newParent,
              const char* newName, unsigned flags);
-  int OpenFile(fuse_req_t req, uint64_t node, int flags, Open** out);
+  // `keepData`: the kernel may keep the data it cached of the file.
+  int OpenFile(fuse_req_t req, uint64_t node, int flags, Open** out, bool* keepData);
   int CreateFile(fuse_req_t req, uint64_t parent, const char* name, mode_t mode, int flags,
                  fuse_entry_param* e, Open** out);
   int Read(fuse_req_t req, Open* open, size_t size, off_t offset, std::vector<char>* out);

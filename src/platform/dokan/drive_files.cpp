@@ -16,7 +16,15 @@ namespace qb::dokan {
 
 using namespace requests;
 
-int Drive::OpenFile(fuse_req_t req, uint64_t node, int flags, Open** out) {
+namespace {
+
+ContentStamp StampOf(const BY_HANDLE_FILE_INFORMATION& info) {
+  return {SizeOf(info), info.ftCreationTime.Value(), info.ftLastWriteTime.Value()};
+}
+
+}  // namespace
+
+int Drive::OpenFile(fuse_req_t req, uint64_t node, int flags, Open** out, bool* keepData) {
   std::string path;
   if (int err = NamedPathOf(node, &path)) return err;
   auto open = std::make_unique<Open>();
@@ -27,6 +35,14 @@ int Drive::OpenFile(fuse_req_t req, uint64_t node, int flags, Open** out) {
   const NTSTATUS status = table_.Create(path, AccessOfFlags(flags), 0, kShareAll, disposition,
                                         OptionsOfFlags(flags), &open->info);
   if (int err = ErrnoOfStatus(status)) return err;
+  // The kernel keeps the file's cached data only while the file system
+  // reports the content unchanged (same size and times) since the last
+  // open; a change made behind the kernel's back comes through
+  // InvalidatePath, which drops the data and the stamp.
+  BY_HANDLE_FILE_INFORMATION info;
+  *keepData = !(flags & O_TRUNC) && table_.GetInformation(path, &info, &open->info) == STATUS_SUCCESS &&
+              nodes_.SameContent(node, StampOf(info));
+  if (flags & O_TRUNC) nodes_.ForgetContent(node);
   *out = Register(std::move(open));
   return 0;
 }
@@ -54,6 +70,7 @@ int Drive::CreateFile(fuse_req_t req, uint64_t parent, const char* name, mode_t 
     return err;
   }
   const uint64_t node = nodes_.Obtain(parent, name, true);
+  nodes_.ForgetContent(node);
   open->node = node;
   EntryOf(node, info, e);
   *out = Register(std::move(open));

@@ -38,6 +38,11 @@ void OnInit(void*, fuse_conn_info* conn) {
     conn->want &= ~FUSE_CAP_READDIRPLUS_AUTO;  // every listing carries attributes
   }
   conn->want &= ~FUSE_CAP_WRITEBACK_CACHE;  // every write reaches WriteFile
+  // The kernel drops a file's cached data by itself when the attributes it
+  // is given show another size or time.
+  if (conn->capable & FUSE_CAP_AUTO_INVAL_DATA) conn->want |= FUSE_CAP_AUTO_INVAL_DATA;
+  Trace("K2@Init: ", "max_write=%u max_read=%u max_readahead=%u", conn->max_write, conn->max_read,
+        conn->max_readahead);
 }
 
 void OnLookup(fuse_req_t req, fuse_ino_t parent, const char* name) {
@@ -125,14 +130,15 @@ void OnLink(fuse_req_t req, fuse_ino_t, fuse_ino_t, const char*) { fuse_reply_er
 void OnOpen(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
   Serve(req, "open", ino, [&](bool& replied) {
     Open* open = nullptr;
-    const int err = DriveOf(req).OpenFile(req, ino, fi->flags, &open);
+    bool keepData = false;
+    const int err = DriveOf(req).OpenFile(req, ino, fi->flags, &open, &keepData);
     replied = true;
     if (err) {
       fuse_reply_err(req, err);
       return;
     }
     fi->fh = reinterpret_cast<uint64_t>(open);
-    fi->keep_cache = 0;  // each open reads the file system's data again
+    fi->keep_cache = keepData ? 1 : 0;
     if (fuse_reply_open(req, fi) != 0) DriveOf(req).Abandon(open, false);
   });
 }

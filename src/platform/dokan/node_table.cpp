@@ -134,6 +134,21 @@ void NodeTable::Renamed(uint64_t parent, const std::string& name, uint64_t newPa
   byName_[KeyOf(newParent, newName)] = id;
 }
 
+bool NodeTable::SameContent(uint64_t node, const ContentStamp& stamp) {
+  std::lock_guard lock(mutex_);
+  auto it = nodes_.find(node);
+  if (it == nodes_.end()) return false;
+  const bool same = it->second.content == stamp;
+  it->second.content = stamp;
+  return same;
+}
+
+void NodeTable::ForgetContent(uint64_t node) {
+  std::lock_guard lock(mutex_);
+  auto it = nodes_.find(node);
+  if (it != nodes_.end()) it->second.content.reset();
+}
+
 size_t NodeTable::Size() const {
   std::lock_guard lock(mutex_);
   return nodes_.size();

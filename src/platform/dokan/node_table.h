@@ -20,6 +20,14 @@
 
 namespace qb::dokan {
 
+// What a file's content is known by between opens: size and times as the
+// file system reports them.
+struct ContentStamp {
+  int64_t size = 0;
+  uint64_t created = 0, written = 0;
+  bool operator==(const ContentStamp&) const = default;
+};
+
 class NodeTable {
  public:
   static constexpr uint64_t kRoot = 1;
@@ -47,6 +55,12 @@ class NodeTable {
   void Renamed(uint64_t parent, const std::string& name, uint64_t newParent,
                const std::string& newName);
   size_t Size() const;
+  // Whether the data the kernel cached for the node may be kept: true when
+  // `stamp` equals the one recorded at the node's last open. Records
+  // `stamp` either way.
+  bool SameContent(uint64_t node, const ContentStamp& stamp);
+  // The node's content changed (or may have): its next open drops the data.
+  void ForgetContent(uint64_t node);
 
   // Backslash path of a child of `parentPath`.
   static std::string JoinPath(const std::string& parentPath, const std::string& name);
@@ -58,6 +72,7 @@ class NodeTable {
     uint64_t lookups = 0;
     uint64_t children = 0;  // nodes that name this one as parent
     bool linked = true;     // (parent, name) still leads here
+    std::optional<ContentStamp> content;  // at the last open of the file
   };
   using Key = std::pair<uint64_t, std::string>;
 
