@@ -6,7 +6,9 @@
 # usage: bench/mtp/side_by_side.sh [BUILD_BIN]   (default: build/bin)
 # jmtpfs and go-mtpfs: bench/mtp/install-tools.sh (a tool that is missing
 # is reported as such). Every wait has a limit (LIMIT seconds, default 300);
-# the emulator and every mount are removed again on exit.
+# the emulator and every mount are removed again on exit. KEEP_LOGS=DIR
+# keeps the tools' logs and step outputs there. BIG_MIB, MANY and SMALL
+# change the sizes (256 MiB, 10,000 files, 1,000 files).
 set -u
 here="$(cd "$(dirname "$0")" && pwd)"
 bin="$(cd "${1:-$here/../../build/bin}" && pwd)"
@@ -21,11 +23,14 @@ quillbox_home="$work/quillbox-home"  # Quillbox's home: sees only the emulated d
 export QUILLBOX_MTP_EMULATOR_DIR="$work/sockets"
 mnt="$work/mnt"
 emulator_pid=""
+go_pid=""
 mounted=""
+root=""  # the folder that shows the storage, set by mount_tool
 
 cleanup() {
   if [ -n "$mounted" ]; then unmount_tool "$mounted"; fi
   stop_emulator
+  if [ -n "${KEEP_LOGS:-}" ]; then mkdir -p "$KEEP_LOGS" && cp "$work"/*.log "$work"/*.steps "$KEEP_LOGS"/ 2>/dev/null; fi
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -83,26 +88,28 @@ reset_device() {
   rm -rf "$s/written.bin" "$s/small" "$s/Documents/from-device.txt"
 }
 
-# mount_tool TOOL: mounts, and prints the folder that shows the storage.
+# mount_tool TOOL: mounts; sets `root` to the folder that shows the storage.
 mount_tool() {
   case "$1" in
     quillbox)
       QUILLBOX_HOME="$quillbox_home" "$bin/quillbox-mtp-run" "$bin/quillbox" /mn "Bench Phone" /si 1 M: \
         >"$work/quillbox.log" 2>&1 || return 1
-      echo "$quillbox_home/drives/M"
+      root="$quillbox_home/drives/M"
       ;;
     jmtpfs)
       command -v jmtpfs >/dev/null || return 1
       mkdir -p "$mnt"
       timeout "$limit" "$bin/quillbox-mtp-run" jmtpfs "$mnt" >"$work/jmtpfs.log" 2>&1 || return 1
-      echo "$mnt/Internal storage"
+      wait_for mountpoint -q "$mnt" || return 1
+      root="$mnt/Internal storage"
       ;;
     go-mtpfs)
       command -v go-mtpfs >/dev/null || return 1
       mkdir -p "$mnt"
       "$bin/quillbox-mtp-run" go-mtpfs "$mnt" >"$work/go-mtpfs.log" 2>&1 &
+      go_pid=$!
       wait_for mountpoint -q "$mnt" || return 1
-      echo "$mnt/Internal storage"
+      root="$mnt/Internal storage"
       ;;
   esac
 }
@@ -116,7 +123,11 @@ unmount_tool() {
       ;;
     *)
       mountpoint -q "$mnt" 2>/dev/null && { fusermount3 -u "$mnt" 2>/dev/null || fusermount3 -uz "$mnt"; }
-      wait 2>/dev/null  # go-mtpfs ends with its mount
+      if [ -n "$go_pid" ]; then  # go-mtpfs ends with its mount
+        wait_for bash -c "! kill -0 $go_pid" || kill "$go_pid"
+        wait "$go_pid" 2>/dev/null
+        go_pid=""
+      fi
       ;;
   esac
   mounted=""
@@ -148,11 +159,11 @@ step() {
 }
 
 run_tool() {
-  local tool="$1" root t
+  local tool="$1" t
   reset_device
   start_emulator || { echo "emulator did not start" >&2; return; }
   t="$(now)"
-  if root="$(mount_tool "$tool")" && timeout "$limit" ls "$root" >/dev/null 2>&1; then
+  if mount_tool "$tool" && timeout "$limit" ls "$root" >/dev/null 2>&1; then
     result[$tool,mount]="$(elapsed "$t") s"
     mounted="$tool"
   else
