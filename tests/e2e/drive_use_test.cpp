@@ -83,9 +83,13 @@ TEST_P(DriveUseE2e, ProgramsReadCopyAndChangeTheDevicesFiles) {
 TEST_P(DriveUseE2e, FilesAddedAndRemovedOnTheDeviceShowOnTheDrive) {
   Map();
   ASSERT_EQ(Sh("ls \"$D/Documents\"").code, 0);
+  // The file appears whole, as a finished photo or download does on a
+  // phone (libmtp keeps the size the device announced first).
+  const fs::path made = home_.DeviceFolder() / "made.tmp";
   {
-    std::ofstream(Storage() / "Documents" / "from the device.txt") << "made on the device\n";
+    std::ofstream(made) << "made on the device\n";
   }
+  fs::rename(made, Storage() / "Documents" / "from the device.txt");
   EXPECT_TRUE(WaitFor([&] { return ReadText(Drive() / "Documents" / "from the device.txt") == "made on the device\n"; },
                       kDeviceLimit));
   fs::create_directories(Storage() / "Fresh folder");
