@@ -285,6 +285,7 @@ int EmulatedDevice::Transfer(uint8_t endpoint, uint32_t length, const std::vecto
       OutAssembler* assembler = assembler_.get();
       lock2.unlock();
       if (assembler && !out.empty()) assembler->Write(out.data(), out.size());
+      if (assembler) assembler->EndOfTransfer(out.size());
     }
     Pace(out.size(), responder->Operations() != before, start);
     *taken = static_cast<uint32_t>(out.size());
