@@ -24,10 +24,12 @@ function(quillbox_program name source)
   target_link_libraries(${name} PRIVATE ${PROG_DEPS})
 endfunction()
 
-# quillbox_tests(<room> [DEPS <targets>...])
+# quillbox_tests(<room> [DEPS <targets>...] [ENVIRONMENT <NAME=value>...])
 # Every .cpp under tests/<room> becomes one GoogleTest program test_<room>.
+# Its tests run with the build's program folder and source folder in the
+# environment, plus the ENVIRONMENT given.
 function(quillbox_tests name)
-  cmake_parse_arguments(T "" "" "DEPS" ${ARGN})
+  cmake_parse_arguments(T "" "" "DEPS;ENVIRONMENT" ${ARGN})
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
   list(FILTER sources EXCLUDE REGEX "_main\\.cpp$")
   if(NOT sources)
@@ -40,5 +42,14 @@ function(quillbox_tests name)
   gtest_discover_tests(${target}
     DISCOVERY_TIMEOUT 60
     PROPERTIES TIMEOUT 300 LABELS ${name}
-    ENVIRONMENT "QUILLBOX_BUILD_BIN=${CMAKE_BINARY_DIR}/bin;QUILLBOX_SOURCE_DIR=${CMAKE_SOURCE_DIR}")
+    TEST_LIST ${target}_TESTS)
+  # gtest_discover_tests flattens its PROPERTIES, so a list value (several
+  # variables) would lose all but its first element: the environment is set
+  # by a file of our own that CTest reads after the discovered tests.
+  set(environment "QUILLBOX_BUILD_BIN=${CMAKE_BINARY_DIR}/bin" "QUILLBOX_SOURCE_DIR=${CMAKE_SOURCE_DIR}" ${T_ENVIRONMENT})
+  set(file ${CMAKE_CURRENT_BINARY_DIR}/${target}_environment.cmake)
+  file(WRITE ${file} "if(${target}_TESTS)\n"
+    "  set_tests_properties(\${${target}_TESTS} PROPERTIES ENVIRONMENT [==[${environment}]==])\n"
+    "endif()\n")
+  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${file})
 endfunction()

@@ -43,7 +43,8 @@ EmulatedDevice::EmulatedDevice(fs::path folder, std::string pnpId, SpeedModel sp
       pnpId_(std::move(pnpId)),
       speed_(speed),
       interfaceName_(std::move(interfaceName)),
-      usbFolder_(std::move(usbFolder)) {
+      usbFolder_(std::move(usbFolder)),
+      bus_(speed.bytesPerSecond, speed.perOperation) {
   address_ = FirstAddress(folder_.filename().string());
 }
 
@@ -255,15 +256,12 @@ void EmulatedDevice::PortReset() {
 
 void EmulatedDevice::Pace(uint64_t bytes, bool newOperation, std::chrono::steady_clock::time_point start) {
   if (speed_.bytesPerSecond == 0) return;
-  auto cost = std::chrono::microseconds(bytes * 1000000 / speed_.bytesPerSecond);
-  if (newOperation) cost += speed_.perOperation;
   std::chrono::steady_clock::time_point until;
   {
-    std::lock_guard<std::mutex> lock(paceMutex_);
     // The bus time counts from when the transfer came, so that the work of
     // the emulator itself overlaps with it instead of adding to it.
-    busFree_ = std::max(busFree_, start) + cost;
-    until = busFree_;
+    std::lock_guard<std::mutex> lock(paceMutex_);
+    until = bus_.Charge(start, bytes, newOperation);
   }
   std::this_thread::sleep_until(until);
 }
@@ -287,6 +285,7 @@ int EmulatedDevice::Transfer(uint8_t endpoint, uint32_t length, const std::vecto
       OutAssembler* assembler = assembler_.get();
       lock2.unlock();
       if (assembler && !out.empty()) assembler->Write(out.data(), out.size());
+      if (assembler) assembler->EndOfTransfer(out.size());
     }
     Pace(out.size(), responder->Operations() != before, start);
     *taken = static_cast<uint32_t>(out.size());

@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "mtp_emulator/bus_clock.h"
 #include "mtp_emulator/mtp_responder.h"
 #include "mtp_emulator/usb_bulk.h"
 #include "mtp_emulator/usb_descriptors.h"
@@ -93,7 +94,7 @@ class EmulatedDevice : public std::enable_shared_from_this<EmulatedDevice> {
   // Bulk OUT runs on one pipe at a time.
   std::mutex outMutex_;
   std::mutex paceMutex_;
-  std::chrono::steady_clock::time_point busFree_{};
+  BusClock bus_;  // under paceMutex_
 };
 
 }  // namespace qb::mtpemu

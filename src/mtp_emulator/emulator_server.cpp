@@ -144,6 +144,17 @@ void EmulatorServer::AcceptLoop() {
   }
 }
 
+int EmulatorServer::Claim(int fd, bool claim) {
+  std::lock_guard<std::mutex> lock(m_);
+  if (claim) {
+    if (claimedBy_ >= 0 && claimedBy_ != fd) return LIBUSB_ERROR_BUSY;
+    claimedBy_ = fd;
+  } else if (claimedBy_ == fd) {
+    claimedBy_ = -1;
+  }
+  return LIBUSB_SUCCESS;
+}
+
 void EmulatorServer::Serve(int fd) {
   auto stop = [this, fd] { return stop_.load() || PeerGone(fd); };
   for (;;) {
@@ -188,6 +199,11 @@ void EmulatorServer::Serve(int fd) {
         device_->PortReset();
         ok = Reply(fd, 0, {}, 0);
         break;
+      case WireOp::kClaim:
+      case WireOp::kRelease:
+        status = Claim(fd, static_cast<WireOp>(request.op) == WireOp::kClaim);
+        ok = Reply(fd, status, {}, 0);
+        break;
       default:
         ok = Reply(fd, LIBUSB_ERROR_NOT_SUPPORTED, {}, 0);
         break;
@@ -207,6 +223,7 @@ void EmulatorServer::Serve(int fd) {
     if (!ok) break;
   }
   std::lock_guard<std::mutex> lock(m_);
+  if (claimedBy_ == fd) claimedBy_ = -1;
   for (auto& [cfd, thread] : connections_) {
     if (cfd == fd) {
       close(fd);

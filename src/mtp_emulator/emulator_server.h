@@ -26,6 +26,8 @@ class EmulatorServer {
  private:
   void AcceptLoop();
   void Serve(int fd);
+  // Claims (or releases) the interface for connection `fd`: a libusb result.
+  int Claim(int fd, bool claim);
 
   const std::shared_ptr<EmulatedDevice> device_;
   const std::string path_;
@@ -33,8 +35,11 @@ class EmulatorServer {
   int listenFd_ = -1;
   std::atomic<bool> stop_{false};
   std::thread acceptThread_;
-  std::mutex m_;  // guards connections_
+  std::mutex m_;  // guards connections_ and claimedBy_
   std::vector<std::pair<int, std::thread>> connections_;
+  // The connection that claimed the interface (-1: none). usbfs lets one
+  // program at a time claim an interface; so does the emulator.
+  int claimedBy_ = -1;
 };
 
 }  // namespace qb::mtpemu

@@ -126,6 +126,15 @@ void OutAssembler::Clear() {
   inData_ = false;
 }
 
+void OutAssembler::EndOfTransfer(size_t size) {
+  if (size % kPacketSize == 0 && size != 0) return;  // whole packets: more may follow
+  header_.clear();
+  if (!inData_) return;
+  inData_ = false;
+  dataLeft_ = 0;
+  sink_->OnDataEnd();  // the responder finds the data short of its length
+}
+
 void OutAssembler::Write(const uint8_t* data, size_t size) {
   while (size > 0) {
     if (inData_) {

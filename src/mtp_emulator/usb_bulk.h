@@ -10,7 +10,9 @@
 //
 // OUT: the host's writes are one byte stream; containers are cut from it by
 // the length in their headers. A data container's payload is handed on as
-// it comes, so an upload is never held whole in memory.
+// it comes, so an upload is never held whole in memory. A host write that
+// ends with a short packet (or is a zero-length packet) ends the transfer,
+// as on a real bus: a data container still short of its length ends there.
 //
 // Lock: InQueue::m_ is a leaf lock; producers run without it.
 #include <chrono>
@@ -78,6 +80,8 @@ class OutAssembler {
  public:
   explicit OutAssembler(OutSink* sink) : sink_(sink) {}
   void Write(const uint8_t* data, size_t size);
+  // After each host write of `size` bytes: a short packet ends the container.
+  void EndOfTransfer(size_t size);
   void Clear();
 
  private:

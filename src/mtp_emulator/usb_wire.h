@@ -22,6 +22,8 @@ enum class WireOp : uint32_t {
   kControl = 2,    // setup in the request; OUT data follows, IN data comes back
   kTransfer = 3,   // bulk or interrupt on `endpoint` (bit 7 set: IN)
   kReset = 4,      // port reset: the device ends its session
+  kClaim = 5,      // claim interface `endpoint` for this connection; LIBUSB_ERROR_BUSY when another holds it
+  kRelease = 6,    // release it again (also done when the connection ends)
 };
 
 struct WireRequest {

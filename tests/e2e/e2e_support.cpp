@@ -1,6 +1,7 @@
 #include "e2e/e2e_support.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -34,10 +35,68 @@ std::string Unescape(const std::string& s) {
 
 }  // namespace
 
-E2eHome::E2eHome() {
+std::string BackendName(Backend backend) { return backend == Backend::kMtp ? "Mtp" : "Simulated"; }
+
+std::vector<Backend> TestedBackends() {
+#ifdef QB_MTP_EMULATOR_LIB_DIR
+  return {Backend::kSimulated, Backend::kMtp};
+#else
+  return {Backend::kSimulated};
+#endif
+}
+
+E2eHome::E2eHome(Backend backend) : backend_(backend), deviceHome_(home_.Path()) {
   WriteHive(home_ / "machine.reg", "HKEY_LOCAL_MACHINE", "SOFTWARE\\Quillbox",
             {"@=\"" + BinDir().string() + "\""});
-  RunProgram({(BinDir() / "quillbox-simdev").string(), "demo"}, 60s);
+  if (backend_ == Backend::kMtp) deviceHome_ = home_ / "mtp-device";
+  Simdev({"demo"});
+  if (backend_ == Backend::kMtp) StartEmulator();
+}
+
+E2eHome::~E2eHome() {
+  if (emulator_) {
+    emulator_->Signal(SIGTERM);
+    int code = 0;
+    emulator_->Wait(10s, &code);
+    emulator_.reset();
+  }
+  for (const auto& [name, value] : saved_) {
+    if (value.empty()) unsetenv(name.c_str());
+    else setenv(name.c_str(), value.c_str(), 1);
+  }
+}
+
+// The program and every tool the test starts (quillbox-probe, ...) run on
+// the emulator's USB library and read the emulated device's USB facts from
+// the emulator's folder; the emulator serves the device from its own home.
+void E2eHome::StartEmulator() {
+#ifdef QB_MTP_EMULATOR_LIB_DIR
+  const std::filesystem::path sockets = home_ / "sockets";
+  auto set = [&](const std::string& name, const std::string& value) {
+    const char* old = std::getenv(name.c_str());
+    saved_[name] = old ? old : "";
+    setenv(name.c_str(), value.c_str(), 1);
+  };
+  const char* libraryPath = std::getenv("LD_LIBRARY_PATH");
+  set("LD_LIBRARY_PATH", std::string(QB_MTP_EMULATOR_LIB_DIR) + (libraryPath ? std::string(":") + libraryPath : ""));
+  set("QUILLBOX_MTP_EMULATOR_DIR", sockets.string());
+  set("QUILLBOX_USB_DEVICES_ROOT", (sockets / "usb-devices").string());
+  emulator_ = std::make_unique<BackgroundProcess>(
+      std::vector<std::string>{(BinDir() / "quillbox-mtp-emulator").string(), "serve", "demo", "--die-with-parent"},
+      std::map<std::string, std::string>{{"QUILLBOX_HOME", deviceHome_.string()}});
+  std::string line;
+  ready_ = emulator_->ReadLine(&line, 20s) && line.rfind("serving demo", 0) == 0;
+#else
+  ready_ = false;
+#endif
+}
+
+std::filesystem::path E2eHome::DeviceFolder() const { return deviceHome_ / "devices" / "demo"; }
+
+RunResult E2eHome::Simdev(const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {(BinDir() / "quillbox-simdev").string()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return RunProgram(argv, 60s, {{"QUILLBOX_HOME", deviceHome_.string()}});
 }
 
 void E2eHome::WriteDemoProfile(const std::vector<std::string>& valueLines) {
@@ -116,6 +175,12 @@ bool ServingInstance::WaitMapped(std::chrono::milliseconds limit) {
   if (poll(&p, 1, static_cast<int>(limit.count())) != 1) return false;
   eventfd_t value = 0;
   return eventfd_read(event_, &value) == 0;
+}
+
+RunResult Shell(const std::filesystem::path& drive, const std::filesystem::path& storage, const std::string& command,
+                std::chrono::milliseconds limit) {
+  return RunProgram({"/bin/sh", "-c", "exec 2>&1; D=\"$1\"; S=\"$2\"; " + command, "sh", drive.string(), storage.string()},
+                    limit);
 }
 
 std::string ReadText(const std::filesystem::path& file) {

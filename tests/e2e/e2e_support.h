@@ -6,9 +6,11 @@
 
 #include <chrono>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "app/run_process.h"
@@ -18,19 +20,44 @@ namespace qbtest {
 
 using namespace std::chrono_literals;
 
+// How the program reaches the demo device: the simulated back end, or
+// libmtp over the MTP emulator's USB (the program then sees only the
+// emulated device, whose folder lives in a home of its own).
+enum class Backend { kSimulated, kMtp };
+std::string BackendName(Backend backend);
+// Both back ends, or the simulated one alone when the emulator is not built.
+std::vector<Backend> TestedBackends();
+
 // A fresh QUILLBOX_HOME with the install folder recorded (so that instances
-// can start children) and the demo device created.
+// can start children) and the demo device created, served by the MTP
+// emulator for Backend::kMtp (stopped again when the home ends).
 class E2eHome {
  public:
-  E2eHome();
+  explicit E2eHome(Backend backend = Backend::kSimulated);
+  ~E2eHome();
+  E2eHome(const E2eHome&) = delete;
+  E2eHome& operator=(const E2eHome&) = delete;
   const std::filesystem::path& Path() const { return home_.Path(); }
   // Writes values into the demo device's profile (creating it).
   void WriteDemoProfile(const std::vector<std::string>& valueLines);
   // The device id of the demo device ("" when it is not listed).
   std::string DemoDeviceId();
+  // The demo device's folder (its storages are subfolders).
+  std::filesystem::path DeviceFolder() const;
+  // Runs `quillbox-simdev` on the demo device's home (faults, disconnect).
+  RunResult Simdev(const std::vector<std::string>& args);
+  // True when the device is served (always for the simulated back end).
+  bool Ready() const { return ready_; }
 
  private:
+  void StartEmulator();
+
   ScopedHome home_;
+  Backend backend_;
+  std::filesystem::path deviceHome_;
+  std::map<std::string, std::string> saved_;
+  std::unique_ptr<BackgroundProcess> emulator_;
+  bool ready_ = true;
 };
 
 // <drives root>/<LETTER> of the current home.
@@ -75,6 +102,22 @@ class ServingInstance {
   int event_ = -1;
   std::unique_ptr<BackgroundProcess> process_;
 };
+
+// Waits for a condition that another process brings about, up to `limit`.
+template <class F>
+bool WaitFor(F condition, std::chrono::milliseconds limit) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(20ms);
+  }
+  return true;
+}
+
+// Runs a shell command with the drive's folder in $D and the device's
+// storage folder in $S; output and errors together in `out`.
+RunResult Shell(const std::filesystem::path& drive, const std::filesystem::path& storage, const std::string& command,
+                std::chrono::milliseconds limit = 120s);
 
 // The text of a file (empty when it cannot be read).
 std::string ReadText(const std::filesystem::path& file);

@@ -125,6 +125,29 @@ TEST(OutAssemblerTest, CutsCommandsAndDataFromWritesOfAnySize) {
   EXPECT_EQ(sink.ends, 1);
 }
 
+TEST(OutAssemblerTest, AShortPacketEndsADataContainerShortOfItsLength) {
+  RecordingSink sink;
+  OutAssembler a(&sink);
+  auto data = ptp::Container(ptp::kDataBlock, ptp::kSendObject, 7, Bytes(2000));
+  // Whole packets leave the container open.
+  a.Write(data.data(), 1024);
+  a.EndOfTransfer(1024);
+  EXPECT_EQ(sink.ends, 0);
+  // A header alone as a short packet, then a zero-length packet: the data
+  // phase ends with what came; the next command is read as a command.
+  a.Write(data.data() + 1024, 100);
+  a.EndOfTransfer(100);
+  EXPECT_EQ(sink.ends, 1);
+  EXPECT_EQ(sink.data_.size(), 1024u + 100u - ptp::kHeaderSize);
+  a.EndOfTransfer(0);
+  auto cmd = ptp::ParamContainer(ptp::kCommandBlock, ptp::kGetObjectInfo, 8, {0x1234});
+  a.Write(cmd.data(), cmd.size());
+  a.EndOfTransfer(cmd.size());
+  ASSERT_EQ(sink.commands.size(), 1u);
+  EXPECT_EQ(sink.commands[0], cmd);
+  EXPECT_EQ(sink.ends, 1);
+}
+
 TEST(PtpDataTest, StringsRoundTripIncludingNonAscii) {
   ptp::DataWriter w;
   w.String("Fotos ä 日本 😀");

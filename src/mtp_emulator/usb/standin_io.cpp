@@ -89,6 +89,17 @@ bool InterfaceExists(libusb_device_handle* h, int number) {
   return found;
 }
 
+// The device keeps the claim, so that a second program cannot claim the
+// interface while one holds it (as usbfs refuses it).
+int ClaimOnDevice(libusb_device_handle* h, int number, bool claim) {
+  WireRequest request;
+  request.op = static_cast<uint32_t>(claim ? WireOp::kClaim : WireOp::kRelease);
+  request.endpoint = static_cast<uint32_t>(number);
+  uint32_t got = 0;
+  int r = h->control->Exchange(request, nullptr, nullptr, &got);
+  return r < 0 ? r : LIBUSB_SUCCESS;
+}
+
 }  // namespace
 }  // namespace qb::mtpemu::usb
 
@@ -158,6 +169,10 @@ int LIBUSB_CALL libusb_set_configuration(libusb_device_handle* dev_handle, int c
 int LIBUSB_CALL libusb_claim_interface(libusb_device_handle* dev_handle, int interface_number) {
   if (interface_number < 0 || interface_number >= 32 || !InterfaceExists(dev_handle, interface_number))
     return LIBUSB_ERROR_NOT_FOUND;
+  if (!(dev_handle->claimed & (1u << interface_number))) {
+    int r = ClaimOnDevice(dev_handle, interface_number, true);
+    if (r != LIBUSB_SUCCESS) return r;
+  }
   dev_handle->claimed |= 1u << interface_number;
   return LIBUSB_SUCCESS;
 }
@@ -166,6 +181,7 @@ int LIBUSB_CALL libusb_release_interface(libusb_device_handle* dev_handle, int i
   if (interface_number < 0 || interface_number >= 32 || !(dev_handle->claimed & (1u << interface_number)))
     return LIBUSB_ERROR_NOT_FOUND;
   dev_handle->claimed &= ~(1u << interface_number);
+  ClaimOnDevice(dev_handle, interface_number, false);
   return LIBUSB_SUCCESS;
 }
 

@@ -6,11 +6,17 @@
 #ifdef QUILLBOX_HAVE_LIBMTP
 #include <libmtp.h>
 
+#include <unistd.h>
+
+#include <cctype>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <mutex>
 
 #include "diag/trace.h"
+#include "platform/system/paths.h"
 #include "platform/portable/mtp/mtp_init.h"
 #include "platform/portable/mtp/mtp_usb.h"
 #endif
@@ -27,6 +33,45 @@ namespace {
 // later still lists under its own name. Guarded by g_namesMutex (a leaf).
 std::mutex g_namesMutex;
 std::map<std::string, MtpDeviceEntry> g_names;
+
+// Names learned by any of our processes, kept on disk: a device that one
+// instance holds cannot be opened by another (USB lets one program claim
+// it), which must still list it under its own name to find it mapped.
+std::filesystem::path NamesFile(const std::string& pnpId) {
+  std::string name;
+  for (char c : pnpId) name += std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
+  return qb::sys::LocalAppDataDir() / "Quillbox" / "MtpNames" / name;
+}
+
+std::string OneLine(std::string s) {
+  for (char& c : s)
+    if (c == '\n' || c == '\r') c = ' ';
+  return s;
+}
+
+void StoreNames(const MtpDeviceEntry& e) {
+  const std::filesystem::path file = NamesFile(e.pnpId);
+  std::error_code ec;
+  std::filesystem::create_directories(file.parent_path(), ec);
+  const std::filesystem::path temporary = file.string() + "." + std::to_string(getpid());
+  {
+    std::ofstream out(temporary, std::ios::trunc);
+    out << OneLine(e.friendlyName) << "\n" << OneLine(e.manufacturer) << "\n" << OneLine(e.description) << "\n";
+    if (!out) return;
+  }
+  std::filesystem::rename(temporary, file, ec);
+  if (ec) std::filesystem::remove(temporary, ec);
+}
+
+bool LoadNames(MtpDeviceEntry* e) {
+  std::ifstream in(NamesFile(e->pnpId));
+  MtpDeviceEntry stored = *e;
+  if (!std::getline(in, stored.friendlyName) || !std::getline(in, stored.manufacturer) ||
+      !std::getline(in, stored.description) || stored.friendlyName.empty())
+    return false;
+  *e = stored;
+  return true;
+}
 
 std::string TakeString(char* s) {
   std::string out = s ? s : "";
@@ -63,8 +108,11 @@ MtpDeviceEntry EntryFor(LIBMTP_raw_device_t* raw, const UsbPortInfo& usb) {
     if (it != g_names.end()) return it->second;
   }
   if (ReadNames(raw, &e)) {
+    StoreNames(e);
     std::lock_guard<std::mutex> l(g_namesMutex);
     g_names[e.pnpId] = e;
+  } else {
+    LoadNames(&e);  // held by another program: the names one of us learned
   }
   return e;
 }
@@ -83,6 +131,7 @@ void RememberDeviceNames(const std::string& pnpId, const std::string& friendlyNa
   e.friendlyName = friendlyName;
   e.manufacturer = manufacturer;
   e.description = model.empty() ? friendlyName : model;
+  StoreNames(e);
   std::lock_guard<std::mutex> l(g_namesMutex);
   g_names[pnpId] = e;
 }

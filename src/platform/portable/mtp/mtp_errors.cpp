@@ -46,7 +46,8 @@ HRESULT HresultOfPtpCode(uint16_t code) {
     case 0x2019: return E_ERROR_BUSY;               // Device Busy
     case 0x201F: return E_ABORT;                    // Transaction Cancelled
     case 0x02F9:                                     // no device (libgphoto's transport code)
-    case 0x02FA: return WIA_ERROR_OFFLINE;          // timeout: the device does not answer
+    case 0x02FA:                                     // timeout: the device does not answer
+    case 0x02FF: return WIA_ERROR_OFFLINE;          // I/O error: its USB transfers fail
     case 0x02FB: return E_ABORT;                    // cancelled
     // The device answered an operation that sends data with its response
     // alone: it refused it. libmtp drops that response, so its code is

@@ -110,6 +110,7 @@ TEST(MtpErrors, PtpAnswersGetTheirCodes) {
   EXPECT_EQ(HresultOfPtpCode(0x200E), E_ACCESSDENIED);
   EXPECT_EQ(HresultOfPtpCode(0x2005), E_ERROR_NOT_SUPPORTED);
   EXPECT_EQ(HresultOfPtpCode(0x02FA), WIA_ERROR_OFFLINE);
+  EXPECT_EQ(HresultOfPtpCode(0x02FF), WIA_ERROR_OFFLINE);  // USB transfers fail: a device that stopped answering
   EXPECT_EQ(HresultOfPtpCode(0x2002), E_FAIL);
   EXPECT_EQ(HresultOfPtpCode(0x201A), E_ERROR_NOT_FOUND);  // invalid parent
   EXPECT_EQ(HresultOfPtpCode(0x2020), E_ERROR_NOT_SUPPORTED);
