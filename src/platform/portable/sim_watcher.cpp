@@ -20,8 +20,16 @@ namespace qb::portable::sim {
 namespace {
 
 constexpr uint32_t kDeviceMask = IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_DELETE_SELF | IN_MOVE_SELF;
-constexpr uint32_t kContentMask = IN_CREATE | IN_DELETE | IN_CLOSE_WRITE | IN_ATTRIB | IN_MOVED_FROM | IN_MOVED_TO |
-                                  IN_ONLYDIR | IN_DONT_FOLLOW | IN_EXCL_UNLINK;
+// IN_MODIFY too: a new modification time alone (utimensat with the access
+// time left as it is, as touch -m or std::filesystem::last_write_time do)
+// comes as IN_MODIFY, not IN_ATTRIB.
+constexpr uint32_t kContentMask = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_MOVED_FROM |
+                                  IN_MOVED_TO | IN_ONLYDIR | IN_DONT_FOLLOW | IN_EXCL_UNLINK;
+// A file changed in place is announced once this long has passed without
+// a further change (or at once when its writer closes it), so that a
+// writer's every write() does not become an event of its own.
+constexpr auto kModifyQuiet = std::chrono::milliseconds(100);
+constexpr int kIdlePollMs = 200;
 
 bool IsUnder(const std::string& rel, const std::string& dir) {
   return rel.size() > dir.size() && rel.compare(0, dir.size(), dir) == 0 && rel[dir.size()] == '/';
@@ -76,8 +84,9 @@ void SimWatcher::Run() {
   std::vector<char> buf(64 * 1024);
   while (!stop_) {
     pollfd fds[2] = {{inotify_, POLLIN, 0}, {wake_, POLLIN, 0}};
-    int n = poll(fds, 2, 200);
-    if (n <= 0) continue;
+    const int timeout = modified_.empty() ? kIdlePollMs : static_cast<int>(kModifyQuiet.count());
+    int n = poll(fds, 2, timeout);
+    if (n < 0 || (n == 0 && modified_.empty())) continue;
     std::shared_ptr<SimDeviceState> keep = weakState_.lock();
     if (!keep) break;
     state_ = keep.get();
@@ -94,6 +103,7 @@ void SimWatcher::Run() {
           if (!gone_) ProcessBatch(buf.data(), len);
         }
       }
+      if (!gone_) RaiseQuietModified();
     } catch (...) {
       Trace("SW1@SimWatcher::Run: ", "failure while raising events; going on");
     }
@@ -187,7 +197,10 @@ void SimWatcher::ProcessBatch(const char* buf, ssize_t len) {
     const bool scanned = scanned_.erase(rel) != 0;
     if (scanned && ((ev->mask & IN_CREATE) || ((ev->mask & IN_MOVED_TO) && !moves.count(ev->cookie)))) continue;
     if (ev->mask & IN_CREATE) OnCreate(rel, dir);
+    if ((ev->mask & IN_MODIFY) && !dir && !pendingCreate_.count(rel))
+      modified_[rel] = std::chrono::steady_clock::now();
     if (ev->mask & IN_CLOSE_WRITE) {
+      modified_.erase(rel);  // the close announces it
       bool added = pendingCreate_.erase(rel) != 0;
       Raise(added ? WPD_EVENT_OBJECT_ADDED : WPD_EVENT_OBJECT_UPDATED, state_->IdForPath(rel), rel, false);
     }
@@ -212,6 +225,21 @@ void SimWatcher::ProcessBatch(const char* buf, ssize_t len) {
   for (const auto& [cookie, m] : moves) OnDelete(m.rel, m.dir);  // moved out of the device
 }
 
+void SimWatcher::RaiseQuietModified() {
+  const auto now = std::chrono::steady_clock::now();
+  for (auto it = modified_.begin(); it != modified_.end();) {
+    if (now - it->second < kModifyQuiet) {
+      ++it;
+      continue;
+    }
+    const std::string rel = it->first;
+    it = modified_.erase(it);
+    struct stat st;
+    if (lstat(state_->PathOf(rel).c_str(), &st) == 0)
+      Raise(WPD_EVENT_OBJECT_UPDATED, state_->IdForPath(rel), rel, false);
+  }
+}
+
 void SimWatcher::OnCreate(const std::string& rel, bool dir) {
   if (dir) {
     Raise(WPD_EVENT_OBJECT_ADDED, state_->IdForPath(rel), rel, true);
@@ -228,6 +256,7 @@ void SimWatcher::OnCreate(const std::string& rel, bool dir) {
 
 void SimWatcher::OnDelete(const std::string& rel, bool dir) {
   pendingCreate_.erase(rel);
+  std::erase_if(modified_, [&](const auto& m) { return m.first == rel || IsUnder(m.first, rel); });
   ForgetScannedUnder(rel);
   IndexEntry e = state_->TakeRemovedEntry(rel);
   if (dir) {
@@ -239,12 +268,28 @@ void SimWatcher::OnDelete(const std::string& rel, bool dir) {
 
 void SimWatcher::OnMoved(const std::string& from, const std::string& to, bool dir) {
   if (pendingCreate_.erase(from)) pendingCreate_[to] = true;
+  MoveModified(from, to);
   ForgetScannedUnder(from);
   ForgetScannedUnder(to);
   bool wasKnown = state_->KnowsPath(to) || state_->KnowsPath(from);
   if (!state_->KnowsPath(to)) state_->RenamePath(from, to);
   if (dir) RenameWatches(from, to);
   Raise(wasKnown ? WPD_EVENT_OBJECT_UPDATED : WPD_EVENT_OBJECT_ADDED, state_->IdForPath(to), to, dir);
+}
+
+// A change still to be announced goes with its file (or folder) to the new
+// path; the move itself announces the object moved.
+void SimWatcher::MoveModified(const std::string& from, const std::string& to) {
+  std::vector<std::pair<std::string, std::chrono::steady_clock::time_point>> moved;
+  for (auto it = modified_.begin(); it != modified_.end();) {
+    if (it->first == from || IsUnder(it->first, from)) {
+      if (it->first != from) moved.emplace_back(to + it->first.substr(from.size()), it->second);
+      it = modified_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  for (auto& [rel, when] : moved) modified_[rel] = when;
 }
 
 void SimWatcher::ForgetScannedUnder(const std::string& rel) {

@@ -13,6 +13,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <deque>
 #include <map>
 #include <memory>
@@ -52,6 +53,8 @@ class SimWatcher : public std::enable_shared_from_this<SimWatcher> {
   void WatchTree(const std::string& rel, bool announce);
   bool CheckDeviceGone();
   void Raise(const GUID& event, const std::string& id, const std::string& rel, bool folder);
+  void RaiseQuietModified();
+  void MoveModified(const std::string& from, const std::string& to);
   void OnCreate(const std::string& rel, bool dir);
   void OnDelete(const std::string& rel, bool dir);
   void OnMoved(const std::string& from, const std::string& to, bool dir);
@@ -71,6 +74,9 @@ class SimWatcher : public std::enable_shared_from_this<SimWatcher> {
   std::map<int, std::string> wdToRel_;  // "" is the device folder itself
   std::map<std::string, bool> pendingCreate_;  // files created, not yet closed
   std::set<std::string> scanned_;  // announced by the scan of a new folder; no event for them since
+  // Files changed in place (data or modification time), not yet announced:
+  // the time of the last change.
+  std::map<std::string, std::chrono::steady_clock::time_point> modified_;
   bool gone_ = false;
   // Under queueMutex_.
   std::mutex queueMutex_;

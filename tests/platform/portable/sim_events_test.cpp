@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <set>
 
@@ -160,6 +161,27 @@ TEST_F(SimEventsTest, ChangesMadeToTheFolderByOthersRaiseTheSameEvents) {
   ASSERT_TRUE(sink_->WaitFor(WPD_EVENT_OBJECT_REMOVED, "Deep"));
   ASSERT_TRUE(sink_->WaitFor(WPD_EVENT_OBJECT_REMOVED, "New", &removed));
   EXPECT_EQ(removed.objectId, folder.objectId);
+}
+
+// A new modification time alone (the access time left as it is) and a
+// truncation by path come from the kernel as IN_MODIFY, with no writer
+// that opens and closes the file.
+TEST_F(SimEventsTest, AChangedTimeOrLengthWithoutAWriterRaisesAnUpdate) {
+  const std::filesystem::path file = folder_ / "a-internal" / "stamp.txt";
+  Shell("printf 'twelve bytes' > '" + file.string() + "'");
+  SeenEvent added;
+  ASSERT_TRUE(sink_->WaitFor(WPD_EVENT_OBJECT_ADDED, "stamp.txt", &added));
+  const auto updatedAfter = [&](size_t from) {
+    return sink_->WaitFor(
+        [&](const SeenEvent& e) { return e.id == WPD_EVENT_OBJECT_UPDATED && e.objectId == added.objectId; }, nullptr,
+        from);
+  };
+  size_t seen = sink_->Events().size();
+  std::filesystem::last_write_time(file, std::filesystem::last_write_time(file) + std::chrono::seconds(10));
+  EXPECT_TRUE(updatedAfter(seen));
+  seen = sink_->Events().size();
+  std::filesystem::resize_file(file, 3);  // truncate(2): no open, no close
+  EXPECT_TRUE(updatedAfter(seen));
 }
 
 TEST_F(SimEventsTest, UnpluggingOrRemovingTheDeviceRaisesDeviceRemoved) {

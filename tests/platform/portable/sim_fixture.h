@@ -44,13 +44,14 @@ class RecordingSink : public qp::IPortableDeviceEventCallback {
     return S_OK;
   }
 
-  // Waits up to 10 s for an event that `match` accepts; returns it.
-  bool WaitFor(const std::function<bool(const SeenEvent&)>& match, SeenEvent* found = nullptr) {
+  // Waits up to 10 s for an event that `match` accepts, among those from
+  // the `from`th on; returns it.
+  bool WaitFor(const std::function<bool(const SeenEvent&)>& match, SeenEvent* found = nullptr, size_t from = 0) {
     std::unique_lock<std::mutex> lock(m_);
     bool ok = cv_.wait_for(lock, std::chrono::seconds(10), [&] {
-      for (const auto& e : events_)
-        if (match(e)) {
-          if (found) *found = e;
+      for (size_t i = from; i < events_.size(); ++i)
+        if (match(events_[i])) {
+          if (found) *found = events_[i];
           return true;
         }
       return false;
