@@ -1,12 +1,15 @@
 // quillbox-simdev: creates, lists, fills, removes, connects and disconnects
 // simulated portable devices and injects faults into them.
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "platform/portable/sim_devices.h"
 #include "platform/system/paths.h"
+#include "platform/system/process_spawn.h"
 
 namespace sim = qb::portable::sim;
 
@@ -28,7 +31,9 @@ const char kUsage[] =
     "  list                         list the devices\n"
     "  remove <device>              delete a device and its content\n"
     "  disconnect <device>          unplug a device\n"
-    "  connect <device>             plug it in again\n"
+    "  connect <device> [--launch]  plug it in again; --launch also starts the\n"
+    "                               'Device Connected' launch of the program, as\n"
+    "                               plugging in a phone does\n"
     "  fault <device> busy N | offline | fail-after BYTES | rate BYTES_PER_S |\n"
     "                 readonly | no-write | no-move | clear\n"
     "  fault <device>               show the device's faults\n"
@@ -247,6 +252,28 @@ int Fault(const std::filesystem::path& folder, const std::vector<std::string>& a
   return 0;
 }
 
+// The Still Image event of a device that was just connected.
+constexpr char kDeviceConnectedEvent[] = "{A28BBADE-64B6-11D2-A231-00C04FA31809}";
+
+// Starts the program beside this tool the way the udev rule's user unit does
+// for a phone that is plugged in. The launched instance outlives this tool,
+// so it gets no standard streams of ours.
+int LaunchDeviceConnected(const std::filesystem::path& folder) {
+  sim::DeviceSpec spec;
+  std::string error;
+  if (!sim::ReadDevice(folder, &spec, &error)) return Fail(error);
+  const std::string program = (qb::sys::ExecutableDir() / "quillbox").string();
+  const std::vector<std::string> argv = {program, "/StiDevice:" + sim::SimPnpId(spec),
+                                         std::string("/StiEvent:") + kDeviceConnectedEvent};
+  qb::sys::ChildProcess child;
+  if (!qb::sys::SpawnProcess(argv, {}, &child, true))
+    return Fail("cannot start " + program + ": " + std::strerror(errno));
+  std::printf("launched: %s %s %s (process %d)\n", argv[0].c_str(), argv[1].c_str(), argv[2].c_str(),
+              static_cast<int>(child.Pid()));
+  child.Release();
+  return 0;
+}
+
 int Run(const std::vector<std::string>& args) {
   if (args.empty()) return UsageError("no command given");
   const std::string& cmd = args[0];
@@ -273,12 +300,13 @@ int Run(const std::vector<std::string>& args) {
   if (!sim::FindDevice(rest[0], &folder, &error)) return Fail(error);
   std::vector<std::string> more(rest.begin() + 1, rest.end());
   if (cmd == "fault") return Fault(folder, more);
-  if (!more.empty()) return UsageError(cmd + " takes one device");
+  const bool launch = cmd == "connect" && more.size() == 1 && more[0] == "--launch";
+  if (!more.empty() && !launch) return UsageError(cmd + " takes one device" + (cmd == "connect" ? " and --launch" : ""));
   bool ok = cmd == "remove" ? sim::RemoveDevice(folder, &error) : sim::SetConnected(folder, cmd == "connect", &error);
   if (!ok) return Fail(error);
   std::printf("%s: %s\n", cmd == "remove" ? "removed" : cmd == "connect" ? "connected" : "disconnected",
               folder.filename().c_str());
-  return 0;
+  return launch ? LaunchDeviceConnected(folder) : 0;
 }
 
 }  // namespace
