@@ -15,6 +15,7 @@ constexpr uint32_t kSharedStepMs = 100;
 constexpr uint32_t kSharedGiveUpMs = 5000;
 constexpr int kFilledWaits = 100;
 constexpr uint32_t kFilledWaitMs = 10;
+constexpr int kFilledWaitsAfterStop = 20;  // 200 ms, well inside Stop's wait for the thread
 constexpr int kStopChecks = 20;
 constexpr uint32_t kStopCheckMs = 50;
 constexpr size_t kFlushBytes = 64 * 1024;
@@ -125,10 +126,16 @@ void TraceWriter::Drain(bool honourStop) {
 
 int TraceWriter::WaitFilled(const TraceSlot& slot, uint32_t ticket, bool honourStop) {
   int waits = 0;
+  int waitsAfterStop = 0;
+  bool stopSeen = !honourStop;
   while (!TraceRing::IsFilled(slot, ticket) && waits < kFilledWaits) {
-    if (honourStop) {
-      if (signals_.WaitForStop(kFilledWaitMs)) return -1;
+    if (!stopSeen) {
+      stopSeen = signals_.WaitForStop(kFilledWaitMs);
     } else {
+      // The slot is taken: a stop does not abandon it, since its producer is
+      // filling it right now and the last drain starts after it. Only a
+      // producer that stays away gives the slot up, early enough for Stop.
+      if (honourStop && ++waitsAfterStop > kFilledWaitsAfterStop) return -1;
       std::this_thread::sleep_for(std::chrono::milliseconds(kFilledWaitMs));
     }
     ++waits;

@@ -72,7 +72,8 @@ class TraceWriter {
   Shared LockShared();
   // Drains the ring; with `honourStop` it ends early once stop is set.
   void Drain(bool honourStop);
-  // Waits for a slot's filled flag: 100 x 10 ms. -1 when stop ended the wait.
+  // Waits for a slot's filled flag: 100 x 10 ms. After a stop it waits 200 ms more
+  // at most, then gives the slot up (-1).
   int WaitFilled(const TraceSlot& slot, uint32_t ticket, bool honourStop);
   void Flush(std::string& lines);
 

@@ -79,6 +79,19 @@ TEST(TraceLog, LinesCarryThePrefixTagAndMessage) {
   EXPECT_LE(parsed[0].counter, parsed[1].counter);
 }
 
+// A stop that comes while the writer waits for a line its producer is still
+// filling must not cost that line: the writer took its slot already.
+TEST(TraceLog, AStopRightAfterABurstKeepsEveryLine) {
+  for (int round = 0; round < 30; ++round) {
+    TracedFile file;
+    ASSERT_TRUE(file.Started());
+    constexpr int kLines = 2000;
+    for (int i = 0; i < kLines; ++i) Trace("B1@Burst: ", "line=%d", i);
+    const auto parsed = ParseAll(file.StopAndRead());
+    ASSERT_EQ(parsed.size(), static_cast<size_t>(kLines)) << "round " << round;
+  }
+}
+
 TEST(TraceLog, ManyThreadsBelowCapacityLoseNothingAndKeepTheirOrder) {
   TracedFile file;
   ASSERT_TRUE(file.Started());
