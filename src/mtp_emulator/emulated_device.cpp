@@ -307,7 +307,16 @@ int EmulatedDevice::ReadEvent(uint32_t length, std::vector<uint8_t>* in, std::ch
                               const std::function<bool()>& stop) {
   std::unique_lock<std::mutex> lock(m_);
   auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (events_.empty()) {
+  for (;;) {
+    if (!events_.empty()) {
+      // An event is taken only by a reader whose host is still there: one
+      // that closed its handle a moment ago would lose it.
+      lock.unlock();
+      const bool hostGone = stop();
+      lock.lock();
+      if (hostGone) return LIBUSB_ERROR_INTERRUPTED;
+      if (!events_.empty()) break;
+    }
     if (stopped_ || unplugged_) return LIBUSB_ERROR_NO_DEVICE;
     lock.unlock();
     bool hostGone = stop();

@@ -157,6 +157,9 @@ int EmulatorServer::Claim(int fd, bool claim) {
 
 void EmulatorServer::Serve(int fd) {
   auto stop = [this, fd] { return stop_.load() || PeerGone(fd); };
+  // Events go to the newest reader only: an older one belongs to a handle
+  // that is being closed, as a host opens the device again.
+  auto eventStop = [this, fd, stop] { return stop() || latestEventReader_.load() != fd; };
   for (;;) {
     WireRequest request;
     if (!RecvAll(fd, &request, sizeof request, stop_) || request.magic != kWireMagic) break;
@@ -189,7 +192,10 @@ void EmulatorServer::Serve(int fd) {
       }
       case WireOp::kTransfer: {
         uint32_t taken = 0;
-        int r = device_->Transfer(static_cast<uint8_t>(request.endpoint), request.length, out, &in, timeout, stop,
+        const bool eventRead = request.endpoint == kInterruptIn;
+        if (eventRead) latestEventReader_ = fd;
+        int r = device_->Transfer(static_cast<uint8_t>(request.endpoint), request.length, out, &in, timeout,
+                                  eventRead ? std::function<bool()>(eventStop) : std::function<bool()>(stop),
                                   &taken);
         status = r;
         ok = Reply(fd, r, in, taken);

@@ -40,6 +40,7 @@ class EmulatorServer {
   // The connection that claimed the interface (-1: none). usbfs lets one
   // program at a time claim an interface; so does the emulator.
   int claimedBy_ = -1;
+  std::atomic<int> latestEventReader_{-1};  // connection of the newest event read
 };
 
 }  // namespace qb::mtpemu
