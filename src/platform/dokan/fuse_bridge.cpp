@@ -131,7 +131,8 @@ void OnOpen(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
   Serve(req, "open", ino, [&](bool& replied) {
     Open* open = nullptr;
     bool keepData = false;
-    const int err = DriveOf(req).OpenFile(req, ino, fi->flags, &open, &keepData);
+    Drive& drive = DriveOf(req);  // a reply frees the request, also when it fails
+    const int err = drive.OpenFile(req, ino, fi->flags, &open, &keepData);
     replied = true;
     if (err) {
       fuse_reply_err(req, err);
@@ -139,7 +140,7 @@ void OnOpen(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
     }
     fi->fh = reinterpret_cast<uint64_t>(open);
     fi->keep_cache = keepData ? 1 : 0;
-    if (fuse_reply_open(req, fi) != 0) DriveOf(req).Abandon(open, false);
+    if (fuse_reply_open(req, fi) != 0) drive.Abandon(open, false);
   });
 }
 
@@ -147,7 +148,8 @@ void OnCreate(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t mode, 
   Serve(req, "create", parent, [&](bool& replied) {
     Open* open = nullptr;
     fuse_entry_param e{};
-    const int err = DriveOf(req).CreateFile(req, parent, name, mode, fi->flags, &e, &open);
+    Drive& drive = DriveOf(req);  // a reply frees the request, also when it fails
+    const int err = drive.CreateFile(req, parent, name, mode, fi->flags, &e, &open);
     replied = true;
     if (err) {
       fuse_reply_err(req, err);
@@ -155,7 +157,7 @@ void OnCreate(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t mode, 
     }
     fi->fh = reinterpret_cast<uint64_t>(open);
     fi->keep_cache = 0;
-    if (fuse_reply_create(req, &e, fi) != 0) DriveOf(req).Abandon(open, true);
+    if (fuse_reply_create(req, &e, fi) != 0) drive.Abandon(open, true);
   });
 }
 
@@ -201,14 +203,15 @@ void OnRelease(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
 void OnOpenDir(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
   Serve(req, "opendir", ino, [&](bool& replied) {
     Open* open = nullptr;
-    const int err = DriveOf(req).OpenDirectory(req, ino, &open);
+    Drive& drive = DriveOf(req);  // a reply frees the request, also when it fails
+    const int err = drive.OpenDirectory(req, ino, &open);
     replied = true;
     if (err) {
       fuse_reply_err(req, err);
       return;
     }
     fi->fh = reinterpret_cast<uint64_t>(open);
-    if (fuse_reply_open(req, fi) != 0) DriveOf(req).Abandon(open, false);
+    if (fuse_reply_open(req, fi) != 0) drive.Abandon(open, false);
   });
 }
 
