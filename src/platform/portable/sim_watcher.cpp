@@ -30,6 +30,9 @@ constexpr uint32_t kContentMask = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_W
 // writer's every write() does not become an event of its own.
 constexpr auto kModifyQuiet = std::chrono::milliseconds(100);
 constexpr int kIdlePollMs = 200;
+// A rename's IN_MOVED_TO follows its IN_MOVED_FROM at once, but a read can
+// fall between them; a move still unpaired after this long left the device.
+constexpr auto kMovePairing = std::chrono::milliseconds(50);
 
 bool IsUnder(const std::string& rel, const std::string& dir) {
   return rel.size() > dir.size() && rel.compare(0, dir.size(), dir) == 0 && rel[dir.size()] == '/';
@@ -84,9 +87,11 @@ void SimWatcher::Run() {
   std::vector<char> buf(64 * 1024);
   while (!stop_) {
     pollfd fds[2] = {{inotify_, POLLIN, 0}, {wake_, POLLIN, 0}};
-    const int timeout = modified_.empty() ? kIdlePollMs : static_cast<int>(kModifyQuiet.count());
+    const int timeout = !unpairedMoves_.empty() ? static_cast<int>(kMovePairing.count())
+                        : !modified_.empty()     ? static_cast<int>(kModifyQuiet.count())
+                                                 : kIdlePollMs;
     int n = poll(fds, 2, timeout);
-    if (n < 0 || (n == 0 && modified_.empty())) continue;
+    if (n < 0 || (n == 0 && modified_.empty() && unpairedMoves_.empty())) continue;
     std::shared_ptr<SimDeviceState> keep = weakState_.lock();
     if (!keep) break;
     state_ = keep.get();
@@ -103,6 +108,7 @@ void SimWatcher::Run() {
           if (!gone_) ProcessBatch(buf.data(), len);
         }
       }
+      if (!gone_) SettleMovesOut();
       if (!gone_) RaiseQuietModified();
     } catch (...) {
       Trace("SW1@SimWatcher::Run: ", "failure while raising events; going on");
@@ -175,7 +181,7 @@ void SimWatcher::Raise(const GUID& event, const std::string& id, const std::stri
 
 void SimWatcher::ProcessBatch(const char* buf, ssize_t len) {
   if (CheckDeviceGone()) return;
-  std::map<uint32_t, PendingMove> moves;
+  std::map<uint32_t, PendingMove>& moves = unpairedMoves_;
   for (const char* p = buf; p < buf + len;) {
     const auto* ev = reinterpret_cast<const inotify_event*>(p);
     p += sizeof(inotify_event) + ev->len;
@@ -210,7 +216,7 @@ void SimWatcher::ProcessBatch(const char* buf, ssize_t len) {
         Raise(WPD_EVENT_OBJECT_UPDATED, state_->IdForPath(rel), rel, dir);
     }
     if (ev->mask & IN_DELETE) OnDelete(rel, dir);
-    if (ev->mask & IN_MOVED_FROM) moves[ev->cookie] = PendingMove{rel, dir};
+    if (ev->mask & IN_MOVED_FROM) moves[ev->cookie] = PendingMove{rel, dir, std::chrono::steady_clock::now()};
     if (ev->mask & IN_MOVED_TO) {
       auto m = moves.find(ev->cookie);
       if (m != moves.end()) {
@@ -222,7 +228,19 @@ void SimWatcher::ProcessBatch(const char* buf, ssize_t len) {
       }
     }
   }
-  for (const auto& [cookie, m] : moves) OnDelete(m.rel, m.dir);  // moved out of the device
+}
+
+void SimWatcher::SettleMovesOut() {
+  const auto now = std::chrono::steady_clock::now();
+  for (auto it = unpairedMoves_.begin(); it != unpairedMoves_.end();) {
+    if (now - it->second.since < kMovePairing) {
+      ++it;
+      continue;
+    }
+    const PendingMove m = it->second;
+    it = unpairedMoves_.erase(it);
+    OnDelete(m.rel, m.dir);  // moved out of the device
+  }
 }
 
 void SimWatcher::RaiseQuietModified() {

@@ -46,6 +46,7 @@ class SimWatcher : public std::enable_shared_from_this<SimWatcher> {
   struct PendingMove {
     std::string rel;
     bool dir = false;
+    std::chrono::steady_clock::time_point since;  // when its IN_MOVED_FROM came
   };
   void Run();
   void DrainPosted();
@@ -54,6 +55,9 @@ class SimWatcher : public std::enable_shared_from_this<SimWatcher> {
   bool CheckDeviceGone();
   void Raise(const GUID& event, const std::string& id, const std::string& rel, bool folder);
   void RaiseQuietModified();
+  // Moves whose IN_MOVED_TO did not come within the pairing time left the
+  // device.
+  void SettleMovesOut();
   void MoveModified(const std::string& from, const std::string& to);
   void OnCreate(const std::string& rel, bool dir);
   void OnDelete(const std::string& rel, bool dir);
@@ -77,6 +81,9 @@ class SimWatcher : public std::enable_shared_from_this<SimWatcher> {
   // Files changed in place (data or modification time), not yet announced:
   // the time of the last change.
   std::map<std::string, std::chrono::steady_clock::time_point> modified_;
+  // IN_MOVED_FROM not yet paired with its IN_MOVED_TO, by cookie: the two
+  // halves of one rename can come in two reads.
+  std::map<uint32_t, PendingMove> unpairedMoves_;
   bool gone_ = false;
   // Under queueMutex_.
   std::mutex queueMutex_;
