@@ -89,6 +89,19 @@ NTSTATUS StatusOf(HRESULT hr) {
   return STATUS_UNSUCCESSFUL;
 }
 
+// The upload is over. Only a record that still carries its old id is this
+// upload's own: one the device's object took over in place is refilled
+// already, and a replaced file's record may serve another object by now.
+// Called with the drive lock held.
+void EndUploadOfOwnRecord(DirectoryItem* item, const UploadPlan& plan) {
+  if (plan.oldId != item->ItemIDText()) return;
+  item->bUploadPending = 0;
+  if (IsProvisional(item)) {
+    Trace(kTag, "DID:%s", item->ItemIDText());
+    item->bDeleted = 1;
+  }
+}
+
 // The upload did not happen: the content goes to the rescue folder, the
 // placeholder leaves the tree.
 NTSTATUS Fail(DriveState* state, DirectoryItem* item, const UploadPlan& plan, const std::string& path, HRESULT hr) {
@@ -98,15 +111,7 @@ NTSTATUS Fail(DriveState* state, DirectoryItem* item, const UploadPlan& plan, co
   const std::string rescued = hasContent ? RescueContent(state, plan.localPath, path, ReasonOf(hr)) : std::string();
   {
     CReadLock lock(&state->rDriveLock);
-    // The record may serve another object by now (a replaced file's record
-    // is free once its old object is gone): only its own flags change.
-    if (plan.oldId == item->ItemIDText()) {
-      item->bUploadPending = 0;
-      if (IsProvisional(item)) {
-        Trace(kTag, "DID:%s", item->ItemIDText());
-        item->bDeleted = 1;
-      }
-    }
+    EndUploadOfOwnRecord(item, plan);
     CCacheItem* entry = state->pCache->Find(plan.cacheName, plan.fileName);
     if (entry && (!hasContent || !rescued.empty())) state->pCache->Delete(&entry, 1);
   }
@@ -329,15 +334,7 @@ NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string
   if (!AwaitConfirmation(state, wait, kConfirmLimitMs)) RelistFolderById(state, plan.parentId);
   {
     CReadLock lock(&state->rDriveLock);
-    // A record that the device's object took over in place is already
-    // refilled; one that still carries its old id is this upload's own.
-    if (plan.oldId == item->ItemIDText()) {
-      item->bUploadPending = 0;
-      if (IsProvisional(item)) {
-        Trace(kTag, "DID:%s", item->ItemIDText());
-        item->bDeleted = 1;
-      }
-    }
+    EndUploadOfOwnRecord(item, plan);
   }
   if (state->llFreeBytes >= 0) RefreshDriveFreeSpace();
   plan.delayedWrite = FILETIME{};  // went with the upload

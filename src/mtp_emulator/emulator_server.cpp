@@ -12,20 +12,10 @@
 #include <cstring>
 #include <filesystem>
 
+#include "mtp_emulator/usb_wire.h"
+
 namespace qb::mtpemu {
 namespace {
-
-bool SendAll(int fd, const void* data, size_t size) {
-  auto p = static_cast<const uint8_t*>(data);
-  while (size > 0) {
-    ssize_t n = send(fd, p, size, MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    p += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
 
 // Reads the whole buffer; false when the peer went or `stop` was set.
 bool RecvAll(int fd, void* data, size_t size, const std::atomic<bool>& stop) {
@@ -55,7 +45,7 @@ bool Reply(int fd, int status, const std::vector<uint8_t>& data, uint32_t length
   WireReply reply;
   reply.status = status;
   reply.length = data.empty() ? length : static_cast<uint32_t>(data.size());
-  return SendAll(fd, &reply, sizeof reply) && (data.empty() || SendAll(fd, data.data(), data.size()));
+  return WireSendAll(fd, &reply, sizeof reply) && (data.empty() || WireSendAll(fd, data.data(), data.size()));
 }
 
 }  // namespace

@@ -6,8 +6,11 @@
 // never holds up another, as on a real bus.
 //
 // Every field is little-endian (both ends run on this machine).
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -64,6 +67,20 @@ inline std::string SocketDir() {
   if (const char* dir = std::getenv(kSocketDirVariable); dir && *dir) return dir;
   if (const char* run = std::getenv("XDG_RUNTIME_DIR"); run && *run) return std::string(run) + "/quillbox-mtp-emulator";
   return "/tmp/quillbox-mtp-emulator-" + std::to_string(getuid());
+}
+
+// Sends the whole buffer, as both ends write requests and replies; false
+// when the peer went.
+inline bool WireSendAll(int fd, const void* data, size_t size) {
+  auto p = static_cast<const uint8_t*>(data);
+  while (size > 0) {
+    const ssize_t n = send(fd, p, size, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    p += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
 }
 
 }  // namespace qb::mtpemu

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "drive/write_side.h"
+#include "support/files.h"
 #include "support/test_home.h"
 
 namespace {
@@ -20,12 +21,6 @@ class WriteSideTest : public ::testing::Test {
     SetDriveState(&state_);
   }
   void TearDown() override { SetDriveState(nullptr); }
-  static std::string Read(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
   qbtest::ScopedHome home_;
   DriveState state_;
 };
@@ -59,9 +54,9 @@ TEST_F(WriteSideTest, RescuedContentNeverReplacesAnEarlierRescue) {
   const std::string three = qb::drive::RescueContent(&state_, copy.string(), "\\DCIM\\a.jpg", "test");
   const fs::path folder = home_ / "local" / "Quillbox" / "Rescued" / "My_Phone" / "DCIM";
   EXPECT_EQ(fs::path(one), folder / "a.jpg");
-  EXPECT_EQ(Read(one), "first");
-  EXPECT_EQ(Read(two), "second");
-  EXPECT_EQ(Read(three), "third");
+  EXPECT_EQ(qbtest::ReadText(one), "first");
+  EXPECT_EQ(qbtest::ReadText(two), "second");
+  EXPECT_EQ(qbtest::ReadText(three), "third");
   EXPECT_NE(two, three);
   EXPECT_EQ(fs::path(two).parent_path(), folder);
   EXPECT_EQ(fs::path(two).extension(), ".jpg");

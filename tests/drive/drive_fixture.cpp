@@ -7,6 +7,7 @@
 
 #include "platform/dokan/dokan.h"
 #include "platform/dokan/dokan_linux.h"
+#include "support/files.h"
 
 namespace qbtest {
 
@@ -35,6 +36,15 @@ void DriveTest::WriteDeviceFile(const std::string& rel, const std::string& data)
   std::filesystem::create_directories((Storage() / rel).parent_path());
   std::ofstream out(Storage() / rel, std::ios::binary);
   out << data;
+}
+
+bool DriveTest::DeviceHolds(const std::string& rel, const std::string& data) {
+  return WaitUntil([&] { return std::filesystem::exists(Storage() / rel) && ReadText(Storage() / rel) == data; },
+                   kDeviceLimitMs);
+}
+
+bool DriveTest::DeviceLacks(const std::string& rel) {
+  return WaitUntil([&] { return !std::filesystem::exists(Storage() / rel); }, kDeviceLimitMs);
 }
 
 void DriveTest::MakeDeviceFile(const std::string& rel, size_t size, unsigned seed) {

@@ -19,6 +19,7 @@ class DriveTest : public ::testing::Test {
  protected:
   static constexpr char kLetter = 'Q';
   static constexpr const char* kDeviceName = "Drive Phone";
+  static constexpr int kDeviceLimitMs = 10000;  // a change on its way to the device
 
   void SetUp() override;
   void TearDown() override;
@@ -37,6 +38,10 @@ class DriveTest : public ::testing::Test {
   int Sh(const std::string& command, std::string* output = nullptr, int limitMs = kCommandLimitMs);
   void SetFaults(const qb::portable::sim::Faults& faults);
   std::string TraceText() const;
+  // True once the device's file holds exactly `data` / once it is gone
+  // (bounded by kDeviceLimitMs).
+  bool DeviceHolds(const std::string& rel, const std::string& data);
+  bool DeviceLacks(const std::string& rel);
   std::filesystem::path CacheFolder() const;
 
   ScopedHome home_;

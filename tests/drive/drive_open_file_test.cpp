@@ -12,13 +12,13 @@
 #include <sstream>
 
 #include "drive_fixture.h"
+#include "support/files.h"
 
 namespace qbtest {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kDeviceLimitMs = 10000;  // a change on its way to the device
 
 std::string Content(size_t size, char seed) {
   std::string text(size, '\0');
@@ -35,15 +35,6 @@ struct Fd {
 
 class DriveOpenFileTest : public DriveTest {
  protected:
-  std::string Read(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
-  bool DeviceHolds(const std::string& rel, const std::string& data) {
-    return WaitUntil([&] { return fs::exists(Storage() / rel) && Read(Storage() / rel) == data; }, kDeviceLimitMs);
-  }
   std::string PreadAll(int fd, size_t size, off_t offset) {
     std::string out(size, '\0');
     size_t done = 0;

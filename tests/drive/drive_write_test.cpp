@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "drive_fixture.h"
+#include "support/files.h"
 
 namespace qbtest {
 namespace {
@@ -17,23 +18,9 @@ namespace sim = qb::portable::sim;
 namespace fs = std::filesystem;
 
 const char kSums[] = "find . -type f ! -name .storage.ini -print0 | sort -z | xargs -0 -r sha256sum";
-constexpr int kDeviceLimitMs = 10000;  // a change on its way to the device
 
 class DriveWriteTest : public DriveTest {
  protected:
-  std::string Read(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
-  // True once the device's file holds exactly `data`.
-  bool DeviceHolds(const std::string& rel, const std::string& data) {
-    return WaitUntil([&] { return fs::exists(Storage() / rel) && Read(Storage() / rel) == data; }, kDeviceLimitMs);
-  }
-  bool DeviceLacks(const std::string& rel) {
-    return WaitUntil([&] { return !fs::exists(Storage() / rel); }, kDeviceLimitMs);
-  }
   fs::path Rescued() const { return home_ / "local" / "Quillbox" / "Rescued" / kDeviceName; }
   std::string Simdev() const { return Quote((BinDir() / "quillbox-simdev").string()); }
   // Rewrites the device with a storage of `freeBytes` free.
@@ -101,21 +88,21 @@ TEST_F(DriveWriteTest, FoldersDeletesRenamesAndMovesHappenOnTheDevice) {
   EXPECT_FALSE(fs::exists(Storage() / "tree"));
   // Rename in a folder, move across folders, rename over an existing file.
   ASSERT_EQ(Sh("mv \"$D/a/one.txt\" \"$D/a/uno.txt\" 2>&1", &out), 0) << out;
-  EXPECT_EQ(Read(Storage() / "a" / "uno.txt"), "1");
+  EXPECT_EQ(ReadText(Storage() / "a" / "uno.txt"), "1");
   ASSERT_EQ(Sh("mv \"$D/a/uno.txt\" \"$D/b/moved.txt\" 2>&1", &out), 0) << out;
-  EXPECT_EQ(Read(Storage() / "b" / "moved.txt"), "1");
+  EXPECT_EQ(ReadText(Storage() / "b" / "moved.txt"), "1");
   EXPECT_FALSE(fs::exists(Storage() / "a" / "uno.txt"));
   ASSERT_EQ(Sh("mv \"$D/b/moved.txt\" \"$D/b/keep.txt\" 2>&1", &out), 0) << out;
-  EXPECT_EQ(Read(Storage() / "b" / "keep.txt"), "1");
+  EXPECT_EQ(ReadText(Storage() / "b" / "keep.txt"), "1");
   EXPECT_FALSE(fs::exists(Storage() / "b" / "moved.txt"));
   // A folder moves with its content.
   ASSERT_EQ(Sh("mv \"$D/b\" \"$D/new/deep/\" 2>&1 && ls \"$D/new/deep/b\"", &out), 0) << out;
   EXPECT_EQ(out, "keep.txt\n");
-  EXPECT_EQ(Read(Storage() / "new" / "deep" / "b" / "keep.txt"), "1");
+  EXPECT_EQ(ReadText(Storage() / "new" / "deep" / "b" / "keep.txt"), "1");
   // A folder renamed in its folder keeps its content.
   ASSERT_EQ(Sh("mv \"$D/new/deep/b\" \"$D/new/deep/c\" 2>&1 && cat \"$D/new/deep/c/keep.txt\"", &out), 0) << out;
   EXPECT_EQ(out, "1");
-  EXPECT_EQ(Read(Storage() / "new" / "deep" / "c" / "keep.txt"), "1");
+  EXPECT_EQ(ReadText(Storage() / "new" / "deep" / "c" / "keep.txt"), "1");
   ASSERT_EQ(Sh("cd \"$D\" && find . | sort", &out), 0);
   EXPECT_EQ(out, ".\n./a\n./new\n./new/deep\n./new/deep/c\n./new/deep/c/keep.txt\n");
 }
@@ -196,7 +183,7 @@ TEST_F(DriveWriteTest, DeviceThatRefusesWritesRefusesEveryChange) {
     EXPECT_NE(Sh("{ " + std::string(change) + "; } 2>&1", &out), 0) << change;
     EXPECT_NE(out.find("ermission denied"), std::string::npos) << change << ": " << out;
   }
-  EXPECT_EQ(Read(Storage() / "a" / "f.txt"), "f");
+  EXPECT_EQ(ReadText(Storage() / "a" / "f.txt"), "f");
   ASSERT_EQ(Sh("cd \"$S\" && find . ! -name .storage.ini | sort", &out), 0);
   EXPECT_EQ(out, ".\n./a\n./a/f.txt\n");
 }
@@ -230,13 +217,13 @@ TEST_F(DriveWriteTest, FailedTransferKeepsTheContentInTheRescueFolderAndFsyncRep
   // fsync uploads at once and reports the failure to the program.
   EXPECT_NE(Sh("dd if=" + Quote(src) + " of=\"$D/doc/synced.bin\" bs=64k conv=fsync 2>&1", &out), 0) << out;
   EXPECT_TRUE(WaitUntil([&] { return fs::exists(Rescued() / "doc" / "synced.bin"); }, kDeviceLimitMs));
-  EXPECT_TRUE(Read(Rescued() / "doc" / "synced.bin") == Read(src));
+  EXPECT_TRUE(ReadText(Rescued() / "doc" / "synced.bin") == ReadText(src));
   // Without fsync the close succeeds; the content is rescued all the same,
   // next to the earlier one, with the time in its name.
   ASSERT_EQ(Sh("cp " + Quote(src) + " \"$D/doc/synced.bin\" 2>&1", &out), 0) << out;
   EXPECT_TRUE(WaitUntil([&] { return std::distance(fs::directory_iterator(Rescued() / "doc"), {}) == 2; },
                         kDeviceLimitMs));
-  for (const auto& entry : fs::directory_iterator(Rescued() / "doc")) EXPECT_TRUE(Read(entry.path()) == Read(src)) << entry.path();
+  for (const auto& entry : fs::directory_iterator(Rescued() / "doc")) EXPECT_TRUE(ReadText(entry.path()) == ReadText(src)) << entry.path();
   EXPECT_FALSE(fs::exists(Storage() / "doc" / "synced.bin"));
   EXPECT_TRUE(fs::is_empty(device_ / ".partial") || !fs::exists(device_ / ".partial"));
   // The rescue folder outlives the unmount; the trace names it.
@@ -257,7 +244,7 @@ TEST_F(DriveWriteTest, ContentOfAnOfflineDeviceIsRescued) {
             0)
       << out;
   EXPECT_TRUE(WaitUntil([&] { return fs::exists(Rescued() / "note.txt"); }, kDeviceLimitMs));
-  EXPECT_EQ(Read(Rescued() / "note.txt"), "written before\n");
+  EXPECT_EQ(ReadText(Rescued() / "note.txt"), "written before\n");
 }
 
 TEST_F(DriveWriteTest, DeviceRemovedDuringAnUploadKeepsTheContent) {
@@ -276,7 +263,7 @@ TEST_F(DriveWriteTest, DeviceRemovedDuringAnUploadKeepsTheContent) {
             0)
       << out;
   EXPECT_TRUE(WaitUntil([&] { return fs::exists(Rescued() / "slow.bin"); }, kDeviceLimitMs));
-  EXPECT_TRUE(Read(Rescued() / "slow.bin") == Read(src));
+  EXPECT_TRUE(ReadText(Rescued() / "slow.bin") == ReadText(src));
   EXPECT_FALSE(fs::exists(Storage() / "slow.bin"));
 }
 
@@ -295,7 +282,7 @@ TEST_F(DriveWriteTest, FileStillOpenWhenTheInstanceEndsIsRescued) {
   EXPECT_EQ(Unmount(), 0);
   Sh("kill $(cat " + pid + ")");
   ASSERT_TRUE(fs::exists(Rescued() / "held.txt"));
-  EXPECT_EQ(Read(Rescued() / "held.txt"), "still open\n");
+  EXPECT_EQ(ReadText(Rescued() / "held.txt"), "still open\n");
 }
 
 // Every upload is confirmed by the device's report of the new object; that

@@ -43,18 +43,6 @@ int ConnectTo(const std::string& path) {
   return fd;
 }
 
-bool SendAll(int fd, const void* data, size_t size) {
-  auto p = static_cast<const uint8_t*>(data);
-  while (size > 0) {
-    ssize_t n = send(fd, p, size, MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    p += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
 // Waits at most `limitMs` (-1: no limit) for the whole buffer.
 bool RecvAll(int fd, void* data, size_t size, int limitMs) {
   auto p = static_cast<uint8_t*>(data);
@@ -111,7 +99,7 @@ int Pipe::Exchange(const WireRequest& request, const void* out, std::vector<uint
   // stopped answering altogether.
   int limitMs = request.timeoutMs ? static_cast<int>(request.timeoutMs) + 5000 : -1;
   WireReply reply;
-  bool ok = SendAll(fd, &request, sizeof request) && (!sendsData || SendAll(fd, out, request.length)) &&
+  bool ok = WireSendAll(fd, &request, sizeof request) && (!sendsData || WireSendAll(fd, out, request.length)) &&
             RecvAll(fd, &reply, sizeof reply, limitMs);
   if (ok && !sendsData && reply.length > 0) {
     if (!in) return LIBUSB_ERROR_OTHER;
@@ -135,7 +123,7 @@ bool Describe(const std::string& socketPath, WireDescription* description, std::
   WireRequest request;
   request.op = static_cast<uint32_t>(WireOp::kDescribe);
   WireReply reply;
-  bool ok = SendAll(fd, &request, sizeof request) && RecvAll(fd, &reply, sizeof reply, 5000) && reply.status == 0 &&
+  bool ok = WireSendAll(fd, &request, sizeof request) && RecvAll(fd, &reply, sizeof reply, 5000) && reply.status == 0 &&
             reply.length >= sizeof *description && RecvAll(fd, description, sizeof *description, 5000) &&
             description->version == kWireVersion && reply.length == sizeof *description + description->configLength;
   if (ok) {
