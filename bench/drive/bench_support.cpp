@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -45,6 +46,12 @@ double Timed(const std::string& command) {
   const double t = Now();
   if (Run(command) != 0) std::fprintf(stderr, "bench_drive: failed: %s\n", command.substr(0, 200).c_str());
   return Now() - t;
+}
+
+double Median(std::vector<double> values) {
+  if (values.empty()) return 0;
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
 }
 
 void MakeDevice(const std::string& folder) {

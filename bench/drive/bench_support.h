@@ -18,6 +18,7 @@ double Now();
 int Run(const std::string& command);
 std::string Capture(const std::string& command);
 double Timed(const std::string& command);
+double Median(std::vector<double> values);  // 0 for none
 
 void MakeDevice(const std::string& folder);
 std::string Storage(const std::string& folder);  // storage folder of a bench device
