@@ -196,6 +196,15 @@ struct DriveState {
 
   // --- Free space (Volume information). ---
   std::atomic<int64_t> llFreeBytes{-1};  // storage's free bytes, -1 unknown
+  // Whether llFreeBytes is the device's own figure or one the drive worked
+  // out after its own uploads (refreshed from the device at most once a
+  // second during a run of uploads, and always before a write is refused).
+  std::atomic<bool> bFreeBytesEstimated{false};
+  std::atomic<uint64_t> ullFreeBytesReadMs{0};  // monotonic ms of the device's last figure
+
+  // --- The device's answer to "write supported", kept from one open to the
+  // next (each open asks again): -1 not asked, 0 refused, 1 supported. ---
+  std::atomic<int> nWriteSupported{-1};
 
   // --- Download queue and worker. ---
   std::mutex hDownloadQueueMutex;              // guards DownloadQueue
