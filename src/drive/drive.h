@@ -196,10 +196,9 @@ struct DriveState {
 
   // --- Free space (Volume information). ---
   std::atomic<int64_t> llFreeBytes{-1};  // storage's free bytes, -1 unknown
-  // Whether llFreeBytes is the device's own figure or one the drive worked
-  // out after its own uploads (refreshed from the device at most once a
-  // second during a run of uploads, and always before a write is refused).
-  std::atomic<bool> bFreeBytesEstimated{false};
+  // llFreeBytes is read from the device at most once a second during a run
+  // of uploads (worked out from the uploads in between) and always before
+  // a write is refused.
   std::atomic<uint64_t> ullFreeBytesReadMs{0};  // monotonic ms of the device's last figure
 
   // --- The device's answer to "write supported", kept from one open to the

@@ -97,7 +97,6 @@ NTSTATUS QuillboxGetDiskFreeSpace(PULONGLONG FreeBytesAvailable, PULONGLONG Tota
   if (TotalNumberOfBytes) *TotalNumberOfBytes = capacity;
   if (TotalNumberOfFreeBytes) *TotalNumberOfFreeBytes = free;
   state->llFreeBytes = known ? static_cast<int64_t>(free) : -1;
-  state->bFreeBytesEstimated = false;
   state->ullFreeBytesReadMs = qb::sys::GetTickCount64();
   return TraceStatus(tag, known ? STATUS_SUCCESS : ToNtStatus(50));
 }
@@ -125,7 +124,6 @@ void NoteUploadedBytes(DriveState* state, int64_t grown) {
     return;
   }
   state->llFreeBytes = std::max<int64_t>(free - grown, 0);
-  state->bFreeBytesEstimated = true;
   Trace("M62@NoteUploadedBytes: ", "%lld [%lld]", static_cast<long long>(grown),
         static_cast<long long>(state->llFreeBytes.load()));
 }
