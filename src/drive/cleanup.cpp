@@ -302,11 +302,10 @@ NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string
   struct stat st {};
   if (::stat(plan.localPath.c_str(), &st) != 0) return Fail(state, item, plan, path, E_FAIL);
   const uint64_t size = static_cast<uint64_t>(st.st_size);
-  const int64_t free = state->llFreeBytes;
   // Checked before the old object goes, so that a file that cannot fit
   // leaves the device as it was.
-  if (free >= 0 && size > static_cast<uint64_t>(free) + (plan.replace ? static_cast<uint64_t>(plan.oldSize) : 0))
-    return Fail(state, item, plan, path, kDiskFull);
+  const uint64_t freed = plan.replace ? static_cast<uint64_t>(plan.oldSize) : 0;
+  if (!FitsFreeSpace(state, size > freed ? size - freed : 0)) return Fail(state, item, plan, path, kDiskFull);
   if (plan.replace) {
     const HRESULT hr = DeleteOnDevice(state, item, path, true);
     if (FAILED(hr)) return Fail(state, item, plan, path, hr);
@@ -336,7 +335,7 @@ NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string
     CReadLock lock(&state->rDriveLock);
     EndUploadOfOwnRecord(item, plan);
   }
-  if (state->llFreeBytes >= 0) RefreshDriveFreeSpace();
+  NoteUploadedBytes(state, static_cast<int64_t>(size) - static_cast<int64_t>(freed));
   plan.delayedWrite = FILETIME{};  // went with the upload
   ApplyAfterUpload(state, plan, path);
   RefreshShell(state, SHCNE_UPDATEITEM, path);

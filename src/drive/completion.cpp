@@ -157,8 +157,19 @@ void RenameItem(DriveState* state, DirectoryItem* item, const std::string& fullN
     RenameCopy(state, item, oldCacheName, oldFileName);
 }
 
+bool WriteSupported(DriveState* state) {
+  int answer = state->nWriteSupported;
+  if (answer < 0) {
+    answer = state->pHelper && SUCCEEDED(state->pHelper->IsWriteSupported()) ? 1 : 0;
+    state->nWriteSupported = answer;
+  }
+  return answer == 1;
+}
+
+void ForgetWriteAnswer(DriveState* state) { state->nWriteSupported = -1; }
+
 bool WriteAllowed(DriveState* state) {
-  if (state->pHelper && SUCCEEDED(state->pHelper->IsWriteSupported())) return true;
+  if (WriteSupported(state)) return true;
   Trace("M74@WriteAllowed: ", "Write access not supported");
   return false;
 }

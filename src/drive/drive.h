@@ -196,6 +196,14 @@ struct DriveState {
 
   // --- Free space (Volume information). ---
   std::atomic<int64_t> llFreeBytes{-1};  // storage's free bytes, -1 unknown
+  // llFreeBytes is read from the device at most once a second during a run
+  // of uploads (worked out from the uploads in between) and always before
+  // a write is refused.
+  std::atomic<uint64_t> ullFreeBytesReadMs{0};  // monotonic ms of the device's last figure
+
+  // --- The device's answer to "write supported", kept from one open to the
+  // next (each open asks again): -1 not asked, 0 refused, 1 supported. ---
+  std::atomic<int> nWriteSupported{-1};
 
   // --- Download queue and worker. ---
   std::mutex hDownloadQueueMutex;              // guards DownloadQueue

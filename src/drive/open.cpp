@@ -62,7 +62,7 @@ NTSTATUS PrepareWriteOpen(DriveState* state, OpenRequest& r, DirectoryItem*& ite
   if (!item) {
     if (r.disposition == TRUNCATE_EXISTING) return TraceStatus(kTag, STATUS_OBJECT_NAME_NOT_FOUND, 14);
     if (r.disposition == OPEN_EXISTING) return STATUS_PENDING_NOT_FOUND;
-    if (r.disposition == CREATE_NEW && state->pHelper && FAILED(state->pHelper->IsWriteSupported())) {
+    if (r.disposition == CREATE_NEW && state->pHelper && !WriteSupported(state)) {
       Trace(kTag, "Write access not supported");
       return TraceStatus(kTag, STATUS_ACCESS_DENIED, 13);
     }
@@ -188,6 +188,9 @@ NTSTATUS QuillboxCreateFile(LPCWSTR FileName, PDOKAN_IO_SECURITY_CONTEXT, ACCESS
                             ULONG CreateOptions, PDOKAN_FILE_INFO DokanFileInfo) {
   DriveState* state = GetDriveState();
   if (!state || !state->pDirectory) return STATUS_UNSUCCESSFUL;
+  // Every open asks the device afresh whether it takes writes; the changes
+  // made through this open until the next one use that answer.
+  ForgetWriteAnswer(state);
   OpenRequest r;
   r.path = FileName ? FileName : "";
   r.options = CreateOptions;

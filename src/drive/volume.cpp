@@ -1,4 +1,5 @@
 // Volume information and free space.
+#include <algorithm>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
@@ -6,7 +7,8 @@
 
 #include "common/strings.h"
 #include "diag/trace.h"
-#include "drive/drive_internal.h"
+#include "drive/write_side.h"
+#include "platform/system/clock.h"
 
 using namespace qb::drive;
 
@@ -95,7 +97,35 @@ NTSTATUS QuillboxGetDiskFreeSpace(PULONGLONG FreeBytesAvailable, PULONGLONG Tota
   if (TotalNumberOfBytes) *TotalNumberOfBytes = capacity;
   if (TotalNumberOfFreeBytes) *TotalNumberOfFreeBytes = free;
   state->llFreeBytes = known ? static_cast<int64_t>(free) : -1;
+  state->ullFreeBytesReadMs = qb::sys::GetTickCount64();
   return TraceStatus(tag, known ? STATUS_SUCCESS : ToNtStatus(50));
 }
 
 void RefreshDriveFreeSpace() { QuillboxGetDiskFreeSpace(nullptr, nullptr, nullptr, nullptr); }
+
+namespace qb::drive {
+
+bool FitsFreeSpace(DriveState* state, uint64_t bytes) {
+  if (state->llFreeBytes < 0 || bytes <= static_cast<uint64_t>(state->llFreeBytes.load())) return true;
+  // The stored figure may be the drive's own estimate, or older than room
+  // that others made since: a refusal rests on the device's figure.
+  RefreshDriveFreeSpace();
+  const int64_t free = state->llFreeBytes;
+  return free < 0 || bytes <= static_cast<uint64_t>(free);
+}
+
+void NoteUploadedBytes(DriveState* state, int64_t grown) {
+  const int64_t free = state->llFreeBytes;
+  if (free < 0) return;
+  // A run of uploads asks the device once a second, not once a file (each
+  // question waits behind the request worker's queue).
+  if (qb::sys::GetTickCount64() - state->ullFreeBytesReadMs >= kFreeSpaceReadEveryMs) {
+    RefreshDriveFreeSpace();
+    return;
+  }
+  state->llFreeBytes = std::max<int64_t>(free - grown, 0);
+  Trace("M62@NoteUploadedBytes: ", "%lld [%lld]", static_cast<long long>(grown),
+        static_cast<long long>(state->llFreeBytes.load()));
+}
+
+}  // namespace qb::drive

@@ -101,9 +101,9 @@ NTSTATUS QuillboxWriteFile(LPCWSTR FileName, LPCVOID Buffer, DWORD Length, LPDWO
   }
   const uint64_t start = DokanFileInfo && DokanFileInfo->WriteToEndOfFile ? static_cast<uint64_t>(LocalSize(fd))
                                                                            : static_cast<uint64_t>(Offset);
-  const int64_t free = state->llFreeBytes;
-  Trace(kTagWrite, "%llu [%lld]", static_cast<unsigned long long>(start + Length), static_cast<long long>(free));
-  if (free >= 0 && start + Length > static_cast<uint64_t>(free)) {
+  Trace(kTagWrite, "%llu [%lld]", static_cast<unsigned long long>(start + Length),
+        static_cast<long long>(state->llFreeBytes.load()));
+  if (!FitsFreeSpace(state, start + Length)) {
     Trace(kTagWrite, "Device full");
     NoteRefusedWrite(item);
     ::close(fd);

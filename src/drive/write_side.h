@@ -38,7 +38,22 @@ void RelistFolderById(DriveState* state, const std::string& folderId);
 void RelistFolderOfPath(DriveState* state, const std::string& path);
 
 // Whether the device accepts changes; logs "Write access not supported".
+// The device's answer is kept until the next open (ForgetWriteAnswer): a
+// program's run of writes through one open asks the device once.
 bool WriteAllowed(DriveState* state);
+// The same without the log line.
+bool WriteSupported(DriveState* state);
+void ForgetWriteAnswer(DriveState* state);
+
+// Free space (volume.cpp). Whether `bytes` fit in the storage's free space
+// (always, while it is unknown); a figure that says no is read from the
+// device again first.
+bool FitsFreeSpace(DriveState* state, uint64_t bytes);
+// After an upload that took `grown` bytes more of the storage: the stored
+// free space follows, read from the device when its figure is older than
+// kFreeSpaceReadEveryMs, else worked out.
+constexpr uint64_t kFreeSpaceReadEveryMs = 1000;
+void NoteUploadedBytes(DriveState* state, int64_t grown);
 
 // Deletes the item's device object and waits for the confirmation (the
 // item goes pending-delete meanwhile, unless its own new content replaces

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
 
 #include "drive_fixture.h"
@@ -24,10 +25,14 @@ class DriveWriteTest : public DriveTest {
   fs::path Rescued() const { return home_ / "local" / "Quillbox" / "Rescued" / kDeviceName; }
   std::string Simdev() const { return Quote((BinDir() / "quillbox-simdev").string()); }
   // Rewrites the device with a storage of `freeBytes` free.
-  void SetFreeSpace(uint64_t freeBytes) {
+  void SetFreeSpace(uint64_t freeBytes) { SetStorageSpace(8ull << 30, freeBytes); }
+  // A storage of `capacity` bytes whose free space is stated, or without
+  // one worked out from its content as it fills.
+  void SetStorageSpace(uint64_t capacity, std::optional<uint64_t> freeBytes) {
     sim::DeviceSpec spec;
     std::string error;
     ASSERT_TRUE(sim::ReadDevice(device_, &spec, &error)) << error;
+    spec.storages[0].capacity = capacity;
     spec.storages[0].freeSpace = freeBytes;
     ASSERT_TRUE(sim::WriteDevice(spec, &error)) << error;
   }
@@ -169,6 +174,31 @@ TEST_F(DriveWriteTest, WriteBeyondFreeSpaceFailsWithEnospcAndLeavesNothingHalfWr
   EXPECT_FALSE(fs::exists(Storage() / "huge.bin"));
 }
 
+// A run of uploads reads the storage's free space from the device about
+// once a second and works it out in between; a write is still refused
+// exactly where the device's own figure says so: beyond what the uploads
+// left, and never before room that others made on the device.
+TEST_F(DriveWriteTest, FreeSpaceAfterARunOfUploadsIsTheDevicesFigure) {
+  SetStorageSpace(1000000, std::nullopt);
+  const fs::path source = home_ / "run";
+  fs::create_directories(source);
+  for (int i = 0; i < 10; ++i) std::ofstream(source / ("f" + std::to_string(i))) << std::string(60000, 'a' + i);
+  ASSERT_TRUE(Mount());
+  std::string out;
+  ASSERT_EQ(Sh("cp -r " + Quote(source.string()) + " \"$D/\" 2>&1", &out), 0) << out;
+  ASSERT_TRUE(DeviceHolds("run/f9", std::string(60000, 'j')));
+  // About 400,000 bytes are left; the figure before the run was 1,000,000.
+  EXPECT_NE(Sh("{ head -c 500000 /dev/zero > \"$D/over.bin\"; } 2>&1", &out), 0);
+  EXPECT_NE(out.find("No space left"), std::string::npos) << out;
+  EXPECT_TRUE(DeviceLacks("over.bin"));
+  // Others make room on the device: it counts at once.
+  for (int i = 0; i < 5; ++i) fs::remove(Storage() / "run" / ("f" + std::to_string(i)));
+  ASSERT_EQ(Sh("head -c 500000 /dev/zero > \"$D/fits.bin\" 2>&1", &out), 0) << out;
+  EXPECT_TRUE(DeviceHolds("fits.bin", std::string(500000, '\0')));
+  ASSERT_EQ(Sh("df -B1 --output=avail \"$D\" | tail -1", &out), 0);
+  EXPECT_LT(std::stoll(out), 200000) << out;
+}
+
 TEST_F(DriveWriteTest, DeviceThatRefusesWritesRefusesEveryChange) {
   WriteDeviceFile("a/f.txt", "f");
   ASSERT_TRUE(Mount());
@@ -283,6 +313,38 @@ TEST_F(DriveWriteTest, FileStillOpenWhenTheInstanceEndsIsRescued) {
   Sh("kill $(cat " + pid + ")");
   ASSERT_TRUE(fs::exists(Rescued() / "held.txt"));
   EXPECT_EQ(ReadText(Rescued() / "held.txt"), "still open\n");
+}
+
+// The end of an open (its upload) runs beside the kernel's next requests;
+// whatever a program then does with the file waits for it, so the device
+// ends as the program left its files.
+TEST_F(DriveWriteTest, ChangesRightAfterACloseComeAfterItsUpload) {
+  SetStorageSpace(10000000, std::nullopt);
+  ASSERT_TRUE(Mount());
+  std::string out;
+  ASSERT_EQ(Sh("ls \"$D\" >/dev/null"), 0);
+  sim::Faults slow;
+  slow.rate = 1000000;  // each upload below takes about half a second
+  SetFaults(slow);
+  // df right after a close shows the space its upload took.
+  ASSERT_EQ(Sh("head -c 500000 /dev/urandom > \"$D/first.bin\" && df -B1 --output=avail \"$D\" | tail -1", &out), 0);
+  EXPECT_LE(std::stoll(out), 9500000) << out;
+  ASSERT_EQ(Sh("head -c 500000 /dev/urandom > \"$D/gone.bin\" && rm \"$D/gone.bin\" && "
+               "head -c 500000 /dev/urandom > \"$D/a.bin\" && mv \"$D/a.bin\" \"$D/b.bin\" && "
+               "wc -c < \"$D/b.bin\" && ls \"$D\" 2>&1",
+               &out),
+            0)
+      << out;
+  EXPECT_EQ(out.rfind("500000\n", 0), 0u) << out;
+  EXPECT_NE(out.find("b.bin"), std::string::npos) << out;
+  EXPECT_EQ(out.find("a.bin"), std::string::npos) << out;
+  EXPECT_EQ(out.find("gone.bin"), std::string::npos) << out;
+  SetFaults({});
+  EXPECT_TRUE(WaitUntil([&] { return fs::exists(Storage() / "b.bin") && fs::file_size(Storage() / "b.bin") == 500000; },
+                        kDeviceLimitMs));
+  EXPECT_TRUE(DeviceLacks("a.bin"));
+  EXPECT_FALSE(fs::exists(Storage() / "gone.bin"));
+  EXPECT_FALSE(fs::exists(Rescued()));
 }
 
 // Every upload is confirmed by the device's report of the new object; that

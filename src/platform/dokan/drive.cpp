@@ -49,6 +49,7 @@ Drive::Drive(char letter, DOKAN_OPTIONS* options, const DOKAN_OPERATIONS& operat
 }
 
 Drive::~Drive() {
+  StopCloser();
   StopNotifier();
   CloseRemainingOpens();
 }
@@ -82,10 +83,12 @@ int Drive::Run() {
   claim->WriteRecord({getpid(), 0, connection_, options_->Options});
   RegisterDrive(letter_, this);
   StartNotifier();
+  StartCloser();
   DOKAN_FILE_INFO info{};
   info.DokanOptions = options_;
   table_.Mounted(options_->MountPoint ? options_->MountPoint : "", &info);
   Serve();
+  StopCloser();
   UnregisterDrive(letter_);
   StopNotifier();
   TearDown();
@@ -180,9 +183,10 @@ bool Drive::Unregister(Open* open) {
 
 // Cleanup and CloseFile of an open that nobody can find any more; a
 // request that borrowed it finishes its call first.
-void Drive::CloseOpen(Open* open) {
+void Drive::CloseOpen(Open* open) { CloseOpenAs(open, PathOrRoot(open->node)); }
+
+void Drive::CloseOpenAs(Open* open, const std::string& path) {
   std::unique_lock wait(open->lent);
-  const std::string path = PathOrRoot(open->node);
   table_.Cleanup(path, &open->info);
   table_.Close(path, &open->info);
   wait.unlock();

@@ -7,8 +7,10 @@
 //   ActiveDrives' registry mutex (dokan_linux.cpp) -> notifyMutex_;
 //   opensMutex_ -> Open::lent (shared; taken there only for listed opens,
 //   which nobody holds exclusively, so it never waits);
-//   opensMutex_, Open::mutex and the node table's mutex are leaves: no
-//   operation of the table is ever called while one of them is held.
+//   opensMutex_, Open::mutex, closeMutex_ and the node table's mutex are
+//   leaves: no operation of the table is ever called while one of them is
+//   held. A request waits for the closing thread (AwaitClosed) before it
+//   takes any of them or calls the table.
 //   Open::lent is held across one table call: shared by a request that
 //   borrowed the open, exclusively by its Cleanup and CloseFile.
 #define FUSE_USE_VERSION 312
@@ -23,6 +25,7 @@
 #include <string>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "platform/dokan/attributes.h"
@@ -116,6 +119,18 @@ class Drive {
 
   int Mount();
   void Serve();
+  // The end of an open (drive_closing.cpp). Cleanup and CloseFile of a
+  // release run on the closing thread, in release order: a release may
+  // upload a whole file, and the kernel's next request (the next file of a
+  // copy) need not wait for that. A request that touches a node whose end
+  // is still to run, or that changes or lists names, waits for it first, so
+  // that every program sees the same order of events as with one thread.
+  void StartCloser();
+  void StopCloser();  // runs what is queued first
+  void QueueClose(Open* open);
+  void AwaitClosed(uint64_t node);  // 0: nothing to wait for
+  void AwaitAllClosed();
+  void CloserLoop();
   void TearDown();
   void CloseRemainingOpens();
   void StartNotifier();
@@ -130,6 +145,9 @@ class Drive {
   // Withdraws an open from the drive's lists; false when it was not there.
   bool Unregister(Open* open);
   void CloseOpen(Open* open);
+  // With the path the open had when it was released (its node may be
+  // forgotten by the time the closing thread gets to it).
+  void CloseOpenAs(Open* open, const std::string& path);
   Borrowed Borrow(uint64_t node);
   NTSTATUS OpenTemp(fuse_req_t req, const std::string& path, ACCESS_MASK access, ULONG options,
                     bool directory, TempHandle* handle);
@@ -169,6 +187,14 @@ class Drive {
   std::set<Open*> opens_;  // owned; freed by Release, Abandon or the teardown
   std::unordered_multimap<uint64_t, Open*> opensOfNode_;
 
+  // Leaf lock: nothing is called while it is held.
+  std::mutex closeMutex_;  // guards the four fields below
+  std::condition_variable closeWake_, closeDone_;
+  std::deque<std::pair<Open*, std::string>> closeQueue_;  // released, not yet closed; with their paths
+  std::unordered_multiset<uint64_t> closingNodes_;  // nodes of the queued and the running end
+  bool closeStop_ = false;
+  std::thread closer_;
+
   std::mutex notifyMutex_;  // guards the three fields below
   std::condition_variable notifyWake_;
   std::deque<std::pair<std::string, std::shared_ptr<InvalidationTicket>>> notifyQueue_;
@@ -179,8 +205,10 @@ class Drive {
 
 // The FUSE operation table of the bridge (fuse_bridge.cpp).
 const fuse_lowlevel_ops& BridgeOperations();
-// True while this thread answers a kernel request.
+// True while this thread answers a kernel request (the closing thread
+// always counts as answering one).
 bool InsideRequest();
+void MarkRequestThread();
 
 // Drives served by this process, by letter (dokan_linux.cpp).
 void RegisterDrive(char letter, Drive* drive);

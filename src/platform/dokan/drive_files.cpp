@@ -25,6 +25,7 @@ ContentStamp StampOf(const BY_HANDLE_FILE_INFORMATION& info) {
 }  // namespace
 
 int Drive::OpenFile(fuse_req_t req, uint64_t node, int flags, Open** out, bool* keepData) {
+  AwaitClosed(node);
   std::string path;
   if (int err = NamedPathOf(node, &path)) return err;
   auto open = std::make_unique<Open>();
@@ -50,6 +51,7 @@ int Drive::OpenFile(fuse_req_t req, uint64_t node, int flags, Open** out, bool* 
 int Drive::CreateFile(fuse_req_t req, uint64_t parent, const char* name, mode_t mode, int flags,
                       fuse_entry_param* e, Open** out) {
   if (!UsableName(name)) return EINVAL;
+  AwaitClosed(nodes_.Find(parent, name));
   std::string path;
   if (int err = ChildPath(parent, name, &path)) return err;
   auto open = std::make_unique<Open>();
@@ -106,6 +108,7 @@ int Drive::Write(fuse_req_t req, Open* open, const char* buffer, size_t size, of
 }
 
 int Drive::Flush(fuse_req_t req, Open* open) {
+  AwaitClosed(open->node);  // another open's upload of the file comes first
   std::string path;
   if (int err = PathOf(open->node, &path)) return err;
   DOKAN_FILE_INFO di = Begin(req, open);
@@ -116,7 +119,7 @@ int Drive::Flush(fuse_req_t req, Open* open) {
 
 void Drive::Release(Open* open) {
   if (!Unregister(open)) return;  // already closed by the teardown
-  CloseOpen(open);
+  QueueClose(open);
 }
 
 void Drive::Abandon(Open* open, bool countedLookup) {

@@ -17,6 +17,7 @@ namespace qb::dokan {
 using namespace requests;
 
 int Drive::OpenDirectory(fuse_req_t req, uint64_t node, Open** out) {
+  AwaitAllClosed();  // a listing shows what the ends of earlier opens did
   std::string path;
   if (int err = NamedPathOf(node, &path)) return err;
   auto open = std::make_unique<Open>();
@@ -86,6 +87,7 @@ size_t Drive::AddEntry(fuse_req_t req, Open* open, const WIN32_FIND_DATAW& d, of
 
 int Drive::ReadDirectory(fuse_req_t req, Open* open, size_t size, off_t offset, bool plus,
                          std::vector<char>* buffer) {
+  if (offset == 0) AwaitAllClosed();
   std::string path;
   if (int err = PathOf(open->node, &path)) return err;
   if (offset == 0)
@@ -109,6 +111,7 @@ int Drive::ReadDirectory(fuse_req_t req, Open* open, size_t size, off_t offset, 
 }
 
 int Drive::StatFs(fuse_req_t req, uint64_t node, struct statvfs* st) {
+  AwaitAllClosed();  // the free space after the uploads of earlier closes
   DOKAN_FILE_INFO di = NewInfo(req);
   DiskSpace space;
   // A drive whose size is unknown still lists: df shows what was filled.

@@ -18,6 +18,7 @@ using namespace requests;
 
 int Drive::Lookup(fuse_req_t req, uint64_t parent, const char* name, fuse_entry_param* e) {
   if (!UsableName(name)) return ENOENT;
+  AwaitClosed(nodes_.Find(parent, name));
   std::string path;
   if (int err = ChildPath(parent, name, &path)) return err;
   BY_HANDLE_FILE_INFORMATION info;
@@ -31,6 +32,7 @@ int Drive::Lookup(fuse_req_t req, uint64_t parent, const char* name, fuse_entry_
 // An object that is open answers through its open, whatever happened to
 // its name since: the kernel asks without a handle for fstat(2) too.
 int Drive::GetAttr(fuse_req_t req, uint64_t node, Open* open, struct stat* st) {
+  AwaitClosed(node);
   Borrowed lent;
   if (!open) {
     lent = Borrow(node);
@@ -81,6 +83,7 @@ int Drive::ApplySetAttr(const std::string& path, const struct stat* attr, int to
 
 int Drive::SetAttr(fuse_req_t req, uint64_t node, const struct stat* attr, int toSet, Open* open,
                    struct stat* st) {
+  AwaitClosed(node);
   std::string path;
   int err = NamedPathOf(node, &path);
   Borrowed lent;
@@ -114,6 +117,7 @@ int Drive::SetAttr(fuse_req_t req, uint64_t node, const struct stat* attr, int t
 
 int Drive::MakeDirectory(fuse_req_t req, uint64_t parent, const char* name, fuse_entry_param* e) {
   if (!UsableName(name)) return EINVAL;
+  AwaitAllClosed();
   std::string path;
   if (int err = ChildPath(parent, name, &path)) return err;
   DOKAN_FILE_INFO di = NewInfo(req);
@@ -141,6 +145,7 @@ int Drive::MakeDirectory(fuse_req_t req, uint64_t parent, const char* name, fuse
 // with a delete that was refused.
 int Drive::Unlink(fuse_req_t req, uint64_t parent, const char* name, bool directory) {
   if (!UsableName(name)) return ENOENT;
+  AwaitAllClosed();
   std::string path;
   if (int err = ChildPath(parent, name, &path)) return err;
   TempHandle h;
@@ -175,6 +180,7 @@ int Drive::Rename(fuse_req_t req, uint64_t parent, const char* name, uint64_t ne
                   const char* newName, unsigned flags) {
   if (flags & ~RENAME_NOREPLACE) return EINVAL;  // no exchange, no whiteouts
   if (!UsableName(name) || !UsableName(newName)) return EINVAL;
+  AwaitAllClosed();
   std::string path, newPath;
   if (int err = ChildPath(parent, name, &path)) return err;
   if (int err = ChildPath(newParent, newName, &newPath)) return err;

@@ -283,4 +283,6 @@ const fuse_lowlevel_ops& BridgeOperations() {
 
 bool InsideRequest() { return tInsideRequest; }
 
+void MarkRequestThread() { tInsideRequest = true; }
+
 }  // namespace qb::dokan

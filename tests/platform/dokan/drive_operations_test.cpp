@@ -13,7 +13,7 @@ class DriveOperations : public MountedDriveTest {};
 TEST_F(DriveOperations, CopyInAndOutKeepsTheBytesAndOpensAsWindowsWould) {
   const std::string local = (home_ / "src.bin").string();
   ASSERT_EQ(0, Sh("head -c 300000 /dev/urandom > " + Quote(local)));
-  Fs().ClearCalls();
+  ClearCalls();
   ASSERT_EQ(0, Sh("cp " + Quote(local) + " " + At("a.bin")));
   ASSERT_TRUE(WaitForCalls("\\a.bin", {"ZwCreateFile", "WriteFile", "Cleanup", "CloseFile"}))
       << OpNames(CallsFor(Fs().Calls(), "\\a.bin"));
@@ -32,7 +32,7 @@ TEST_F(DriveOperations, CopyInAndOutKeepsTheBytesAndOpensAsWindowsWould) {
 
 
 TEST_F(DriveOperations, MkdirPTouchAndUnicodeNamesBecomeCreates) {
-  Fs().ClearCalls();
+  ClearCalls();
   ASSERT_EQ(0, Sh("mkdir -p " + At("d1/d2/d3")));
   EXPECT_TRUE(Fs().Exists("\\d1\\d2\\d3"));
   const auto calls = CallsFor(Fs().Calls(), "\\d1\\d2");
@@ -69,7 +69,7 @@ TEST_F(DriveOperations, ListingALargeFolderCostsOneFindFilesNotOneRequestPerFile
   ASSERT_EQ(0, Sh("mkdir " + At("big")));
   for (int i = 0; i < 300; ++i)
     ASSERT_TRUE(Fs().PutFile("\\big\\f" + std::to_string(i) + ".txt", std::string(i, 'x')));
-  Fs().ClearCalls();
+  ClearCalls();
   std::string out;
   ASSERT_EQ(0, Sh("ls -l " + At("big"), &out));
   EXPECT_NE(std::string::npos, out.find(" 299 ")) << out;  // f299.txt with its size
@@ -87,7 +87,7 @@ TEST_F(DriveOperations, ListingALargeFolderCostsOneFindFilesNotOneRequestPerFile
 }
 
 TEST_F(DriveOperations, DfShowsTheVolumeAndTheMountTableItsNames) {
-  Fs().ClearCalls();
+  ClearCalls();
   std::string out;
   ASSERT_EQ(0, Sh("df -P -k " + At(""), &out));
   EXPECT_NE(std::string::npos, out.find("1048576")) << out;  // 1 GiB in 1K blocks
@@ -101,7 +101,7 @@ TEST_F(DriveOperations, DfShowsTheVolumeAndTheMountTableItsNames) {
 TEST_F(DriveOperations, MoveRenamesWithReplaceAndCarriesFolders) {
   ASSERT_EQ(0, Sh("mkdir -p " + At("m/sub") + " && echo one > " + At("m/sub/a.txt") +
                   " && echo two > " + At("b.txt") + " && echo three > " + At("c.txt")));
-  Fs().ClearCalls();
+  ClearCalls();
   ASSERT_EQ(0, Sh("mv " + At("b.txt") + " " + At("c.txt")));
   const auto calls = CallsFor(Fs().Calls(), "\\b.txt");
   ASSERT_TRUE(HasInOrder(calls, {"ZwCreateFile", "MoveFile", "Cleanup", "CloseFile"}))
@@ -121,7 +121,7 @@ TEST_F(DriveOperations, MoveRenamesWithReplaceAndCarriesFolders) {
   EXPECT_EQ("one\n", out);
   EXPECT_NE(0, Sh("test -e " + At("m")));
 
-  Fs().ClearCalls();
+  ClearCalls();
   ASSERT_EQ(0, Sh("mv " + At("n/sub/a.txt") + " " + At("moved.txt")));
   for (const FsCall& c : Fs().Calls())
     if (c.op == "MoveFile") {
@@ -150,7 +150,7 @@ TEST_F(DriveOperations, RecursiveCopyKeepsTreeContentAndTimes) {
 TEST_F(DriveOperations, RemoveRecursiveDeletesOnCloseAfterAsking) {
   ASSERT_EQ(0, Sh("mkdir -p " + At("r/s") + " && echo x > " + At("r/s/f.txt") + " && echo y > " +
                   At("r/g.txt")));
-  Fs().ClearCalls();
+  ClearCalls();
   ASSERT_EQ(0, Sh("rm -r " + At("r")));
   EXPECT_FALSE(Fs().Exists("\\r"));
   const auto file = CallsFor(Fs().Calls(), "\\r\\s\\f.txt");
@@ -166,7 +166,7 @@ TEST_F(DriveOperations, RemoveRecursiveDeletesOnCloseAfterAsking) {
 
 TEST_F(DriveOperations, ChmodWriteBitsIsTheReadOnlyAttributeAndProtectsTheFile) {
   ASSERT_EQ(0, Sh("echo keep > " + At("ro.txt")));
-  Fs().ClearCalls();
+  ClearCalls();
   ASSERT_EQ(0, Sh("chmod a-w " + At("ro.txt")));
   EXPECT_TRUE(Fs().Attributes("\\ro.txt") & FILE_ATTRIBUTE_READONLY);
   EXPECT_TRUE(HasInOrder(CallsFor(Fs().Calls(), "\\ro.txt"),
@@ -176,7 +176,7 @@ TEST_F(DriveOperations, ChmodWriteBitsIsTheReadOnlyAttributeAndProtectsTheFile) 
   ASSERT_EQ(0, Sh("stat -c %a " + At("ro.txt"), &out));
   EXPECT_EQ("444\n", out);
 
-  Fs().ClearCalls();
+  ClearCalls();
   EXPECT_NE(0, Sh("rm -f " + At("ro.txt")));  // refused: the file stays
   EXPECT_TRUE(Fs().Exists("\\ro.txt"));
   EXPECT_EQ("ZwCreateFile DeleteFile CloseFile", OpNames(CallsFor(Fs().Calls(), "\\ro.txt")));
@@ -191,7 +191,7 @@ TEST_F(DriveOperations, ChmodWriteBitsIsTheReadOnlyAttributeAndProtectsTheFile) 
 
 TEST_F(DriveOperations, TruncateSetsEndOfFileAndCutsTheAllocation) {
   ASSERT_EQ(0, Sh("head -c 100 /dev/zero > " + At("t.bin")));
-  Fs().ClearCalls();
+  ClearCalls();
   ASSERT_EQ(0, Sh("truncate -s 10 " + At("t.bin")));
   auto calls = CallsFor(Fs().Calls(), "\\t.bin");
   EXPECT_TRUE(HasInOrder(calls, {"SetEndOfFile", "SetAllocationSize"})) << OpNames(calls);
@@ -199,7 +199,7 @@ TEST_F(DriveOperations, TruncateSetsEndOfFileAndCutsTheAllocation) {
   ASSERT_TRUE(Fs().Read("\\t.bin", &content));
   EXPECT_EQ(10u, content.size());
 
-  Fs().ClearCalls();
+  ClearCalls();
   ASSERT_EQ(0, Sh("truncate -s 50 " + At("t.bin")));
   calls = CallsFor(Fs().Calls(), "\\t.bin");
   EXPECT_TRUE(HasInOrder(calls, {"SetEndOfFile"}));
@@ -211,7 +211,7 @@ TEST_F(DriveOperations, TruncateSetsEndOfFileAndCutsTheAllocation) {
 
 TEST_F(DriveOperations, AppendsWriteToTheEndOfFile) {
   ASSERT_EQ(0, Sh("echo a > " + At("log.txt")));
-  Fs().ClearCalls();
+  ClearCalls();
   ASSERT_EQ(0, Sh("echo b >> " + At("log.txt") + " && echo c >> " + At("log.txt")));
   std::string content;
   ASSERT_TRUE(Fs().Read("\\log.txt", &content));
@@ -228,7 +228,7 @@ TEST_F(DriveOperations, AppendsWriteToTheEndOfFile) {
   }
   EXPECT_EQ(2, appendingWrites);
 
-  Fs().ClearCalls();
+  ClearCalls();
   ASSERT_EQ(0, Sh("dd if=/dev/zero of=" + At("log.txt") + " bs=1k count=1 conv=fsync"));
   EXPECT_TRUE(HasInOrder(CallsFor(Fs().Calls(), "\\log.txt"),
                          {"ZwCreateFile", "WriteFile", "FlushFileBuffers"}));
@@ -279,7 +279,7 @@ TEST_F(DriveOperations, RequestsRunOnSeveralThreadsWithoutSingleThread) {
 TEST_F(DriveOperations, CreateThatFindsTheFileIsSuccessForAlwaysDispositions) {
   ASSERT_TRUE(Fs().PutFile("\\x.txt", "first\n"));
   Fs().HideFromOpens("\\x.txt");  // the lookup misses it; the create finds it
-  Fs().ClearCalls();
+  ClearCalls();
   ASSERT_EQ(0, Sh("echo second > " + At("x.txt")));
   std::string content;
   ASSERT_TRUE(Fs().Read("\\x.txt", &content));
