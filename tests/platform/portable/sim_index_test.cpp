@@ -224,6 +224,15 @@ TEST(IndexJournalLines, LinesWithIdsTheDeviceNeverGivesAreSkipped) {
   EXPECT_EQ(chunk.lines, 8u);
 }
 
+std::string PuidOf(qp::IPortableDeviceContent& content, const std::string& id) {
+  std::shared_ptr<qp::IPortableDeviceProperties> props;
+  content.Properties(&props);
+  qp::PortableDeviceValues v;
+  std::string puid;
+  if (SUCCEEDED(props->GetValues(id, nullptr, &v))) v.GetStringValue(WPD_OBJECT_PERSISTENT_UNIQUE_ID, &puid);
+  return puid;
+}
+
 // The process keeps what it read of the index when its last device object
 // goes; the next opening takes in what another process wrote meanwhile.
 TEST_F(SimDeviceTest, AReopenedDeviceTakesInWhatAnotherProcessWroteMeanwhile) {
@@ -249,17 +258,10 @@ TEST_F(SimDeviceTest, AReopenedDeviceTakesInWhatAnotherProcessWroteMeanwhile) {
   auto device = Open();
   std::shared_ptr<qp::IPortableDeviceContent> content;
   device->Content(&content);
+  // Known by its id at once, before any listing.
+  EXPECT_EQ(PuidOf(*content, "o7000"), "{OTHER}");
   EXPECT_EQ(ChildNamed(*content, "s10001", "new.txt"), "o7000");
   EXPECT_EQ(ChildNamed(*content, "s10001", "a.txt"), a);
-}
-
-std::string PuidOf(qp::IPortableDeviceContent& content, const std::string& id) {
-  std::shared_ptr<qp::IPortableDeviceProperties> props;
-  content.Properties(&props);
-  qp::PortableDeviceValues v;
-  std::string puid;
-  if (SUCCEEDED(props->GetValues(id, nullptr, &v))) v.GetStringValue(WPD_OBJECT_PERSISTENT_UNIQUE_ID, &puid);
-  return puid;
 }
 
 // A device removed and made again under the same folder is another device:
