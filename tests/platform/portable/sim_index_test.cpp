@@ -1,6 +1,7 @@
 // The shared index of simulated devices: new ids cost what they add (the
 // file is appended to, not rewritten), the journal's last word on each
-// object wins, and a rewrite keeps every id.
+// object wins, a rewrite keeps every id, and what a process keeps of the
+// index between two openings agrees with what a fresh reading would find.
 #include <sys/stat.h>
 
 #include "platform/portable/sim_index_file.h"
