@@ -234,13 +234,6 @@ void IdTable::CompactTexts() {
   garbage_ = 0;
 }
 
-void IdTable::Trim() {
-  CompactTexts();
-  texts_.shrink_to_fit();
-  objs_.shrink_to_fit();
-  freeSlots_.shrink_to_fit();
-}
-
 std::vector<std::string> IdTable::Folders() const {
   std::vector<std::string> folders;
   folders.reserve(children_.size());

@@ -48,10 +48,6 @@ class IdTable {
   void DropPath(uint64_t handle);
   void Erase(uint64_t handle);
 
-  // Gives back the room the arrays grew into beyond what they hold (after
-  // a whole index was read).
-  void Trim();
-
   // `rel` and everything under it, as (path, handle), in path order.
   std::vector<std::pair<std::string, uint64_t>> Subtree(std::string_view rel) const;
   // The folders that hold objects with a path.

@@ -460,7 +460,6 @@ void SimDeviceState::MergeFileLocked() {
   if (large) {
     chunk = IndexChunk{};
     text = std::string();
-    ix.table.Trim();
     malloc_trim(0);
   }
 }
