@@ -5,19 +5,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <unordered_map>
 
 #include "common/strings.h"
+#include "platform/portable/sim_id_table.h"
 #include "platform/portable/sim_ini.h"
 
 namespace qb::portable::sim {
 namespace {
-
-uint64_t HandleOf(const std::string& id) {
-  return id.size() > 1 && id[0] == 'o' ? std::strtoull(id.c_str() + 1, nullptr, 16) : 0;
-}
 
 // "<id>\t<puid>\t<flags>\t<created>\t<rel>"; false for anything else.
 bool ParseObjectLine(std::string_view line, IndexRecord* r) {
@@ -28,22 +25,26 @@ bool ParseObjectLine(std::string_view line, IndexRecord* r) {
     field = line.substr(0, tab);
     line.remove_prefix(tab + 1);
   }
-  if (line.empty() || f[0].size() < 2 || f[0][0] != 'o') return false;
-  r->id = std::string(f[0]);
-  r->puid = std::string(f[1]);
+  if (line.empty() || !HandleOfId(f[0], &r->handle)) return false;
+  r->id = f[0];
+  r->puid = f[1];
   r->flags = static_cast<uint32_t>(std::strtoul(std::string(f[2]).c_str(), nullptr, 10));
   r->created = std::strtoull(std::string(f[3]).c_str(), nullptr, 10);
-  r->rel = std::string(line);
+  r->rel = line;
   return true;
 }
+
+struct Seen {
+  IndexRecord record;
+  size_t line = 0;
+  bool gone = false;
+};
 
 }  // namespace
 
 IndexChunk ParseIndexLines(std::string_view text) {
   IndexChunk chunk;
-  std::vector<IndexRecord> seen;
-  std::vector<bool> gone;
-  std::unordered_map<std::string, size_t> at;
+  std::vector<Seen> seen;
   while (!text.empty()) {
     size_t eol = text.find('\n');
     std::string_view line = text.substr(0, eol);
@@ -53,32 +54,46 @@ IndexChunk ParseIndexLines(std::string_view text) {
       chunk.next = std::max<uint64_t>(chunk.next, std::strtoull(std::string(line.substr(5)).c_str(), nullptr, 16));
       continue;
     }
-    IndexRecord r;
-    const bool goneLine = line.size() > 2 && line[0] == '-' && line[1] == 'o';
-    if (goneLine) r.id = std::string(line.substr(1));
-    if (!goneLine && !ParseObjectLine(line, &r)) continue;
-    chunk.next = std::max(chunk.next, HandleOf(r.id) + 1);
-    auto [it, fresh] = at.try_emplace(r.id, seen.size());
-    if (fresh) {
-      seen.push_back(std::move(r));
-      gone.push_back(goneLine);
-    } else {
-      if (!goneLine) seen[it->second] = std::move(r);
-      gone[it->second] = goneLine;
+    Seen s;
+    s.line = chunk.lines;
+    s.gone = line.size() > 2 && line[0] == '-';
+    if (s.gone) {
+      s.record.id = line.substr(1);
+      if (!HandleOfId(s.record.id, &s.record.handle)) continue;
+    } else if (!ParseObjectLine(line, &s.record)) {
+      continue;
     }
+    chunk.next = std::max(chunk.next, s.record.handle + 1);
+    seen.push_back(s);
   }
-  for (size_t i = 0; i < seen.size(); ++i)
-    if (!gone[i]) chunk.live.push_back(std::move(seen[i]));
+  // The last line of each id says what it is; it keeps the place of its
+  // first line. Sorting, not a map: no heap node per object.
+  std::stable_sort(seen.begin(), seen.end(),
+                   [](const Seen& a, const Seen& b) { return a.record.handle < b.record.handle; });
+  std::vector<Seen> last;
+  for (size_t i = 0; i < seen.size();) {
+    size_t j = i;
+    while (j + 1 < seen.size() && seen[j + 1].record.handle == seen[i].record.handle) ++j;
+    if (!seen[j].gone) last.push_back(Seen{seen[j].record, seen[i].line, false});
+    i = j + 1;
+  }
+  std::sort(last.begin(), last.end(), [](const Seen& a, const Seen& b) { return a.line < b.line; });
+  chunk.live.reserve(last.size());
+  for (const Seen& s : last) chunk.live.push_back(s.record);
   return chunk;
 }
 
 std::string IndexLine(const IndexRecord& r) {
-  return qb::Format("%s\t%s\t%u\t%llu\t", r.id.c_str(), r.puid.c_str(), r.flags,
-                    static_cast<unsigned long long>(r.created)) +
-         r.rel + "\n";
+  std::string line(r.id);
+  line += '\t';
+  line += r.puid;
+  line += qb::Format("\t%u\t%llu\t", r.flags, static_cast<unsigned long long>(r.created));
+  line += r.rel;
+  line += '\n';
+  return line;
 }
 
-std::string IndexGoneLine(const std::string& id) { return "-" + id + "\n"; }
+std::string IndexGoneLine(std::string_view id) { return "-" + std::string(id) + "\n"; }
 
 std::string IndexNextLine(uint64_t next) {
   return qb::Format("next=%llX\n", static_cast<unsigned long long>(next));

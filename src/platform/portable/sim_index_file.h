@@ -8,6 +8,8 @@
 // it from the start.
 //
 // Line of an object: <id>\t<puid>\t<flags>\t<created FILETIME>\t<relative path>
+// An id is "o<hex>" as the device gives it; a line with any other id, like
+// any other malformed line, is skipped.
 #include <sys/types.h>
 
 #include <cstdint>
@@ -18,15 +20,18 @@
 
 namespace qb::portable::sim {
 
+// The texts are views into the journal's text (or the caller's strings).
 struct IndexRecord {
-  std::string id;
-  std::string puid;
+  std::string_view id;
+  std::string_view puid;
   uint32_t flags = 0;
   uint64_t created = 0;
-  std::string rel;
+  std::string_view rel;
+  uint64_t handle = 0;  // the id's number
 };
 
-// What some whole lines of the journal say, the last word on each id.
+// What some whole lines of the journal say, the last word on each id. Its
+// records point into the parsed text, which must outlive them.
 struct IndexChunk {
   std::vector<IndexRecord> live;  // objects still there at the chunk's end, first seen first
   uint64_t next = 0;              // the highest next free handle named or implied
@@ -35,7 +40,7 @@ struct IndexChunk {
 
 IndexChunk ParseIndexLines(std::string_view text);
 std::string IndexLine(const IndexRecord& r);
-std::string IndexGoneLine(const std::string& id);
+std::string IndexGoneLine(std::string_view id);
 std::string IndexNextLine(uint64_t next);
 
 // Reads and writes one journal file. Not thread-safe; callers hold the

@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <malloc.h>
+
 #include <chrono>
 #include <random>
 #include <unordered_map>
@@ -14,6 +16,7 @@
 
 #include "common/strings.h"
 #include "diag/trace.h"
+#include "platform/portable/sim_id_table.h"
 #include "platform/portable/sim_ini.h"
 #include "platform/portable/sim_types.h"
 #include "platform/portable/sim_watcher.h"
@@ -21,10 +24,79 @@
 namespace fs = std::filesystem;
 
 namespace qb::portable::sim {
+
+// Which device a folder held when its index was read: made anew (removed
+// and created again) it has another device.ini.
+struct DeviceIdentity {
+  dev_t dev = 0;
+  ino_t ino = 0;
+  int64_t changedNs = 0;
+  bool operator==(const DeviceIdentity&) const = default;
+};
+
+// What this process knows of a device's index file.
+struct KnownIndex {
+  explicit KnownIndex(const fs::path& file) : journal(file) {}
+  IdTable table;
+  uint64_t nextHandle = 0x100;         // the file's next free handle as we know it
+  std::unordered_set<uint64_t> forgotten;  // ids this process saw go: never taken back from the file
+  std::set<uint64_t> pending;          // ids changed here and not yet written to the file
+  IndexJournal journal;
+  size_t journalLines = 0;             // lines of the file read so far
+  DeviceIdentity device;
+  // When the objects were last checked against the device folder: a folder
+  // changed since then may have lost some.
+  int64_t checkedNs = 0;
+};
+
 namespace {
 
 std::mutex g_registryMutex;
 std::map<std::string, std::weak_ptr<SimDeviceState>> g_registry;
+// Indexes of devices whose last device object went, by folder. A leaf lock.
+// Never destroyed: a device object may still go while the process ends.
+std::mutex g_keptMutex;
+auto& g_kept = *new std::map<std::string, std::unique_ptr<KnownIndex>>;
+
+int64_t ChangedNs(const struct stat& st) {
+  return static_cast<int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
+}
+
+int64_t WallNs() {
+  struct timespec ts;
+  clock_gettime(CLOCK_REALTIME, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+// File times come from a clock that may lag the wall clock by a tick: a
+// folder changed this shortly before a check is checked again.
+constexpr int64_t kClockSlackNs = 1000000000;
+
+DeviceIdentity IdentityOf(const fs::path& folder) {
+  struct stat st;
+  if (stat((folder / kDeviceFile).c_str(), &st) != 0) return {};
+  return {st.st_dev, st.st_ino, ChangedNs(st)};
+}
+
+// The index kept for `folder` when it still describes the same device.
+std::unique_ptr<KnownIndex> TakeKeptIndex(const fs::path& folder) {
+  std::unique_ptr<KnownIndex> index;
+  {
+    std::lock_guard<std::mutex> lock(g_keptMutex);
+    auto it = g_kept.find(folder.string());
+    if (it == g_kept.end()) return nullptr;
+    index = std::move(it->second);
+    g_kept.erase(it);
+  }
+  const DeviceIdentity now = IdentityOf(folder);
+  if (now == DeviceIdentity{} || !(now == index->device)) return nullptr;
+  return index;
+}
+
+void KeepIndex(const fs::path& folder, std::unique_ptr<KnownIndex> index) {
+  std::lock_guard<std::mutex> lock(g_keptMutex);
+  g_kept[folder.string()] = std::move(index);
+}
 
 std::string ParentRel(const std::string& rel) {
   size_t slash = rel.rfind('/');
@@ -41,14 +113,14 @@ class ExistingNames {
  public:
   ExistingNames(const fs::path& root, bool byFolder) : root_(root), byFolder_(byFolder) {}
 
-  bool Has(const std::string& rel) {
+  bool Has(std::string_view rel) {
     if (!byFolder_) {
       struct stat st;
       return lstat((root_ / rel).c_str(), &st) == 0;
     }
     const size_t slash = rel.rfind('/');
-    const std::string parent = slash == std::string::npos ? std::string() : rel.substr(0, slash);
-    const std::string name = slash == std::string::npos ? rel : rel.substr(slash + 1);
+    const std::string parent(slash == std::string_view::npos ? std::string_view() : rel.substr(0, slash));
+    const std::string name(slash == std::string_view::npos ? rel : rel.substr(slash + 1));
     auto it = folders_.find(parent);
     if (it == folders_.end()) it = folders_.emplace(parent, NamesOf(root_ / parent)).first;
     return it->second.count(name) != 0;
@@ -68,8 +140,27 @@ class ExistingNames {
   std::unordered_map<std::string, std::unordered_set<std::string>> folders_;
 };
 
-bool IsUnder(const std::string& rel, const std::string& dir) {
-  return rel.size() > dir.size() && rel.compare(0, dir.size(), dir) == 0 && rel[dir.size()] == '/';
+// Objects of a kept index removed from the device folder since it was last
+// checked are dropped, as a fresh reading of the index would not take them:
+// only folders changed since then are read again.
+void DropVanished(KnownIndex& index, const fs::path& root) {
+  const int64_t now = WallNs();
+  std::unordered_set<std::string> changed;
+  for (std::string& dir : index.table.Folders()) {
+    struct stat st;
+    if (stat((root / dir).c_str(), &st) != 0 || ChangedNs(st) >= index.checkedNs - kClockSlackNs)
+      changed.insert(std::move(dir));
+  }
+  index.checkedNs = now;
+  if (changed.empty()) return;
+  ExistingNames existing(root, true);
+  std::vector<uint64_t> gone;
+  index.table.ForEachPath([&](std::string_view rel, uint64_t handle) {
+    const size_t slash = rel.rfind('/');
+    const std::string parent(slash == std::string_view::npos ? std::string_view() : rel.substr(0, slash));
+    if (changed.count(parent) && !existing.Has(rel)) gone.push_back(handle);
+  });
+  for (uint64_t handle : gone) index.table.Erase(handle);
 }
 
 std::string RandomPuid() {
@@ -106,20 +197,34 @@ std::shared_ptr<SimDeviceState> SimDeviceState::Get(const fs::path& folder) {
   {
     std::lock_guard<std::mutex> l(state->m_);
     state->ReloadSpecLocked();
+    state->index_ = TakeKeptIndex(state->folder_);
+    if (state->index_) {
+      DropVanished(*state->index_, state->folder_);
+    } else {
+      state->index_ = std::make_unique<KnownIndex>(state->folder_ / kIndexFile);
+      state->index_->device = IdentityOf(state->folder_);
+      state->index_->checkedNs = WallNs();
+    }
     state->LoadIndexLocked();
   }
   g_registry[key] = state;
   return state;
 }
 
-SimDeviceState::SimDeviceState(fs::path folder) : folder_(std::move(folder)), journal_(folder_ / kIndexFile) {}
+SimDeviceState::SimDeviceState(fs::path folder) : folder_(std::move(folder)) {}
 
 SimDeviceState::~SimDeviceState() {
   std::shared_ptr<SimWatcher> watcher;
   {
     std::lock_guard<std::mutex> lock(m_);
     watcher = std::move(watcher_);
-    if (!pending_.empty() && !removed_) SaveIndexLocked();
+    if (index_ && !removed_) {
+      if (!index_->pending.empty()) SaveIndexLocked();
+      // Objects kept only for their delete event are of no use any more.
+      for (const auto& [rel, handles] : tombstones_)
+        for (uint64_t h : handles) index_->table.Erase(h);
+      KeepIndex(folder_, std::move(index_));
+    }
   }
   if (watcher) watcher->Stop();
 }
@@ -170,12 +275,13 @@ HRESULT SimDeviceState::Resolve(const std::string& id, ObjRef* ref) {
       return S_OK;
     }
   }
-  auto it = idToPath_.find(id);
-  if (it == idToPath_.end()) return E_ERROR_NOT_FOUND;
+  uint64_t handle;
+  std::string rel;
+  if (!HandleOfId(id, &handle) || !index_->table.PathOf(handle, &rel)) return E_ERROR_NOT_FOUND;
   struct stat st;
-  if (lstat((folder_ / it->second).c_str(), &st) != 0) return E_ERROR_NOT_FOUND;
+  if (lstat((folder_ / rel).c_str(), &st) != 0) return E_ERROR_NOT_FOUND;
   ref->kind = ObjKind::kContent;
-  ref->rel = it->second;
+  ref->rel = std::move(rel);
   std::string top = ref->rel.substr(0, ref->rel.find('/'));
   for (size_t i = 0; i < spec_.storages.size(); ++i)
     if (spec_.storages[i].folder == top) ref->storage = i;
@@ -211,23 +317,19 @@ std::string SimDeviceState::KnownIdLocked(const std::string& rel) const {
     for (size_t i = 0; i < spec_.storages.size(); ++i)
       if (spec_.storages[i].folder == rel) return StorageId(i);
   }
-  auto it = pathToId_.find(rel);
-  return it == pathToId_.end() ? std::string() : it->second;
+  uint64_t handle;
+  return index_->table.HandleAt(rel, &handle) ? IdOfHandle(handle) : std::string();
 }
 
 std::string SimDeviceState::NewIdLocked(const std::string& rel) {
-  std::string id;
+  KnownIndex& ix = *index_;
+  uint64_t handle;
   do {
-    id = qb::Format("o%llX", static_cast<unsigned long long>(nextHandle_++));
-  } while (entries_.count(id) || forgotten_.count(id));
-  IndexEntry e;
-  e.id = id;
-  e.puid = RandomPuid();
-  entries_[id] = e;
-  pathToId_[rel] = id;
-  idToPath_[id] = rel;
-  pending_.insert(id);
-  return id;
+    handle = ix.nextHandle++;
+  } while (ix.table.HasId(handle) || ix.forgotten.count(handle));
+  ix.table.Add(handle, RandomPuid(), 0, 0, rel);
+  ix.pending.insert(handle);
+  return IdOfHandle(handle);
 }
 
 std::string SimDeviceState::IdForPath(const std::string& rel) {
@@ -264,134 +366,132 @@ std::string SimDeviceState::ContainerIdForPath(const std::string& rel) {
 
 IndexEntry SimDeviceState::EntryOf(const std::string& id) {
   std::lock_guard<std::mutex> lock(m_);
-  auto it = entries_.find(id);
-  return it == entries_.end() ? IndexEntry{id, id, 0, 0} : it->second;
+  uint64_t handle;
+  IdTable::Entry e;
+  if (!HandleOfId(id, &handle) || !index_->table.EntryOf(handle, &e)) return IndexEntry{id, id, 0, 0};
+  return IndexEntry{id, std::string(e.puid), e.flags, e.created};
 }
 
 void SimDeviceState::UpdateEntry(const std::string& id, uint32_t flags, uint64_t created) {
   std::lock_guard<std::mutex> lock(m_);
-  auto it = entries_.find(id);
-  if (it == entries_.end()) return;
-  it->second.flags = flags;
-  it->second.created = created;
-  pending_.insert(id);
-}
-
-std::vector<std::pair<std::string, std::string>> SimDeviceState::SubtreeLocked(const std::string& rel) const {
-  std::vector<std::pair<std::string, std::string>> found;
-  auto self = pathToId_.find(rel);
-  if (self != pathToId_.end()) found.emplace_back(*self);
-  // Paths under `rel` sort together right after "<rel>/".
-  const std::string prefix = rel + "/";
-  for (auto it = pathToId_.lower_bound(prefix); it != pathToId_.end() && IsUnder(it->first, rel); ++it)
-    found.emplace_back(*it);
-  return found;
+  uint64_t handle;
+  if (!HandleOfId(id, &handle) || !index_->table.HasId(handle)) return;
+  index_->table.SetAttributes(handle, flags, created);
+  index_->pending.insert(handle);
 }
 
 void SimDeviceState::RenamePath(const std::string& from, const std::string& to) {
   std::lock_guard<std::mutex> lock(m_);
-  const auto moves = SubtreeLocked(from);
-  for (const auto& [rel, id] : moves) pathToId_.erase(rel);
-  for (const auto& [rel, id] : moves) {
-    std::string now = to + rel.substr(from.size());
-    pathToId_[now] = id;
-    idToPath_[id] = now;
-    pending_.insert(id);
+  KnownIndex& ix = *index_;
+  const auto moves = ix.table.Subtree(from);
+  for (const auto& [rel, handle] : moves) ix.table.DropPath(handle);
+  for (const auto& [rel, handle] : moves) {
+    ix.table.SetPath(handle, to + rel.substr(from.size()));
+    ix.pending.insert(handle);
   }
 }
 
 void SimDeviceState::ForgetPath(const std::string& rel, bool tombstone) {
   std::lock_guard<std::mutex> lock(m_);
-  for (const auto& [p, id] : SubtreeLocked(rel)) {
-    pathToId_.erase(p);
-    idToPath_.erase(id);
-    forgotten_.insert(id);
-    pending_.insert(id);
+  KnownIndex& ix = *index_;
+  for (const auto& [p, handle] : ix.table.Subtree(rel)) {
+    ix.forgotten.insert(handle);
+    ix.pending.insert(handle);
     if (tombstone && watcher_) {
-      tombstones_[p].push_back(id);
+      ix.table.DropPath(handle);
+      tombstones_[p].push_back(handle);
     } else {
-      entries_.erase(id);
+      ix.table.Erase(handle);
     }
   }
 }
 
 IndexEntry SimDeviceState::TakeRemovedEntry(const std::string& rel) {
   std::lock_guard<std::mutex> lock(m_);
-  IndexEntry e;
+  KnownIndex& ix = *index_;
+  uint64_t handle;
   auto t = tombstones_.find(rel);
   if (t != tombstones_.end() && !t->second.empty()) {
-    std::string id = t->second.front();
+    handle = t->second.front();
     t->second.pop_front();
     if (t->second.empty()) tombstones_.erase(t);
-    e = entries_[id];
-    e.id = id;
-    entries_.erase(id);
-    return e;
+  } else if (ix.table.HandleAt(rel, &handle)) {
+    ix.forgotten.insert(handle);
+    ix.pending.insert(handle);
+  } else {
+    return IndexEntry{};
   }
-  auto it = pathToId_.find(rel);
-  if (it == pathToId_.end()) return e;
-  std::string id = it->second;
-  e = entries_[id];
-  e.id = id;
-  forgotten_.insert(id);
-  pathToId_.erase(it);
-  idToPath_.erase(id);
-  entries_.erase(id);
-  pending_.insert(id);
+  IndexEntry e;
+  e.id = IdOfHandle(handle);
+  IdTable::Entry known;
+  if (ix.table.EntryOf(handle, &known)) e = IndexEntry{e.id, std::string(known.puid), known.flags, known.created};
+  ix.table.Erase(handle);
   return e;
 }
 
 bool SimDeviceState::KnowsPath(const std::string& rel) {
   std::lock_guard<std::mutex> lock(m_);
-  return pathToId_.count(rel) != 0;
+  return index_->table.HasPath(rel);
 }
 
 // Takes in what the others appended since the last look (all of it when
 // the file was rewritten): objects this process does not know yet, unless
 // it saw them go or their path is taken or gone.
 void SimDeviceState::MergeFileLocked() {
+  KnownIndex& ix = *index_;
   std::string text;
   bool fromStart = false;
-  if (!journal_.ReadNew(&text, &fromStart)) return;
-  if (fromStart) journalLines_ = 0;
+  if (!ix.journal.ReadNew(&text, &fromStart)) return;
+  if (fromStart) ix.journalLines = 0;
   IndexChunk chunk = ParseIndexLines(text);
-  journalLines_ += chunk.lines;
-  nextHandle_ = std::max(nextHandle_, chunk.next);
-  ExistingNames existing(folder_, chunk.live.size() >= kFolderReadThreshold);
-  for (IndexRecord& r : chunk.live) {
-    if (entries_.count(r.id) || pathToId_.count(r.rel) || forgotten_.count(r.id)) continue;
-    if (!existing.Has(r.rel)) continue;  // gone while nobody watched
-    entries_[r.id] = IndexEntry{r.id, r.puid, r.flags, r.created};
-    pathToId_[r.rel] = r.id;
-    idToPath_[r.id] = r.rel;
+  ix.journalLines += chunk.lines;
+  ix.nextHandle = std::max(ix.nextHandle, chunk.next);
+  const bool large = chunk.live.size() >= kFolderReadThreshold;
+  {
+    ExistingNames existing(folder_, large);
+    for (const IndexRecord& r : chunk.live) {
+      if (ix.table.HasId(r.handle) || ix.table.HasPath(r.rel) || ix.forgotten.count(r.handle)) continue;
+      if (!existing.Has(r.rel)) continue;  // gone while nobody watched
+      ix.table.Add(r.handle, r.puid, r.flags, r.created, r.rel);
+    }
+  }
+  // Reading a large index leaves many small blocks free (the folder
+  // listings above): give them back rather than keep them resident.
+  if (large) {
+    chunk = IndexChunk{};
+    text = std::string();
+    malloc_trim(0);
   }
 }
 
 void SimDeviceState::WriteFileLocked(bool fileLockHeld) {
+  KnownIndex& ix = *index_;
   std::error_code ec;
   if (!fs::exists(folder_ / kDeviceFile, ec)) return;  // device gone: write nothing back
-  if (pending_.empty()) return;
-  const auto lineOf = [&](const std::string& id, const std::string& rel) {
-    const IndexEntry& e = entries_[id];
-    return IndexLine(IndexRecord{id, e.puid, e.flags, e.created, rel});
+  if (ix.pending.empty()) return;
+  const auto lineOf = [&](uint64_t handle, std::string_view rel) {
+    IdTable::Entry e;
+    ix.table.EntryOf(handle, &e);
+    const std::string id = IdOfHandle(handle);
+    return IndexLine(IndexRecord{id, e.puid, e.flags, e.created, rel, handle});
   };
   // Rewriting costs the whole index: only once the file has at least
   // doubled since, so that the work stays in proportion to the changes.
-  if (fileLockHeld && journalLines_ + pending_.size() > 2 * pathToId_.size() + 4096) {
-    std::string text = IndexNextLine(nextHandle_);
-    for (const auto& [rel, id] : pathToId_) text += lineOf(id, rel);
-    if (journal_.Rewrite(text)) {
-      journalLines_ = pathToId_.size() + 1;
-      pending_.clear();
+  const size_t objects = ix.table.PathCount();
+  if (fileLockHeld && ix.journalLines + ix.pending.size() > 2 * objects + 4096) {
+    std::string text = IndexNextLine(ix.nextHandle);
+    ix.table.ForEachPath([&](std::string_view rel, uint64_t handle) { text += lineOf(handle, rel); });
+    if (ix.journal.Rewrite(text)) {
+      ix.journalLines = objects + 1;
+      ix.pending.clear();
     }
     return;
   }
   std::string text;
-  for (const std::string& id : pending_) {
-    auto it = idToPath_.find(id);
-    text += it == idToPath_.end() ? IndexGoneLine(id) : lineOf(id, it->second);
-  }
-  if (journal_.Append(text)) pending_.clear();
+  std::string rel;
+  for (uint64_t handle : ix.pending)
+    text += ix.table.PathOf(handle, &rel) ? lineOf(handle, rel) : IndexGoneLine(IdOfHandle(handle));
+  if (ix.journal.Append(text)) ix.pending.clear();
 }
 
 void SimDeviceState::LoadIndexLocked() {
@@ -407,7 +507,7 @@ void SimDeviceState::SaveIndexLocked() {
 
 void SimDeviceState::SaveIndex() {
   std::lock_guard<std::mutex> lock(m_);
-  if (!pending_.empty()) SaveIndexLocked();
+  if (!index_->pending.empty()) SaveIndexLocked();
 }
 
 HRESULT SimDeviceState::Advise(std::shared_ptr<IPortableDeviceEventCallback> cb, std::string* cookie) {
@@ -473,7 +573,7 @@ void SimDeviceState::Deliver(const PortableDeviceValues& params) {
   std::vector<std::shared_ptr<IPortableDeviceEventCallback>> sinks;
   {
     std::lock_guard<std::mutex> lock(m_);
-    if (!pending_.empty()) SaveIndexLocked();
+    if (!index_->pending.empty()) SaveIndexLocked();
     for (const auto& [cookie, sink] : sinks_) sinks.push_back(sink);
     std::lock_guard<std::mutex> d(deliveryMutex_);
     ++delivering_;

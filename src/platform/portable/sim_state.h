@@ -3,7 +3,10 @@
 // and persistent unique ids (kept in index.ini), its event sinks and the
 // folder watcher that turns changes into events. Every opened device object
 // of the same folder shares one SimDeviceState, so ids agree within the
-// process.
+// process. What the process learnt of index.ini outlives the state: when the
+// last device object of a folder goes, it is kept for the next opening, which
+// then reads only what others appended since (the whole file only when it
+// was rewritten, or when the device was made anew).
 //
 // Locks: m_ guards the index and the sinks; it is never held while a sink
 // runs. deliveryMutex_ (taken after m_ or alone) guards the delivery count.
@@ -44,6 +47,7 @@ inline constexpr uint32_t kHidden = 1;
 inline constexpr uint32_t kSystem = 2;
 
 class SimWatcher;
+struct KnownIndex;
 
 class SimDeviceState : public std::enable_shared_from_this<SimDeviceState> {
  public:
@@ -112,8 +116,6 @@ class SimDeviceState : public std::enable_shared_from_this<SimDeviceState> {
   // Appends the pending changes; rewrites the whole file instead when it
   // holds far more lines than objects and the file lock is held.
   void WriteFileLocked(bool fileLockHeld);
-  // `rel` and everything under it, as (path, id).
-  std::vector<std::pair<std::string, std::string>> SubtreeLocked(const std::string& rel) const;
   std::string KnownIdLocked(const std::string& rel) const;
   std::string NewIdLocked(const std::string& rel);  // the file lock held, file merged
   void ReloadSpecLocked();
@@ -123,15 +125,8 @@ class SimDeviceState : public std::enable_shared_from_this<SimDeviceState> {
   // Changed under m_.
   std::mutex m_;
   DeviceSpec spec_;
-  std::map<std::string, std::string> pathToId_;
-  std::map<std::string, std::string> idToPath_;
-  std::map<std::string, IndexEntry> entries_;       // by id
-  std::map<std::string, std::deque<std::string>> tombstones_;  // rel -> ids
-  uint64_t nextHandle_ = 0x100;   // the file's next free handle as we know it
-  std::set<std::string> forgotten_;  // ids this process saw go: never taken back from the file
-  std::set<std::string> pending_;    // ids changed here and not yet written to the file
-  IndexJournal journal_;
-  size_t journalLines_ = 0;          // lines of the file read so far
+  std::unique_ptr<KnownIndex> index_;
+  std::map<std::string, std::deque<uint64_t>> tombstones_;  // rel -> handles of ids gone there
   std::map<std::string, std::shared_ptr<IPortableDeviceEventCallback>> sinks_;
   uint64_t nextCookie_ = 1;
   std::shared_ptr<SimWatcher> watcher_;

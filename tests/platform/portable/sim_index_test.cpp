@@ -1,6 +1,7 @@
 // The shared index of simulated devices: new ids cost what they add (the
 // file is appended to, not rewritten), the journal's last word on each
-// object wins, and a rewrite keeps every id.
+// object wins, a rewrite keeps every id, and what a process keeps of the
+// index between two openings agrees with what a fresh reading would find.
 #include <sys/stat.h>
 
 #include "platform/portable/sim_index_file.h"
@@ -39,7 +40,8 @@ TEST(IndexJournalLines, TheLastWordOnEachObjectWins) {
       "o1F0\t{P2}\t0\t0\ta/z.jpg\n"
       "garbage line\n"
       "o102\t{P3}\t0\t0\ta/half";          // a line still being written
-  sim::IndexChunk chunk = sim::ParseIndexLines(text.substr(0, text.rfind('\n') + 1));
+  const std::string whole = text.substr(0, text.rfind('\n') + 1);
+  sim::IndexChunk chunk = sim::ParseIndexLines(whole);
   ASSERT_EQ(chunk.live.size(), 2u);
   EXPECT_EQ(chunk.live[0].id, "o100");
   EXPECT_EQ(chunk.live[0].rel, "a/moved/x.jpg");
@@ -50,7 +52,8 @@ TEST(IndexJournalLines, TheLastWordOnEachObjectWins) {
   EXPECT_EQ(chunk.lines, 7u);
   // Lines written by the helpers read back as written.
   sim::IndexRecord r{"o2A", "{G}", 3, 42, "b-card/a b\tc.txt"};
-  sim::IndexChunk back = sim::ParseIndexLines(sim::IndexLine(r) + sim::IndexNextLine(0x300));
+  const std::string written = sim::IndexLine(r) + sim::IndexNextLine(0x300);
+  sim::IndexChunk back = sim::ParseIndexLines(written);
   ASSERT_EQ(back.live.size(), 1u);
   EXPECT_EQ(back.live[0].rel, r.rel);
   EXPECT_EQ(back.live[0].puid, "{G}");
@@ -201,6 +204,116 @@ TEST_F(SimDeviceTest, ObjectsRemovedWhileTheDeviceWasClosedAreForgotten) {
     EXPECT_FALSE(fresh.empty()) << count;
     EXPECT_NE(fresh, removed) << count;
   }
+}
+
+TEST(IndexJournalLines, LinesWithIdsTheDeviceNeverGivesAreSkipped) {
+  const std::string text =
+      "o100\t{P0}\t0\t0\ta/x.jpg\n"
+      "o0101\t{P1}\t0\t0\ta/zero.jpg\n"  // a leading zero
+      "o1a2\t{P2}\t0\t0\ta/lower.jpg\n"  // lower-case hex
+      "s10001\t{P3}\t0\t0\ta\n"          // a storage, never in the index
+      "o103\t{P4}\t0\ta/short.jpg\n"     // a field missing
+      "-oxyz\n"
+      "-o100x\n"
+      "o104\t{P5}\t0\t0\ta/y.jpg\n";
+  const sim::IndexChunk chunk = sim::ParseIndexLines(text);
+  ASSERT_EQ(chunk.live.size(), 2u);
+  EXPECT_EQ(chunk.live[0].rel, "a/x.jpg");
+  EXPECT_EQ(chunk.live[1].id, "o104");
+  EXPECT_EQ(chunk.live[1].handle, 0x104u);
+  EXPECT_EQ(chunk.next, 0x105u);
+  EXPECT_EQ(chunk.lines, 8u);
+}
+
+std::string PuidOf(qp::IPortableDeviceContent& content, const std::string& id) {
+  std::shared_ptr<qp::IPortableDeviceProperties> props;
+  content.Properties(&props);
+  qp::PortableDeviceValues v;
+  std::string puid;
+  if (SUCCEEDED(props->GetValues(id, nullptr, &v))) v.GetStringValue(WPD_OBJECT_PERSISTENT_UNIQUE_ID, &puid);
+  return puid;
+}
+
+// The process keeps what it read of the index when its last device object
+// goes; the next opening takes in what another process wrote meanwhile.
+TEST_F(SimDeviceTest, AReopenedDeviceTakesInWhatAnotherProcessWroteMeanwhile) {
+  WriteFile("a-internal/a.txt", "a");
+  std::string a;
+  {
+    auto device = Open();
+    std::shared_ptr<qp::IPortableDeviceContent> content;
+    device->Content(&content);
+    a = ChildNamed(*content, "s10001", "a.txt");
+    ASSERT_FALSE(a.empty());
+  }
+  WriteFile("a-internal/new.txt", "n");
+  {
+    sim::ScopedFileLock lock(folder_ / "index.lock");
+    ASSERT_TRUE(lock.Held());
+    sim::IndexJournal other(folder_ / sim::kIndexFile);
+    std::string seen;
+    bool fromStart = false;
+    ASSERT_TRUE(other.ReadNew(&seen, &fromStart));
+    ASSERT_TRUE(other.Append(sim::IndexLine({"o7000", "{OTHER}", 0, 0, "a-internal/new.txt"})));
+  }
+  auto device = Open();
+  std::shared_ptr<qp::IPortableDeviceContent> content;
+  device->Content(&content);
+  // Known by its id at once, before any listing.
+  EXPECT_EQ(PuidOf(*content, "o7000"), "{OTHER}");
+  EXPECT_EQ(ChildNamed(*content, "s10001", "new.txt"), "o7000");
+  EXPECT_EQ(ChildNamed(*content, "s10001", "a.txt"), a);
+}
+
+// A device removed and made again under the same folder is another device:
+// nothing this process knew of the old one is taken for it.
+TEST_F(SimDeviceTest, ADeviceMadeAnewInTheSameFolderGetsNewPersistentIds) {
+  WriteFile("a-internal/a.txt", "a");
+  std::string before;
+  {
+    auto device = Open();
+    std::shared_ptr<qp::IPortableDeviceContent> content;
+    device->Content(&content);
+    before = PuidOf(*content, ChildNamed(*content, "s10001", "a.txt"));
+    ASSERT_FALSE(before.empty());
+  }
+  sim::DeviceSpec spec;
+  std::string error;
+  ASSERT_TRUE(sim::ReadDevice(folder_, &spec, &error)) << error;
+  ASSERT_TRUE(sim::RemoveDevice(folder_, &error)) << error;
+  ASSERT_TRUE(sim::WriteDevice(spec, &error)) << error;
+  WriteFile("a-internal/a.txt", "a");
+  auto device = Open();
+  ASSERT_NE(device, nullptr);
+  std::shared_ptr<qp::IPortableDeviceContent> content;
+  device->Content(&content);
+  const std::string after = PuidOf(*content, ChildNamed(*content, "s10001", "a.txt"));
+  EXPECT_FALSE(after.empty());
+  EXPECT_NE(after, before);
+}
+
+// A folder moved away while no device object was open takes its objects
+// with it: a new file at an old path is a new object.
+TEST_F(SimDeviceTest, AFolderMovedWhileTheDeviceWasClosedLeavesNoIdsBehind) {
+  WriteFile("a-internal/old/f.txt", "f");
+  std::string first;
+  {
+    auto device = Open();
+    std::shared_ptr<qp::IPortableDeviceContent> content;
+    device->Content(&content);
+    const std::string old = ChildNamed(*content, "s10001", "old");
+    first = ChildNamed(*content, old, "f.txt");
+    ASSERT_FALSE(first.empty());
+  }
+  std::filesystem::rename(folder_ / "a-internal/old", folder_ / "b-card/moved");
+  auto device = Open();
+  std::shared_ptr<qp::IPortableDeviceContent> content;
+  device->Content(&content);
+  WriteFile("a-internal/old/f.txt", "a new file");
+  const std::string old = ChildNamed(*content, "s10001", "old");
+  const std::string fresh = ChildNamed(*content, old, "f.txt");
+  EXPECT_FALSE(fresh.empty());
+  EXPECT_NE(fresh, first);
 }
 
 }  // namespace
