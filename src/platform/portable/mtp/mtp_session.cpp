@@ -438,6 +438,7 @@ HRESULT MtpSession::Advise(std::shared_ptr<IPortableDeviceEventCallback> sink, s
   std::lock_guard<std::mutex> l(sinksMutex_);
   *cookie = "mtp-sink-" + std::to_string(nextCookie_++);
   sinks_[*cookie] = std::move(sink);
+  if (pump_) pump_->Listen();
   return S_OK;
 }
 
