@@ -136,6 +136,7 @@ int32_t ServeDrive(MappingState* m) {
   const Invocation& inv = *m->inv;
   if (inv.event >= 0 && inv.parentPid)
     globals->CreateMappingFinishedEvent(m->letter, static_cast<uint64_t>(inv.event), static_cast<pid_t>(inv.parentPid));
+  if (int32_t refused = 0; RefusedBeforeOpening(m, &refused)) return refused;
   std::unique_ptr<DriveState> drive = CreateDrive(m, globals);
   DelayAutomaticMapping(*m);
   ShowProgress(I18N_AccessingTheDevice());

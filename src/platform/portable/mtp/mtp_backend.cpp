@@ -6,7 +6,10 @@
 #ifdef QUILLBOX_HAVE_LIBMTP
 #include <libmtp.h>
 
+#include <signal.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include <cctype>
 #include <cstdlib>
@@ -134,6 +137,36 @@ void RememberDeviceNames(const std::string& pnpId, const std::string& friendlyNa
   StoreNames(e);
   std::lock_guard<std::mutex> l(g_namesMutex);
   g_names[pnpId] = e;
+}
+
+void RecordDeviceHolder(const std::string& pnpId) {
+  const std::filesystem::path file = NamesFile(pnpId).string() + ".holder";
+  std::error_code ec;
+  std::filesystem::create_directories(file.parent_path(), ec);
+  const std::filesystem::path temporary = file.string() + "." + std::to_string(getpid());
+  {
+    std::ofstream out(temporary, std::ios::trunc);
+    out << getpid() << "\n";
+    if (!out) return;
+  }
+  std::filesystem::rename(temporary, file, ec);
+  if (ec) std::filesystem::remove(temporary, ec);
+}
+
+void ForgetDeviceHolder(const std::string& pnpId) {
+  const std::filesystem::path file = NamesFile(pnpId).string() + ".holder";
+  std::ifstream in(file);
+  long pid = 0;
+  if (!(in >> pid) || pid != getpid()) return;  // another process's record since
+  std::error_code ec;
+  std::filesystem::remove(file, ec);
+}
+
+bool HeldByAnotherProcess(const std::string& pnpId) {
+  std::ifstream in(NamesFile(pnpId).string() + ".holder");
+  long pid = 0;
+  if (!(in >> pid) || pid <= 0 || pid == getpid()) return false;
+  return kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
 }
 
 bool MtpBackendAvailable() { return true; }

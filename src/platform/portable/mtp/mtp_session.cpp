@@ -71,6 +71,8 @@ HRESULT MtpSession::Open(const std::string& pnpId, bool readOnly, std::shared_pt
     s->productId_ = pid;
     hr = s->OpenRaw(&raw[i]);
     if (SUCCEEDED(hr)) {
+      RecordDeviceHolder(pnpId);
+      s->holderRecorded_ = true;
       s->ReadFacts(usb.product);
       RememberDeviceNames(pnpId, s->facts_.friendlyName, s->facts_.manufacturer, s->facts_.model);
       s->pump_ = std::make_unique<MtpEventPump>(s.get());
@@ -88,6 +90,12 @@ HRESULT MtpSession::OpenRaw(LIBMTP_raw_device_t* raw) {
   // Uncached: the object tree is read folder by folder as asked, not at once.
   handle_ = LIBMTP_Open_Raw_Device_Uncached(raw);
   if (!handle_) {
+    // Held by another of our processes: it keeps the device while it serves
+    // a drive, so retrying as for a busy device would only wait.
+    if (HeldByAnotherProcess(pnpId_)) {
+      Trace("MT2@MtpSession::OpenRaw: ", "could not open the device: another of our processes holds it");
+      return HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION);
+    }
     Trace("MT2@MtpSession::OpenRaw: ", "could not open the device (held by another program?)");
     return E_ERROR_BUSY;
   }
@@ -142,6 +150,7 @@ void MtpSession::ReadFacts(const std::string& usbProduct) {
 }
 
 void MtpSession::Close() {
+  if (holderRecorded_.exchange(false)) ForgetDeviceHolder(pnpId_);
   if (pump_) pump_->Stop();
   std::unique_lock<std::timed_mutex> lock(device_, std::defer_lock);
   // A call stuck in libmtp ends with its USB timeout; wait for it, bounded.
