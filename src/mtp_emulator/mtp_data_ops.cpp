@@ -135,7 +135,7 @@ void MtpResponder::SendObjectInfo(uint32_t storage, uint32_t parent, const std::
     v.SetGuidValue(WPD_OBJECT_CONTENT_TYPE, WPD_CONTENT_TYPE_FOLDER);
     std::string newId;
     HRESULT hr = content_->CreateObjectWithPropertiesOnly(v, &newId);
-    if (FAILED(hr)) return Respond(CodeOf(hr));
+    if (FAILED(hr)) return Respond(hr == E_ERROR_NOT_SUPPORTED ? ptp::kStoreReadOnly : CodeOf(hr));
     return Respond(ptp::kOK, {storageNumber, parentHandle, handles_.HandleOf(newId)});
   }
   auto upload = std::make_unique<Upload>();

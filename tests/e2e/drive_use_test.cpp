@@ -42,6 +42,8 @@ class DriveUseE2e : public ::testing::TestWithParam<Backend> {
   // Sets the internal storage's free space (before the mapping reads it).
   void SetFreeSpace(uint64_t bytes) {
     ASSERT_EQ(Sh("sed -i 's/^free_space=.*/free_space=" + std::to_string(bytes) + "/' \"$S/.storage.ini\"").code, 0);
+    home_.RestartEmulator();
+    ASSERT_TRUE(home_.Ready());
   }
   fs::path Rescued() const { return home_.Path() / "local" / "Quillbox" / "Rescued" / "Quillbox Demo Phone"; }
   // Maps the internal storage through a serving instance.
@@ -187,6 +189,17 @@ TEST_P(DriveUseE2e, FullDeviceAndDeviceWithoutWritingRefuseChanges) {
   ASSERT_EQ(Sh("echo small > \"$D/Documents/fits.txt\"").code, 0);
   EXPECT_TRUE(WaitFor([&] { return ReadText(Storage() / "Documents" / "fits.txt") == "small\n"; }, kDeviceLimit));
   EXPECT_FALSE(fs::exists(Storage() / "Documents" / "full.bin"));
+
+  // Without the write command nothing new reaches the device; what was
+  // written is kept in the rescue folder.
+  ASSERT_EQ(home_.Simdev({"fault", "demo", "no-write"}).code, 0);
+  RunResult file = Sh("echo refused > \"$D/Documents/refused.txt\"");
+  RunResult folder = Sh("mkdir \"$D/Refused\"");
+  EXPECT_NE(folder.code, 0) << folder.out;
+  EXPECT_TRUE(WaitFor([&] { return file.code != 0 || ReadText(Rescued() / "Documents" / "refused.txt") == "refused\n"; },
+                      kDeviceLimit)) << file.out;
+  EXPECT_FALSE(fs::exists(Storage() / "Documents" / "refused.txt"));
+  EXPECT_FALSE(fs::exists(Storage() / "Refused"));
 }
 }  // namespace
 }  // namespace qbtest
