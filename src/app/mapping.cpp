@@ -19,6 +19,7 @@
 #include "diag/trace.h"
 #include "drive/drive.h"
 #include "i18n/i18n.h"
+#include "platform/dokan/dokan_linux.h"
 #include "settings/settings.h"
 #include "shell/drive_icon.h"
 #include "shell/refresh.h"
@@ -27,6 +28,8 @@ namespace qb::app {
 namespace {
 
 constexpr const char* kTag = "M60@MapDevice: ";
+// How long programs may keep files open on a drive whose device went.
+constexpr uint32_t kDeviceGoneAbortMs = 2000;
 
 int32_t Return(int n, int32_t rc) {
   Trace(kTag, "RETURN[%d]: RC=0x%08X (%s)", n, static_cast<uint32_t>(rc), CodeToName(rc));
@@ -48,6 +51,21 @@ void StartFromInvocation(MappingState* m, Invocation* inv) {
   }
 }
 
+// The drive goes when its device went (removed, offline, shared state
+// lost). It is detached at once, and the programs that are reading get the
+// drive's error (EIO) rather than a connection cut under them: the kernel
+// asks a failed read again before the program learns of it, so no moment
+// between two requests is safe to cut. Files still open after the limit
+// end with the connection.
+void UnmountDeviceGone(bool failure) {
+  const char letter = Mapping().letter;
+  if (failure) Trace(kTag, "Something went wrong with the drive '%c', terminating.", letter);
+  if (dokan::DetachMountPoint(letter, kDeviceGoneAbortMs)) return;
+  ForceUnmount(letter, failure, true);
+}
+
+void UnmountOffline() { UnmountDeviceGone(true); }
+
 // What the drive needs of this room and the shell, handed over as hooks.
 // The hooks read the letter when they run: the mount loop may move the
 // mapping to another letter.
@@ -55,7 +73,7 @@ DriveHooks MakeHooks() {
   DriveHooks h;
   h.fnSetupIconAndSignalParent = [](const char* reason) { SetupIconAndSignalParent(reason); };
   h.fnIntegrityCheck = [] { return SuperGlobals() && SuperGlobals()->IntegrityCheck(Mapping().letter); };
-  h.fnForceUnmount = [](bool failure) { ForceUnmount(Mapping().letter, failure, true); };
+  h.fnForceUnmount = [](bool failure) { UnmountDeviceGone(failure); };
   h.fnResetMappedDevice = [] { return SuperGlobals() && SuperGlobals()->ResetMappedDevice(Mapping().letter); };
   h.fnRemoveDriveIcon = [] { nb::RemoveDriveIconAndPlace(Mapping().letter); };
   h.fnRefreshShell = [](uint32_t event, const std::string& path) {
@@ -80,7 +98,7 @@ void DelayAutomaticMapping(const MappingState& m) {
 
 // The drive's device access: a device that goes offline ends the mapping.
 CWPDHelperBase* WatchedDeviceAccess() {
-  static COfflineWatch watch(DeviceAccess(), [] { ForceUnmount(Mapping().letter, true, true); });
+  static COfflineWatch watch(DeviceAccess(), UnmountOffline);
   return &watch;
 }
 
