@@ -85,8 +85,6 @@ class SimContent : public IPortableDeviceContent {
   }
 
   HRESULT CreateObjectWithPropertiesOnly(const PortableDeviceValues& values, std::string* objectId) override {
-    // A device without the write command makes no folders either.
-    if (!s_->SupportsWrite()) return E_ERROR_NOT_SUPPORTED;
     std::string rel;
     HRESULT hr = NewObjectPath(values, &rel);
     if (FAILED(hr)) return hr;
