@@ -110,13 +110,14 @@ MtpDeviceEntry EntryFor(LIBMTP_raw_device_t* raw, const UsbPortInfo& usb) {
     auto it = g_names.find(e.pnpId);
     if (it != g_names.end()) return it->second;
   }
-  if (ReadNames(raw, &e)) {
-    StoreNames(e);
-    std::lock_guard<std::mutex> l(g_namesMutex);
-    g_names[e.pnpId] = e;
-  } else {
-    LoadNames(&e);  // held by another program: the names one of us learned
-  }
+  // The names one of us learned stand, as the system keeps a device's name
+  // once it knows it: opening the device only for them costs a session
+  // (every session that opens the device stores its names afresh).
+  const bool stored = LoadNames(&e);
+  if (!stored && !ReadNames(raw, &e)) return e;
+  if (!stored) StoreNames(e);
+  std::lock_guard<std::mutex> l(g_namesMutex);
+  g_names[e.pnpId] = e;
   return e;
 }
 
