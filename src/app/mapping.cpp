@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "app/cache_table.h"
+#include "app/letter_choice.h"
 #include "app/letter_flow.h"
 #include "app/main_codes.h"
 #include "app/mapping_messages.h"
@@ -139,7 +140,9 @@ void Teardown(MappingState* m, std::unique_ptr<DriveState> drive) {
     drive.reset();
   }
   CSuperGlobals* globals = SuperGlobals();
-  if (globals && m->setupDone) {
+  // A letter that is taken again belongs to a newer instance (the same
+  // device mapped again after an unmount): its entry and icon stay.
+  if (globals && m->setupDone && IsLetterFree(m->letter)) {
     MappedDeviceInfo info;
     const char16_t* id = globals->GetMappedDevice(m->letter, &info);
     if (id && EqualsNoCaseAZ(info.deviceId, m->deviceId)) globals->ResetMappedDevice(m->letter);

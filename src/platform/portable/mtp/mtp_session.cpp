@@ -71,8 +71,6 @@ HRESULT MtpSession::Open(const std::string& pnpId, bool readOnly, std::shared_pt
     s->productId_ = pid;
     hr = s->OpenRaw(&raw[i]);
     if (SUCCEEDED(hr)) {
-      RecordDeviceHolder(pnpId);
-      s->holderRecorded_ = true;
       s->ReadFacts(usb.product);
       RememberDeviceNames(pnpId, s->facts_.friendlyName, s->facts_.manufacturer, s->facts_.model);
       s->pump_ = std::make_unique<MtpEventPump>(s.get());
@@ -448,6 +446,9 @@ HRESULT MtpSession::Advise(std::shared_ptr<IPortableDeviceEventCallback> sink, s
   *cookie = "mtp-sink-" + std::to_string(nextCookie_++);
   sinks_[*cookie] = std::move(sink);
   if (pump_) pump_->Listen();
+  // A session that listens keeps the device (it serves a drive); one opened
+  // for a few properties lets go at once and is waited for as busy.
+  if (!holderRecorded_.exchange(true)) RecordDeviceHolder(pnpId_);
   return S_OK;
 }
 
