@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "app/launch.h"
+#include "app/letter_flow.h"
 #include "app/main_codes.h"
 #include "app/mapping.h"
 #include "app/neighbours.h"
@@ -57,16 +58,13 @@ std::string Unquote(const std::string& value, bool* closed) {
   return {};
 }
 
-std::string PnPIdOf(const nb::DeviceList& list, const std::string& deviceId) {
-  for (size_t i = 0; i < list.ids.size(); ++i)
-    if (list.ids[i] == deviceId && i < list.pnpIds.size()) return list.pnpIds[i];
+// Reads the device list into the invocation and looks the device's PnP id
+// up in it.
+std::string LookUpPnPId(const std::string& deviceId, Invocation* inv) {
+  inv->devices = ReadDeviceList();
+  for (const ListedDevice& d : *inv->devices)
+    if (d.id == deviceId) return d.pnpId;
   return {};
-}
-
-std::string LookUpPnPId(const std::string& deviceId) {
-  nb::DeviceList list;
-  nb::GetDevices(&list);
-  return PnPIdOf(list, deviceId);
 }
 
 // ---- the unmount command ----
@@ -131,7 +129,7 @@ int32_t RunStiLaunch(int argc, char** argv, const std::string& device, bool conn
   Trace(kTag, "Connected device event");
   inv->letter = '?';
   inv->deviceId = device;
-  inv->pnpId = LookUpPnPId(device);
+  inv->pnpId = LookUpPnPId(device, inv);
   Trace(kTag, "DeviceIDpnp: %s", inv->pnpId.c_str());
   if (inv->pnpId.empty()) {
     Trace(kTag, "Device is unusable, skip it");
@@ -369,7 +367,7 @@ int32_t ParseSwitchesOrEnd(int argc, char** argv, Invocation* inv) {
         break;
       case 'i':
         inv->deviceId = value;
-        inv->pnpId = LookUpPnPId(value);
+        inv->pnpId = LookUpPnPId(value, inv);
         Trace(kTag, "DeviceID: %s", inv->deviceId.c_str());
         Trace(kTag, "DeviceIDpnp: %s", inv->pnpId.c_str());
         break;

@@ -3,6 +3,7 @@
 // the instance roles share.
 #include <atomic>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,11 @@ namespace qb::app {
 
 enum class StorageSelector { kNone, kName, kIndex };
 enum class DeviceSelector { kNone, kName, kSerial, kAlias };
+
+// One row of the device list.
+struct ListedDevice {
+  std::string id, name, serial, pnpId;
+};
 
 // The invocation record; every field starts at zero or empty.
 struct Invocation {
@@ -38,6 +44,10 @@ struct Invocation {
   // Counters of the walk.
   int bareDrives = 0, lSwitches = 0, mFound = 0, sValues = 0;
   bool bDevice = false;          // /b named a device
+  // The device list as it was read to look the device's PnP id up; the
+  // letter choice finds the device in it again (each reading of the list
+  // opens every device, twice).
+  std::optional<std::vector<ListedDevice>> devices;
 };
 
 // The lists of storages still to be mapped by later instances (/r, /n, /c).

@@ -22,14 +22,14 @@ HRESULT IgnoreEvents(const char*, const char*, uint32_t, const char*, uint32_t, 
 }
 
 // Step 1: the device in the device list. False when it is not listed.
+// The list /i read is used again: reading it opens every device.
 bool LookUpDevice(MappingState* m) {
-  nb::DeviceList list;
-  nb::GetDevices(&list);
-  for (size_t i = 0; i < list.ids.size(); ++i) {
-    if (!EqualsNoCaseAZ(list.ids[i], m->deviceId)) continue;
-    m->friendlyName = i < list.names.size() ? list.names[i] : "";
-    m->serialNumber = i < list.serials.size() ? list.serials[i] : "";
-    if (m->pnpId.empty() && i < list.pnpIds.size()) m->pnpId = list.pnpIds[i];
+  const std::vector<ListedDevice> rows = m->inv->devices ? *m->inv->devices : ReadDeviceList();
+  for (const ListedDevice& d : rows) {
+    if (!EqualsNoCaseAZ(d.id, m->deviceId)) continue;
+    m->friendlyName = d.name;
+    m->serialNumber = d.serial;
+    if (m->pnpId.empty()) m->pnpId = d.pnpId;
     return true;
   }
   return false;
@@ -86,6 +86,16 @@ LetterOutcome RunDialog(MappingState* m) {
 }
 
 }  // namespace
+
+std::vector<ListedDevice> ReadDeviceList() {
+  nb::DeviceList list;
+  nb::GetDevices(&list);
+  auto at = [](const std::vector<std::string>& v, size_t n) { return n < v.size() ? v[n] : std::string(); };
+  std::vector<ListedDevice> rows;
+  for (size_t i = 0; i < list.ids.size(); ++i)
+    rows.push_back({list.ids[i], at(list.names, i), at(list.serials, i), at(list.pnpIds, i)});
+  return rows;
+}
 
 LetterOutcome ChooseDriveLetter(MappingState* m) {
   Trace(kTag, "ENTER %s, %c", m->deviceId.c_str(), m->letter);

@@ -4,8 +4,15 @@
 // the policy and the mapping dialog; also the skipped card and the launch of
 // the next card's instance.
 #include <cstdint>
+#include <vector>
+
+#include "app/invocation.h"
 
 namespace qb::app {
+
+// The device list as rows (empty when it cannot be read). Every reading
+// opens each device.
+std::vector<ListedDevice> ReadDeviceList();
 
 struct MappingState;
 

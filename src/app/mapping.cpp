@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "app/cache_table.h"
+#include "app/letter_choice.h"
 #include "app/letter_flow.h"
 #include "app/main_codes.h"
 #include "app/mapping_messages.h"
@@ -19,6 +20,7 @@
 #include "diag/trace.h"
 #include "drive/drive.h"
 #include "i18n/i18n.h"
+#include "platform/dokan/dokan_linux.h"
 #include "settings/settings.h"
 #include "shell/drive_icon.h"
 #include "shell/refresh.h"
@@ -27,6 +29,8 @@ namespace qb::app {
 namespace {
 
 constexpr const char* kTag = "M60@MapDevice: ";
+// How long programs may keep files open on a drive whose device went.
+constexpr uint32_t kDeviceGoneAbortMs = 2000;
 
 int32_t Return(int n, int32_t rc) {
   Trace(kTag, "RETURN[%d]: RC=0x%08X (%s)", n, static_cast<uint32_t>(rc), CodeToName(rc));
@@ -48,6 +52,21 @@ void StartFromInvocation(MappingState* m, Invocation* inv) {
   }
 }
 
+// The drive goes when its device went (removed, offline, shared state
+// lost). It is detached at once, and the programs that are reading get the
+// drive's error (EIO) rather than a connection cut under them: the kernel
+// asks a failed read again before the program learns of it, so no moment
+// between two requests is safe to cut. Files still open after the limit
+// end with the connection.
+void UnmountDeviceGone(bool failure) {
+  const char letter = Mapping().letter;
+  if (failure) Trace(kTag, "Something went wrong with the drive '%c', terminating.", letter);
+  if (dokan::DetachMountPoint(letter, kDeviceGoneAbortMs)) return;
+  ForceUnmount(letter, failure, true);
+}
+
+void UnmountOffline() { UnmountDeviceGone(true); }
+
 // What the drive needs of this room and the shell, handed over as hooks.
 // The hooks read the letter when they run: the mount loop may move the
 // mapping to another letter.
@@ -55,7 +74,7 @@ DriveHooks MakeHooks() {
   DriveHooks h;
   h.fnSetupIconAndSignalParent = [](const char* reason) { SetupIconAndSignalParent(reason); };
   h.fnIntegrityCheck = [] { return SuperGlobals() && SuperGlobals()->IntegrityCheck(Mapping().letter); };
-  h.fnForceUnmount = [](bool failure) { ForceUnmount(Mapping().letter, failure, true); };
+  h.fnForceUnmount = [](bool failure) { UnmountDeviceGone(failure); };
   h.fnResetMappedDevice = [] { return SuperGlobals() && SuperGlobals()->ResetMappedDevice(Mapping().letter); };
   h.fnRemoveDriveIcon = [] { nb::RemoveDriveIconAndPlace(Mapping().letter); };
   h.fnRefreshShell = [](uint32_t event, const std::string& path) {
@@ -80,7 +99,7 @@ void DelayAutomaticMapping(const MappingState& m) {
 
 // The drive's device access: a device that goes offline ends the mapping.
 CWPDHelperBase* WatchedDeviceAccess() {
-  static COfflineWatch watch(DeviceAccess(), [] { ForceUnmount(Mapping().letter, true, true); });
+  static COfflineWatch watch(DeviceAccess(), UnmountOffline);
   return &watch;
 }
 
@@ -121,7 +140,9 @@ void Teardown(MappingState* m, std::unique_ptr<DriveState> drive) {
     drive.reset();
   }
   CSuperGlobals* globals = SuperGlobals();
-  if (globals && m->setupDone) {
+  // A letter that is taken again belongs to a newer instance (the same
+  // device mapped again after an unmount): its entry and icon stay.
+  if (globals && m->setupDone && IsLetterFree(m->letter)) {
     MappedDeviceInfo info;
     const char16_t* id = globals->GetMappedDevice(m->letter, &info);
     if (id && EqualsNoCaseAZ(info.deviceId, m->deviceId)) globals->ResetMappedDevice(m->letter);
@@ -136,6 +157,7 @@ int32_t ServeDrive(MappingState* m) {
   const Invocation& inv = *m->inv;
   if (inv.event >= 0 && inv.parentPid)
     globals->CreateMappingFinishedEvent(m->letter, static_cast<uint64_t>(inv.event), static_cast<pid_t>(inv.parentPid));
+  if (int32_t refused = 0; RefusedBeforeOpening(m, &refused)) return refused;
   std::unique_ptr<DriveState> drive = CreateDrive(m, globals);
   DelayAutomaticMapping(*m);
   ShowProgress(I18N_AccessingTheDevice());

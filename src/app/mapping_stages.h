@@ -21,6 +21,13 @@ int32_t SelectAndList(MappingState* state, DriveState* drive, bool* listed);
 // user declined.
 bool PrepareMount(MappingState* state, DriveState* drive);
 
+// The device (with this storage selector) served at another letter is
+// refused before the device is opened: the instance that serves it holds
+// it, and USB lets one program claim an MTP device. Only where the refusal
+// asks nothing of the user (a direct child, a quiet instance); true with the
+// mapping's code when refused.
+bool RefusedBeforeOpening(MappingState* state, int32_t* code);
+
 // The mount loop: refusals, mounts, retries, dialog. Returns the mapping's
 // code (0, -29, -30, or the failure code of a direct child).
 int32_t MountLoop(MappingState* state, DriveState* drive);

@@ -165,6 +165,15 @@ int32_t AfterFailure(MappingState* m, const Refusal& r, bool* again) {
 
 }  // namespace
 
+bool RefusedBeforeOpening(MappingState* m, int32_t* code) {
+  if (!(m->directChild || m->quiet) || ServedByOther(m->letter)) return false;
+  Refusal r = CheckDeviceMapped(*m);
+  if (!r.refused) return false;
+  bool again = false;
+  *code = AfterFailure(m, r, &again);
+  return true;
+}
+
 int32_t MountLoop(MappingState* m, DriveState* drive) {
   CSuperGlobals* g = SuperGlobals();
   int attempts = 0;

@@ -99,6 +99,14 @@ void MtpResponder::GetObject(uint32_t handle, uint64_t offset, uint64_t maxBytes
   Respond(ptp::kOK, {static_cast<uint32_t>(count)});
 }
 
+bool MtpResponder::TakesWrites() const {
+  std::shared_ptr<qb::portable::IPortableDeviceCapabilities> caps;
+  qb::portable::KeyCollection commands;
+  if (FAILED(device_->Capabilities(&caps)) || !caps || FAILED(caps->GetSupportedCommands(&commands))) return true;
+  return std::find(commands.begin(), commands.end(), WPD_COMMAND_OBJECT_MANAGEMENT_CREATE_OBJECT_WITH_PROPERTIES_AND_DATA) !=
+         commands.end();
+}
+
 void MtpResponder::SendObjectInfo(uint32_t storage, uint32_t parent, const std::vector<uint8_t>& data) {
   upload_.reset();
   if (storage != 0 && storage != 0xFFFFFFFFu && StorageIdOf(storage).empty()) return Respond(ptp::kInvalidStorageID);
@@ -132,6 +140,9 @@ void MtpResponder::SendObjectInfo(uint32_t storage, uint32_t parent, const std::
   v.SetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, name);
   v.SetStringValue(WPD_OBJECT_NAME, name);
   if (format == ptp::kFormatAssociation) {
+    // MTP has no way to say that a device lacks the write command but for
+    // refusing what it would store: a folder too.
+    if (!TakesWrites()) return Respond(ptp::kStoreReadOnly);
     v.SetGuidValue(WPD_OBJECT_CONTENT_TYPE, WPD_CONTENT_TYPE_FOLDER);
     std::string newId;
     HRESULT hr = content_->CreateObjectWithPropertiesOnly(v, &newId);

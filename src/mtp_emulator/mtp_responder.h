@@ -67,6 +67,8 @@ class MtpResponder : public OutSink {
 
   void Respond(uint16_t code, const Params& params = {});
   void SendData(const std::vector<uint8_t>& payload);
+  // The simulated device has the write command now (its faults change).
+  bool TakesWrites() const;
   void Run(const Command& c);
   void RunWithData(const Command& c, const std::vector<uint8_t>& data);
   uint16_t CodeOf(HRESULT hr) const;

@@ -1,6 +1,8 @@
 // A mapped drive used by other programs (cat, cp, rsync, tar, mv, rm,
-// mkdir), changes made on the device, and an upload that fails; over the
-// simulated back end and over libmtp with the emulated device.
+// mkdir), changes made on the device, and the device's faults (busy, a
+// transfer that breaks off, unplugged, full, no write command) met through
+// the drive; over the simulated back end and over libmtp with the emulated
+// device.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -26,6 +28,22 @@ class DriveUseE2e : public ::testing::TestWithParam<Backend> {
   std::string Sums(const std::string& folder) {
     RunResult r = Sh("cd " + folder + " && " + kSums);
     return r.code == 0 ? r.out : "";
+  }
+  // The bytes of the drive's cache copies, all files together.
+  uintmax_t CachedBytes() const {
+    uintmax_t bytes = 0;
+    std::error_code ec;
+    const fs::path cache = home_.Path() / "local" / "Quillbox" / "QUILLBOX_CACHE";
+    for (auto it = fs::recursive_directory_iterator(cache, ec); !ec && it != fs::recursive_directory_iterator();
+         it.increment(ec))
+      if (it->is_regular_file(ec)) bytes += it->file_size(ec);
+    return bytes;
+  }
+  // Sets the internal storage's free space (before the mapping reads it).
+  void SetFreeSpace(uint64_t bytes) {
+    ASSERT_EQ(Sh("sed -i 's/^free_space=.*/free_space=" + std::to_string(bytes) + "/' \"$S/.storage.ini\"").code, 0);
+    home_.RestartEmulator();
+    ASSERT_TRUE(home_.Ready());
   }
   fs::path Rescued() const { return home_.Path() / "local" / "Quillbox" / "Rescued" / "Quillbox Demo Phone"; }
   // Maps the internal storage through a serving instance.
@@ -114,5 +132,74 @@ TEST_P(DriveUseE2e, UploadThatFailsLandsInTheRescueFolder) {
   EXPECT_TRUE(WaitFor([&] { return ReadText(Storage() / "Documents" / "again.txt") == "again\n"; }, kDeviceLimit));
 }
 
+// ---- the device's faults, met through the drive ----
+
+TEST_P(DriveUseE2e, ReadsRideOutABusyDeviceAndATransferThatBreaksOff) {
+  ASSERT_EQ(Sh("mkdir \"$S/Faults\" && echo first > \"$S/Faults/busy.txt\" && "
+               "head -c 700000 /dev/urandom > \"$S/Faults/big.bin\"").code, 0);
+  Map();
+  ASSERT_EQ(Sh("ls \"$D/Faults\"").code, 0);
+  // Busy: the device layer asks again, the read gets its bytes.
+  ASSERT_EQ(home_.Simdev({"fault", "demo", "busy", "3"}).code, 0);
+  RunResult busy = Sh("cat \"$D/Faults/busy.txt\"");
+  EXPECT_EQ(busy.code, 0) << busy.out;
+  EXPECT_EQ(busy.out, "first\n");
+  // A download that breaks off fails the read; the next read downloads the
+  // file again and gets all of it.
+  ASSERT_EQ(home_.Simdev({"fault", "demo", "fail-after", "100000"}).code, 0);
+  RunResult broken = Sh("cat \"$D/Faults/big.bin\" > /dev/null");
+  EXPECT_NE(broken.code, 0) << broken.out;
+  EXPECT_NE(broken.out.find("Input/output error"), std::string::npos) << broken.out;
+  ASSERT_EQ(home_.Simdev({"fault", "demo", "clear"}).code, 0);
+  RunResult again = Sh("cmp \"$D/Faults/big.bin\" \"$S/Faults/big.bin\" && echo same");
+  EXPECT_EQ(again.out, "same\n");
+}
+
+TEST_P(DriveUseE2e, UnpluggedDuringAReadFailsTheReadAndEndsTheDrive) {
+  ASSERT_EQ(Sh("mkdir \"$S/Faults\" && head -c 3000000 /dev/urandom > \"$S/Faults/big.bin\"").code, 0);
+  Map();
+  ASSERT_EQ(Sh("ls \"$D/Faults\"").code, 0);
+  ASSERT_EQ(home_.Simdev({"fault", "demo", "rate", "200000"}).code, 0);  // 15 s for the file
+  BackgroundProcess reader({"/bin/sh", "-c", "exec 2>&1; cat \"$1\" > /dev/null; echo \"exit $?\"", "sh",
+                            (Drive() / "Faults" / "big.bin").string()});
+  ASSERT_TRUE(WaitFor([&] { return CachedBytes() > 0; }, kDeviceLimit)) << "the download did not start";
+  ASSERT_EQ(home_.Simdev({"disconnect", "demo"}).code, 0);
+  // The read ends with an error in time; nothing hangs.
+  std::string line, output;
+  while (reader.ReadLine(&line, 20s)) {
+    output += line + "\n";
+    if (line.rfind("exit ", 0) == 0) break;
+  }
+  EXPECT_NE(output.find("Input/output error"), std::string::npos) << output;
+  EXPECT_EQ(output.find("exit 0"), std::string::npos) << output;
+  // The instance ends and takes its mount with it.
+  int code = -1;
+  EXPECT_TRUE(serving_->Wait(30s, &code));
+  EXPECT_FALSE(FindMount(Drive()));
+}
+
+TEST_P(DriveUseE2e, FullDeviceAndDeviceWithoutWritingRefuseChanges) {
+  SetFreeSpace(300000);
+  Map();
+  // Full: the write that does not fit fails, and the device gets no part of
+  // the file.
+  RunResult full = Sh("head -c 800000 /dev/urandom > \"$D/Documents/full.bin\"");
+  EXPECT_NE(full.code, 0);
+  EXPECT_NE(full.out.find("No space left on device"), std::string::npos) << full.out;
+  ASSERT_EQ(Sh("echo small > \"$D/Documents/fits.txt\"").code, 0);
+  EXPECT_TRUE(WaitFor([&] { return ReadText(Storage() / "Documents" / "fits.txt") == "small\n"; }, kDeviceLimit));
+  EXPECT_FALSE(fs::exists(Storage() / "Documents" / "full.bin"));
+
+  // Without the write command nothing new reaches the device; what was
+  // written is kept in the rescue folder.
+  ASSERT_EQ(home_.Simdev({"fault", "demo", "no-write"}).code, 0);
+  RunResult file = Sh("echo refused > \"$D/Documents/refused.txt\"");
+  RunResult folder = Sh("mkdir \"$D/Refused\"");
+  EXPECT_NE(folder.code, 0) << folder.out;
+  EXPECT_TRUE(WaitFor([&] { return file.code != 0 || ReadText(Rescued() / "Documents" / "refused.txt") == "refused\n"; },
+                      kDeviceLimit)) << file.out;
+  EXPECT_FALSE(fs::exists(Storage() / "Documents" / "refused.txt"));
+  EXPECT_FALSE(fs::exists(Storage() / "Refused"));
+}
 }  // namespace
 }  // namespace qbtest

@@ -54,16 +54,25 @@ E2eHome::E2eHome(Backend backend) : backend_(backend), deviceHome_(home_.Path())
 }
 
 E2eHome::~E2eHome() {
-  if (emulator_) {
-    emulator_->Signal(SIGTERM);
-    int code = 0;
-    emulator_->Wait(10s, &code);
-    emulator_.reset();
-  }
+  StopEmulator();
   for (const auto& [name, value] : saved_) {
     if (value.empty()) unsetenv(name.c_str());
     else setenv(name.c_str(), value.c_str(), 1);
   }
+}
+
+void E2eHome::StopEmulator() {
+  if (!emulator_) return;
+  emulator_->Signal(SIGTERM);
+  int code = 0;
+  emulator_->Wait(10s, &code);
+  emulator_.reset();
+}
+
+void E2eHome::RestartEmulator() {
+  if (backend_ != Backend::kMtp) return;
+  StopEmulator();
+  StartEmulator();
 }
 
 // The program and every tool the test starts (quillbox-probe, ...) run on
@@ -74,11 +83,13 @@ void E2eHome::StartEmulator() {
   const std::filesystem::path sockets = home_ / "sockets";
   auto set = [&](const std::string& name, const std::string& value) {
     const char* old = std::getenv(name.c_str());
-    saved_[name] = old ? old : "";
+    if (!saved_.count(name)) saved_[name] = old ? old : "";
     setenv(name.c_str(), value.c_str(), 1);
   };
-  const char* libraryPath = std::getenv("LD_LIBRARY_PATH");
-  set("LD_LIBRARY_PATH", std::string(QB_MTP_EMULATOR_LIB_DIR) + (libraryPath ? std::string(":") + libraryPath : ""));
+  const char* libraryPath = saved_.count("LD_LIBRARY_PATH") ? saved_["LD_LIBRARY_PATH"].c_str()
+                                                             : std::getenv("LD_LIBRARY_PATH");
+  const std::string before = libraryPath ? libraryPath : "";
+  set("LD_LIBRARY_PATH", std::string(QB_MTP_EMULATOR_LIB_DIR) + (before.empty() ? "" : ":" + before));
   set("QUILLBOX_MTP_EMULATOR_DIR", sockets.string());
   set("QUILLBOX_USB_DEVICES_ROOT", (sockets / "usb-devices").string());
   emulator_ = std::make_unique<BackgroundProcess>(

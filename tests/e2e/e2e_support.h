@@ -48,9 +48,14 @@ class E2eHome {
   RunResult Simdev(const std::vector<std::string>& args);
   // True when the device is served (always for the simulated back end).
   bool Ready() const { return ready_; }
+  // Serves the device afresh, so that the emulator reads what a test
+  // changed in the device's folder (storage sizes); nothing for the
+  // simulated back end, which reads them when the device is opened.
+  void RestartEmulator();
 
  private:
   void StartEmulator();
+  void StopEmulator();
 
   ScopedHome home_;
   Backend backend_;

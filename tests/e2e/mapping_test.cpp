@@ -201,7 +201,6 @@ TEST_P(MappingE2e, KilledServerBlocksNobodyAndTheLetterMapsAgain) {
 }
 
 TEST_P(MappingE2e, SameDeviceTwiceIsRefusedWithItsMessageAndCode) {
-  if (GetParam() == Backend::kMtp) GTEST_SKIP() << kOneProgramPerMtpDevice;
   DriveGuard q('Q'), r('R');
   ASSERT_EQ(Quillbox({"/mn", kDemo, "/si", "1", "Q:"}).code, 0);
   RunResult storage = Quillbox({"/mn", kDemo, "/si", "1", "R:"});

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <map>
 #include <mutex>
+#include <thread>
 
 #include "diag/trace.h"
 #include "platform/dokan/drive.h"
@@ -85,6 +86,40 @@ bool ForceRemoveMountPoint(char letter) {
   const bool ok = letter >= 'A' && letter <= 'Z' && ForceUnmountLetter(letter);
   Trace(kTag, "RETURN: RC=0x%08X", ok ? 1u : 0u);
   return ok;
+}
+
+bool DetachMountPoint(char letter, uint32_t abortAfterMs) {
+  constexpr const char* kTag = "K7@DetachMountPoint: ";
+  if (letter >= 'a' && letter <= 'z') letter = static_cast<char>(letter - 'a' + 'A');
+  Drive* served = nullptr;
+  {
+    std::lock_guard lock(gDrivesMutex);
+    auto it = gDrives.find(letter);
+    if (it != gDrives.end()) served = it->second;
+  }
+  unsigned connection = 0;
+  const bool ok = served && DetachLetter(letter, &connection);
+  Trace(kTag, "%c: %d (connection %u)", letter, ok ? 1 : 0, connection);
+  if (!ok) return false;
+  // While the drive is registered here its session runs, so the connection
+  // number is still ours when it is aborted.
+  std::thread([letter, served, connection, abortAfterMs] {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(abortAfterMs);
+    for (;;) {
+      {
+        std::lock_guard lock(gDrivesMutex);
+        auto it = gDrives.find(letter);
+        if (it == gDrives.end() || it->second != served) return;
+        if (std::chrono::steady_clock::now() >= end) {
+          Trace(kTag, "%c: files still open after %u ms; aborting connection %u", letter, abortAfterMs, connection);
+          AbortConnection(connection);
+          return;
+        }
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+  }).detach();
+  return true;
 }
 
 bool InvalidatePath(char letter, std::string_view path, uint32_t waitMs) {

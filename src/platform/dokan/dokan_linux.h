@@ -46,6 +46,14 @@ bool IsDriveLetterFree(char letter);
 // letter stays mounted.
 bool ForceRemoveMountPoint(char letter);
 
+// The removal of a drive whose device went, served by this process: the
+// mount is detached at once (gone for every program), the requests under
+// way and those of files still open get the drive's own answers, and the
+// session ends when the last file is closed; a connection still there after
+// `abortAfterMs` is aborted (open files end). False when the letter is not
+// a drive of this process or the detach failed.
+bool DetachMountPoint(char letter, uint32_t abortAfterMs);
+
 // Makes every program see a change that was made behind the kernel's back:
 // drops the kernel's cached entry, attributes and data of `path` (backslash
 // form, "\DCIM\a.jpg") and of its folder, on the drive of `letter` served by

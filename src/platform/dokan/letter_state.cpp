@@ -205,6 +205,13 @@ bool UnmountLetter(char letter) {
   return Unmount(mp, true) || !FindMount(mp);
 }
 
+bool DetachLetter(char letter, unsigned* connection) {
+  const LetterInfo info = InspectLetter(letter);
+  if (!OursMounted(info)) return false;
+  *connection = info.mount->minor;
+  return Unmount(MountPointOf(letter), true);
+}
+
 bool ForceUnmountLetter(char letter) {
   const LetterInfo info = InspectLetter(letter);
   if (info.state == LetterState::kOursStale) {

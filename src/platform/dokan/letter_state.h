@@ -66,6 +66,8 @@ bool AbortConnection(unsigned connection);
 
 // Plain unmount, then lazy unmount and abort when the mount is busy.
 bool UnmountLetter(char letter);
+// Lazy unmount of a letter of ours; `connection` gets its FUSE connection.
+bool DetachLetter(char letter, unsigned* connection);
 // Abort and lazy unmount at once (the server may hang).
 bool ForceUnmountLetter(char letter);
 

@@ -1,7 +1,11 @@
 #include "platform/system/session_signals.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <ctime>
@@ -32,6 +36,7 @@ bool SessionSignalWatcher::Start(std::function<void(int)> handler) {
   if (thread_.joinable()) return false;
   handler_ = std::move(handler);
   stop_ = false;
+  wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   try {
     thread_ = std::thread(&SessionSignalWatcher::Run, this);
   } catch (...) {
@@ -42,20 +47,34 @@ bool SessionSignalWatcher::Start(std::function<void(int)> handler) {
 
 void SessionSignalWatcher::Stop() {
   stop_ = true;
+  if (wake_ >= 0) eventfd_write(wake_, 1);
   if (thread_.joinable()) {
-    if (thread_.get_id() == std::this_thread::get_id())
+    if (thread_.get_id() == std::this_thread::get_id()) {
       thread_.detach();
-    else
-      thread_.join();
+      return;  // the thread still uses the eventfd
+    }
+    thread_.join();
   }
+  if (wake_ >= 0) close(wake_);
+  wake_ = -1;
 }
 
 void SessionSignalWatcher::Run() {
   sigset_t set = SessionSet();
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  const int signals = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
   while (!stop_) {
-    struct timespec pass {0, 100 * 1000 * 1000};
-    int sig = sigtimedwait(&set, nullptr, &pass);
+    int sig = 0;
+    if (signals >= 0) {
+      struct pollfd fds[2] = {{signals, POLLIN, 0}, {wake_, POLLIN, 0}};
+      signalfd_siginfo info{};
+      if (poll(fds, wake_ >= 0 ? 2 : 1, 1000) > 0 && (fds[0].revents & POLLIN) &&
+          read(signals, &info, sizeof info) == static_cast<ssize_t>(sizeof info))
+        sig = static_cast<int>(info.ssi_signo);
+    } else {
+      struct timespec pass {0, 100 * 1000 * 1000};
+      sig = sigtimedwait(&set, nullptr, &pass);
+    }
     if (sig > 0 && handler_) {
       try {
         handler_(sig);
@@ -64,6 +83,7 @@ void SessionSignalWatcher::Run() {
       }
     }
   }
+  if (signals >= 0) close(signals);
 }
 
 }  // namespace qb::sys

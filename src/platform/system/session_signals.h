@@ -1,8 +1,9 @@
 #pragma once
 // The end of the user's session reaches a process as SIGTERM or SIGHUP. The
 // signals are blocked in every thread (call BlockSessionSignals before the
-// first thread starts) and one watcher thread takes them with a bounded wait
-// and runs a handler, outside signal context.
+// first thread starts) and one watcher thread takes them (a signalfd beside
+// a wake-up eventfd, waited on with a limit) and runs a handler, outside
+// signal context.
 #include <atomic>
 #include <functional>
 #include <thread>
@@ -24,7 +25,7 @@ class SessionSignalWatcher {
   // signal number, for every SIGTERM, SIGHUP or SIGINT. False when the
   // thread could not start.
   bool Start(std::function<void(int)> handler);
-  // Stops the watcher (it notices within one 100 ms pass).
+  // Stops the watcher at once (its wait is woken).
   void Stop();
   bool Running() const { return thread_.joinable(); }
 
@@ -33,6 +34,7 @@ class SessionSignalWatcher {
 
   std::function<void(int)> handler_;  // set before the thread starts
   std::atomic<bool> stop_{false};
+  int wake_ = -1;  // eventfd: Stop wakes the watcher's wait
   std::thread thread_;
 };
 

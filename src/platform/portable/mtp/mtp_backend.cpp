@@ -6,7 +6,10 @@
 #ifdef QUILLBOX_HAVE_LIBMTP
 #include <libmtp.h>
 
+#include <signal.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include <cctype>
 #include <cstdlib>
@@ -107,13 +110,14 @@ MtpDeviceEntry EntryFor(LIBMTP_raw_device_t* raw, const UsbPortInfo& usb) {
     auto it = g_names.find(e.pnpId);
     if (it != g_names.end()) return it->second;
   }
-  if (ReadNames(raw, &e)) {
-    StoreNames(e);
-    std::lock_guard<std::mutex> l(g_namesMutex);
-    g_names[e.pnpId] = e;
-  } else {
-    LoadNames(&e);  // held by another program: the names one of us learned
-  }
+  // The names one of us learned stand, as the system keeps a device's name
+  // once it knows it: opening the device only for them costs a session
+  // (every session that opens the device stores its names afresh).
+  const bool stored = LoadNames(&e);
+  if (!stored && !ReadNames(raw, &e)) return e;
+  if (!stored) StoreNames(e);
+  std::lock_guard<std::mutex> l(g_namesMutex);
+  g_names[e.pnpId] = e;
   return e;
 }
 
@@ -134,6 +138,36 @@ void RememberDeviceNames(const std::string& pnpId, const std::string& friendlyNa
   StoreNames(e);
   std::lock_guard<std::mutex> l(g_namesMutex);
   g_names[pnpId] = e;
+}
+
+void RecordDeviceHolder(const std::string& pnpId) {
+  const std::filesystem::path file = NamesFile(pnpId).string() + ".holder";
+  std::error_code ec;
+  std::filesystem::create_directories(file.parent_path(), ec);
+  const std::filesystem::path temporary = file.string() + "." + std::to_string(getpid());
+  {
+    std::ofstream out(temporary, std::ios::trunc);
+    out << getpid() << "\n";
+    if (!out) return;
+  }
+  std::filesystem::rename(temporary, file, ec);
+  if (ec) std::filesystem::remove(temporary, ec);
+}
+
+void ForgetDeviceHolder(const std::string& pnpId) {
+  const std::filesystem::path file = NamesFile(pnpId).string() + ".holder";
+  std::ifstream in(file);
+  long pid = 0;
+  if (!(in >> pid) || pid != getpid()) return;  // another process's record since
+  std::error_code ec;
+  std::filesystem::remove(file, ec);
+}
+
+bool HeldByAnotherProcess(const std::string& pnpId) {
+  std::ifstream in(NamesFile(pnpId).string() + ".holder");
+  long pid = 0;
+  if (!(in >> pid) || pid <= 0 || pid == getpid()) return false;
+  return kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
 }
 
 bool MtpBackendAvailable() { return true; }

@@ -4,6 +4,7 @@
 #ifdef QUILLBOX_HAVE_LIBMTP
 #include <sys/time.h>
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <variant>
@@ -38,6 +39,8 @@ uint64_t g_nextToken = 1;
 constexpr auto kSlice = std::chrono::milliseconds(200);
 constexpr auto kPresenceEvery = std::chrono::seconds(1);
 constexpr auto kRetryReadAfter = std::chrono::seconds(5);
+// Without a listener the first read waits this long.
+constexpr auto kQuietStart = std::chrono::seconds(1);
 
 void OnUsbEvent(int status, LIBMTP_event_t event, uint32_t parameter, void* token) {
   std::shared_ptr<MtpEventInbox> inbox;
@@ -59,7 +62,10 @@ bool IsUnnamed(const std::variant<MtpEventInbox::DeviceEvent, PortableDeviceValu
 
 }  // namespace
 
-MtpEventPump::MtpEventPump(MtpSession* session) : session_(session), inbox_(std::make_shared<MtpEventInbox>()) {
+MtpEventPump::MtpEventPump(MtpSession* session)
+    : session_(session),
+      inbox_(std::make_shared<MtpEventInbox>()),
+      listenFrom_(std::chrono::steady_clock::now() + kQuietStart) {
   std::lock_guard<std::mutex> l(g_inboxesMutex);
   token_ = g_nextToken++;
   g_inboxes[token_] = inbox_;
@@ -85,12 +91,30 @@ void MtpEventPump::Stop() {
   if (thread_.joinable()) thread_.detach();
 }
 
+void MtpEventPump::Listen() {
+  {
+    std::lock_guard<std::mutex> l(stopMutex_);
+    listenFrom_ = std::chrono::steady_clock::now();
+  }
+  stopCv_.notify_all();
+}
+
+bool MtpEventPump::WaitWhileQuiet() {
+  std::unique_lock<std::mutex> l(stopMutex_);
+  const auto now = std::chrono::steady_clock::now();
+  if (stop_ || now >= listenFrom_) return false;
+  stopCv_.wait_until(l, std::min(listenFrom_, now + kSlice),
+                     [&] { return stop_ || std::chrono::steady_clock::now() >= listenFrom_; });
+  return true;
+}
+
 void MtpEventPump::Post(PortableDeviceValues parameters) {
   std::lock_guard<std::mutex> l(inbox_->m);
   inbox_->items.emplace_back(std::move(parameters));
 }
 
 void MtpEventPump::Run() {
+  while (WaitWhileQuiet()) DrainInbox();
   auto lastPresence = std::chrono::steady_clock::now();
   auto nextRead = lastPresence;
   for (;;) {

@@ -4,9 +4,16 @@
 // slices of 200 ms, turns device events into model events (object added or
 // removed, storage changes), delivers the changes made through us, and
 // notices when the device goes (sysfs, checked every second).
+//
+// The first read waits until someone listens (Listen) or a second has
+// passed: a device opened only to read its properties (the device list
+// opens each device twice) is closed again at once, and a pending read
+// would hold that close for up to a slice (libusb's wait cannot be cut
+// short from outside).
 #ifdef QUILLBOX_HAVE_LIBMTP
 #include <libmtp.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -31,9 +38,14 @@ class MtpEventPump {
   void Stop();
   // Queues prepared event parameters for delivery on the pump thread.
   void Post(PortableDeviceValues parameters);
+  // Somebody wants the device's events: the reads start now.
+  void Listen();
 
  private:
   void Run();
+  // Waits (one slice at most) while nobody listens yet; false once the
+  // reads are to start.
+  bool WaitWhileQuiet();
   void SubmitRead();
   void HandleDeviceEvent(int status, LIBMTP_event_t event, uint32_t parameter);
   // False while another call holds the device: the event waits in deferred_.
@@ -60,6 +72,7 @@ class MtpEventPump {
   std::mutex stopMutex_;
   std::condition_variable stopCv_;
   bool stop_ = false;  // under stopMutex_
+  std::chrono::steady_clock::time_point listenFrom_;  // under stopMutex_: first read not before
   // Pump thread only: device events that found the device lock taken, in
   // their order; tried again every slice, never dropped.
   std::deque<Deferred> deferred_;

@@ -88,6 +88,12 @@ HRESULT MtpSession::OpenRaw(LIBMTP_raw_device_t* raw) {
   // Uncached: the object tree is read folder by folder as asked, not at once.
   handle_ = LIBMTP_Open_Raw_Device_Uncached(raw);
   if (!handle_) {
+    // Held by another of our processes: it keeps the device while it serves
+    // a drive, so retrying as for a busy device would only wait.
+    if (HeldByAnotherProcess(pnpId_)) {
+      Trace("MT2@MtpSession::OpenRaw: ", "could not open the device: another of our processes holds it");
+      return HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION);
+    }
     Trace("MT2@MtpSession::OpenRaw: ", "could not open the device (held by another program?)");
     return E_ERROR_BUSY;
   }
@@ -142,6 +148,7 @@ void MtpSession::ReadFacts(const std::string& usbProduct) {
 }
 
 void MtpSession::Close() {
+  if (holderRecorded_.exchange(false)) ForgetDeviceHolder(pnpId_);
   if (pump_) pump_->Stop();
   std::unique_lock<std::timed_mutex> lock(device_, std::defer_lock);
   // A call stuck in libmtp ends with its USB timeout; wait for it, bounded.
@@ -438,6 +445,10 @@ HRESULT MtpSession::Advise(std::shared_ptr<IPortableDeviceEventCallback> sink, s
   std::lock_guard<std::mutex> l(sinksMutex_);
   *cookie = "mtp-sink-" + std::to_string(nextCookie_++);
   sinks_[*cookie] = std::move(sink);
+  if (pump_) pump_->Listen();
+  // A session that listens keeps the device (it serves a drive); one opened
+  // for a few properties lets go at once and is waited for as busy.
+  if (!holderRecorded_.exchange(true)) RecordDeviceHolder(pnpId_);
   return S_OK;
 }
 

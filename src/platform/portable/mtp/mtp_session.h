@@ -137,6 +137,7 @@ class MtpSession {
 
   std::atomic<bool> offline_{false};
   std::atomic<bool> removedRaised_{false};
+  std::atomic<bool> holderRecorded_{false};  // this session wrote the holder record
 
   // ---- changed under cacheMutex_ ----
   std::mutex cacheMutex_;

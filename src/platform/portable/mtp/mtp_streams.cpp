@@ -8,14 +8,19 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <chrono>
 #include <ctime>
 #include <filesystem>
+#include <thread>
 
 #include "diag/trace.h"
 #include "platform/portable/mtp/mtp_filetype.h"
 
 namespace qb::portable::mtp {
 namespace {
+
+constexpr int kPartialAttempts = 20;
+constexpr auto kPartialRetryDelay = std::chrono::milliseconds(200);
 
 // libmtp's progress callback inside one long transfer: data moved, so the
 // calling worker is not stuck. Never cancels.
@@ -101,7 +106,23 @@ class MtpReadStream : public IStream {
   HRESULT Revert() override { return S_OK; }
 
  private:
+  // libmtp keeps no error of a failed partial read, so a busy device cannot
+  // be told from a broken transfer: a failure without an error of libmtp's
+  // is asked again as WPD's driver asks a busy device again (20 attempts,
+  // 200 ms apart), unless the device left.
   HRESULT ReadPartial(void* buffer, uint32_t want, uint32_t* read) {
+    HRESULT hr = E_ERROR_BUSY;
+    for (int attempt = 1; attempt <= kPartialAttempts; ++attempt) {
+      hr = ReadPartialOnce(buffer, want, read);
+      if (hr != E_ERROR_BUSY || attempt == kPartialAttempts) break;
+      Trace("MT30@MtpReadStream::Read: ", "no answer at %llu, asking again", static_cast<unsigned long long>(offset_));
+      NoteProgress();  // as the device layer notes a busy retry
+      std::this_thread::sleep_for(kPartialRetryDelay);
+    }
+    return hr;
+  }
+
+  HRESULT ReadPartialOnce(void* buffer, uint32_t want, uint32_t* read) {
     std::unique_lock<std::timed_mutex> lock;
     LIBMTP_mtpdevice_t* device = nullptr;
     HRESULT hr = s_->Acquire(&lock, &device);
@@ -110,7 +131,9 @@ class MtpReadStream : public IStream {
     unsigned int got = 0;
     if (LIBMTP_GetPartialObject(device, object_.handle, offset_, want, &data, &got) != 0) {
       std::free(data);
-      return s_->FailedLocked(device, "MT30@MtpReadStream::Read: ", "LIBMTP_GetPartialObject");
+      const bool unexplained = LIBMTP_Get_Errorstack(device) == nullptr;
+      hr = s_->FailedLocked(device, "MT30@MtpReadStream::Read: ", "LIBMTP_GetPartialObject");
+      return unexplained && hr == E_FAIL ? E_ERROR_BUSY : hr;
     }
     if (got > want) got = want;
     if (got) std::memcpy(buffer, data, got);
