@@ -83,7 +83,6 @@ HRESULT MtpSession::Open(const std::string& pnpId, bool readOnly, std::shared_pt
     hr = s->OpenRaw(&raw[i]);
     if (SUCCEEDED(hr)) {
       s->ReadFacts(usb.product);
-      s->PrimeObjectCopyLocked();  // no other thread knows the session yet
       RememberDeviceNames(pnpId, s->facts_.friendlyName, s->facts_.manufacturer, s->facts_.model);
       s->pump_ = std::make_unique<MtpEventPump>(s.get());
       s->pump_->Start();
@@ -124,10 +123,9 @@ HRESULT MtpSession::ReopenLocked() {
   if (same) {
     LIBMTP_Release_Device(handle_);
     handle_ = LIBMTP_Open_Raw_Device_Uncached(same);
-    if (handle_) {
-      LIBMTP_Clear_Errorstack(handle_);
-      PrimeObjectCopyLocked();
-    }
+    if (handle_) LIBMTP_Clear_Errorstack(handle_);
+    primeTried_ = false;
+    primed_ = false;
     hr = handle_ ? S_OK : WIA_ERROR_OFFLINE;
   }
   std::free(raw);
@@ -142,11 +140,17 @@ HRESULT MtpSession::ReopenLocked() {
 // GetObjPropList (all objects, all properties) only in its cached mode, on
 // the first call that finds the copy empty, and only when the device offers
 // the request and libmtp's device flags trust it (Android's answer is not
-// trusted). So for that one call the fresh session is marked cached. When
-// the whole list is not to be had, libmtp walks each storage folder by
-// folder instead, object by object: that walk is handed a storage the
-// device does not have, so it ends at its first request.
+// trusted). So for that one call the session is marked cached. When the
+// whole list is not to be had, libmtp walks each storage folder by folder
+// instead, object by object: that walk is handed a storage the device does
+// not have, so it ends at its first request. Tried once per libmtp
+// session, at its first listing: an open that lists nothing (the device
+// list, a look at the storages) costs nothing more. Should the copy hold
+// an object already (an event came first), libmtp does not fill it and
+// listings stay per object.
 void MtpSession::PrimeObjectCopyLocked() {
+  if (primeTried_) return;
+  primeTried_ = true;
   primed_ = false;
   if (!SpeaksMtp(handle_)) return;  // PTP cameras have no such request
   LIBMTP_devicestorage_t none{};
@@ -389,6 +393,7 @@ void MtpSession::LoadExtrasLocked(LIBMTP_mtpdevice_t* device, MtpObjectFacts* o)
 HRESULT MtpSession::ChildrenLocked(LIBMTP_mtpdevice_t* device, uint32_t storageId, uint32_t parentHandle,
                                    std::vector<MtpObjectFacts>* children) {
   children->clear();
+  PrimeObjectCopyLocked();
   LIBMTP_Clear_Errorstack(device);
   LIBMTP_file_t* list = LIBMTP_Get_Files_And_Folders(device, storageId, parentHandle);
   if (!list && LIBMTP_Get_Errorstack(device))
@@ -425,6 +430,7 @@ HRESULT MtpSession::ChangedObjectsLocked(LIBMTP_mtpdevice_t** device, bool reope
     std::lock_guard<std::mutex> c(cacheMutex_);
     folders = listedFolders_;
   }
+  if (!folders.empty()) PrimeObjectCopyLocked();
   for (const auto& [storageId, parentHandle] : folders) {
     LIBMTP_Clear_Errorstack(*device);
     LIBMTP_file_t* list = LIBMTP_Get_Files_And_Folders(*device, storageId, parentHandle);

@@ -120,8 +120,8 @@ class MtpSession {
   // Releases the libmtp handle and opens the same USB device again (device
   // lock held).
   HRESULT ReopenLocked();
-  // Right after a libmtp session opened: fills libmtp's copy of all objects
-  // in one request when the device answers one (see the .cpp).
+  // At the first listing of a libmtp session: fills libmtp's copy of all
+  // objects in one request when the device answers one (see the .cpp).
   void PrimeObjectCopyLocked();
   void ReadFacts(const std::string& usbProduct);
 
@@ -142,7 +142,8 @@ class MtpSession {
   LIBMTP_mtpdevice_t* handle_ = nullptr;
   std::map<std::pair<int, uint16_t>, bool> propertySupport_;
   bool puoidWorks_ = true;  // cleared when the device answers without one
-  bool primed_ = false;     // this libmtp session's copy came from one whole-device list
+  bool primeTried_ = false;  // PrimeObjectCopyLocked ran in this libmtp session
+  bool primed_ = false;      // and libmtp's copy came from one whole-device list
 
   std::atomic<bool> offline_{false};
   std::atomic<bool> removedRaised_{false};
