@@ -11,7 +11,6 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <future>
 #include <memory>
 
 #include "diag/trace.h"
@@ -86,37 +85,6 @@ uint16_t GetFromFile(void*, void* priv, uint32_t wantlen, unsigned char* data, u
   return LIBMTP_HANDLER_RETURN_OK;
 }
 
-struct Free {
-  void operator()(unsigned char* p) const { std::free(p); }
-};
-
-// A piece of an object's data as one GetPartialObject brought it.
-struct Piece {
-  std::unique_ptr<unsigned char, Free> data;  // libmtp's buffer
-  uint64_t start = 0, size = 0;
-  HRESULT result = S_OK;
-  bool Holds(uint64_t offset) const { return offset >= start && offset < start + size; }
-};
-
-Piece FetchPiece(std::shared_ptr<MtpSession> s, uint32_t handle, uint64_t offset, uint64_t size) {
-  Piece piece;
-  piece.start = offset;
-  std::unique_lock<std::timed_mutex> lock;
-  LIBMTP_mtpdevice_t* device = nullptr;
-  piece.result = s->Acquire(&lock, &device);
-  if (FAILED(piece.result)) return piece;
-  unsigned char* data = nullptr;
-  unsigned int got = 0;
-  if (LIBMTP_GetPartialObject(device, handle, offset, static_cast<uint32_t>(size), &data, &got) != 0) {
-    std::free(data);
-    piece.result = s->FailedLocked(device, "MT30@MtpReadStream::Read: ", "LIBMTP_GetPartialObject");
-    return piece;
-  }
-  piece.data.reset(data);
-  piece.size = std::min<uint64_t>(got, size);
-  return piece;
-}
-
 class MtpReadStream : public IStream {
  public:
   MtpReadStream(std::shared_ptr<MtpSession> s, const MtpObjectFacts& o) : s_(std::move(s)), object_(o) {}
@@ -139,37 +107,41 @@ class MtpReadStream : public IStream {
   HRESULT Revert() override { return S_OK; }
 
  private:
-  // Every request pays the device's fixed cost per operation, so each
-  // piece is twice the last, up to kMaxPiece; the first piece is the
-  // reader's own size, so the first bytes come as soon as they would
-  // without read-ahead. The stream is read front to back: while the reader
-  // takes one piece the next is read, so the device's transfer and the
-  // reader's work overlap.
+  // Every request pays the device's fixed cost per operation, so while the
+  // reader goes on where the last piece ended each piece is twice the last,
+  // up to kMaxPiece; the first piece is the reader's own size, so the first
+  // bytes come as soon as they would without read-ahead.
   HRESULT ReadPartial(void* buffer, uint32_t want, uint32_t* read) {
-    if (!current_.Holds(offset_)) {
-      HRESULT hr = NextPiece(want);
+    if (offset_ < pieceStart_ || offset_ >= pieceStart_ + pieceSize_) {
+      HRESULT hr = FetchPiece(want);
       if (FAILED(hr)) return hr;
     }
-    uint64_t at = offset_ - current_.start;
-    uint64_t n = std::min<uint64_t>(want, current_.size - at);
-    if (n) std::memcpy(buffer, current_.data.get() + at, n);
+    uint64_t at = offset_ - pieceStart_;
+    uint64_t n = std::min<uint64_t>(want, pieceSize_ - at);
+    if (n) std::memcpy(buffer, piece_.get() + at, n);
     *read = static_cast<uint32_t>(n);
     return S_OK;
   }
 
-  HRESULT NextPiece(uint32_t want) {
-    if (next_.valid()) current_ = next_.get();
-    if (FAILED(current_.result)) return current_.result;
-    if (!current_.Holds(offset_)) current_ = FetchPiece(s_, object_.handle, offset_, want);
-    if (FAILED(current_.result)) return current_.result;
-    uint64_t end = current_.start + current_.size;
-    if (current_.size == 0 || end >= object_.size) return S_OK;
-    uint64_t size = std::min<uint64_t>({2 * current_.size, kMaxPiece, object_.size - end});
-    try {
-      next_ = std::async(std::launch::async, FetchPiece, s_, object_.handle, end, size);
-    } catch (const std::exception&) {
-      // No thread to be had: the next piece is read when it is needed.
+  HRESULT FetchPiece(uint32_t want) {
+    bool sequential = pieceSize_ && offset_ == pieceStart_ + pieceSize_;
+    uint64_t size = sequential ? std::min<uint64_t>(2 * pieceSize_, kMaxPiece) : want;
+    size = std::min<uint64_t>(std::max<uint64_t>(size, want), object_.size - offset_);
+    piece_.reset();
+    pieceSize_ = 0;
+    pieceStart_ = offset_;
+    std::unique_lock<std::timed_mutex> lock;
+    LIBMTP_mtpdevice_t* device = nullptr;
+    HRESULT hr = s_->Acquire(&lock, &device);
+    if (FAILED(hr)) return hr;
+    unsigned char* data = nullptr;
+    unsigned int got = 0;
+    if (LIBMTP_GetPartialObject(device, object_.handle, offset_, static_cast<uint32_t>(size), &data, &got) != 0) {
+      std::free(data);
+      return s_->FailedLocked(device, "MT30@MtpReadStream::Read: ", "LIBMTP_GetPartialObject");
     }
+    piece_.reset(data);
+    pieceSize_ = std::min<uint64_t>(got, size);
     return S_OK;
   }
 
@@ -211,8 +183,11 @@ class MtpReadStream : public IStream {
   MtpObjectFacts object_;
   uint64_t offset_ = 0;
   int fd_ = -1;
-  Piece current_;             // the piece the reader takes from
-  std::future<Piece> next_;  // the piece after it, being read (waited for when destroyed)
+  struct Free {
+    void operator()(unsigned char* p) const { std::free(p); }
+  };
+  std::unique_ptr<unsigned char, Free> piece_;  // the last piece read (libmtp's buffer)
+  uint64_t pieceStart_ = 0, pieceSize_ = 0;
 };
 
 class MtpDataStream : public IPortableDeviceDataStream {
