@@ -8,7 +8,9 @@
 # is reported as such). Every wait has a limit (LIMIT seconds, default 300);
 # the emulator and every mount are removed again on exit. KEEP_LOGS=DIR
 # keeps the tools' logs and step outputs there. BIG_MIB, MANY and SMALL
-# change the sizes (256 MiB, 10,000 files, 1,000 files).
+# change the sizes (256 MiB, 10,000 files, 1,000 files). TOOLS="quillbox"
+# (any of quillbox jmtpfs go-mtpfs) runs only those; the others read
+# "not run".
 set -u
 here="$(cd "$(dirname "$0")" && pwd)"
 bin="$(cd "${1:-$here/../../build/bin}" && pwd)"
@@ -195,7 +197,7 @@ mkdir -p "$quillbox_home"
 printf 'Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Quillbox]\n@="%s"\n' "$bin" \
   >"$quillbox_home/machine.reg"
 tools=(quillbox jmtpfs go-mtpfs)
-for tool in "${tools[@]}"; do run_tool "$tool"; done
+for tool in ${TOOLS:-${tools[*]}}; do run_tool "$tool"; done
 
 printf '\n| step | Quillbox | jmtpfs | go-mtpfs |\n|---|---|---|---|\n'
 for s in "${steps[@]}"; do

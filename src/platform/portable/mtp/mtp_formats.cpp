@@ -79,4 +79,17 @@ std::string FileSystemTypeText(uint16_t mtpFilesystemType) {
   }
 }
 
+bool FormatStaysBelow4GiB(uint16_t formatCode) {
+  switch (formatCode) {
+    case kFormatAssociation:
+    case 0x3004:  // text
+    case 0x3005:  // HTML
+    case 0xBB82: case 0xBB83:  // vCard 2, 3
+    case 0xBE02: case 0xBE03:  // vCalendar 1, 2
+      return true;
+    default:  // pictures: 0x3801 EXIF/JPEG to 0x3810 JPX
+      return formatCode >= 0x3801 && formatCode <= 0x3810;
+  }
+}
+
 }  // namespace qb::portable::mtp

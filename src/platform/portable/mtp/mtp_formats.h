@@ -25,6 +25,10 @@ GUID ContentTypeOf(uint16_t formatCode);
 // The format to announce for a new file, from its name's extension
 // (case-insensitive); kFormatUndefined when unknown.
 uint16_t FormatForFileName(const std::string& fileName);
+// True for formats whose objects stay far below 4 GiB (folders, pictures,
+// text, contacts, calendars): the 32-bit size of a whole-device property
+// list is taken as exact for them.
+bool FormatStaysBelow4GiB(uint16_t formatCode);
 
 // WPD_STORAGE_TYPE of an MTP storage type (the same numbers; unknown values
 // become undefined) and WPD_STORAGE_ACCESS_CAPABILITY likewise.

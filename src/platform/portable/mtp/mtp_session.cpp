@@ -10,6 +10,7 @@
 #include "platform/portable/mtp/mtp_errors.h"
 #include "platform/portable/mtp/mtp_events.h"
 #include "platform/portable/mtp/mtp_filetype.h"
+#include "platform/portable/mtp/mtp_formats.h"
 #include "platform/portable/mtp/mtp_init.h"
 #include "platform/portable/mtp/mtp_time.h"
 #include "platform/portable/mtp/mtp_usb.h"
@@ -29,6 +30,16 @@ std::string TakeString(char* s) {
   std::string out = s ? s : "";
   std::free(s);
   return out;
+}
+
+// A storage id no device hands out (logical storage numbers start at 1 and
+// 0xFFFFFFFF means all storages).
+constexpr uint32_t kNoStorage = 0xFFFF0000u;
+
+bool SpeaksMtp(const LIBMTP_mtpdevice_t* device) {
+  for (const LIBMTP_device_extension_t* e = device->extensions; e; e = e->next)
+    if (e->name && (std::strstr(e->name, "microsoft.com") || std::strstr(e->name, "android.com"))) return true;
+  return false;
 }
 
 uint32_t EventKind(const GUID& eventId) {
@@ -119,12 +130,48 @@ HRESULT MtpSession::ReopenLocked() {
     LIBMTP_Release_Device(handle_);
     handle_ = LIBMTP_Open_Raw_Device_Uncached(same);
     if (handle_) LIBMTP_Clear_Errorstack(handle_);
+    primeTried_ = false;
+    primed_ = false;
     hr = handle_ ? S_OK : WIA_ERROR_OFFLINE;
   }
   std::free(raw);
   Trace("MT9@MtpSession::ReopenLocked: ", "opened again: RC=0x%08X", static_cast<uint32_t>(hr));
   if (hr == WIA_ERROR_OFFLINE) MarkOffline();
   return hr;
+}
+
+// libmtp answers an object it has in its copy without asking the device;
+// otherwise each object of a folder listing costs GetObjectInfo and
+// GetObjPropList. libmtp fills that copy for the whole device with one
+// GetObjPropList (all objects, all properties) only in its cached mode, on
+// the first call that finds the copy empty, and only when the device offers
+// the request and libmtp's device flags trust it (Android's answer is not
+// trusted). So for that one call the session is marked cached. When the
+// whole list is not to be had, libmtp walks each storage folder by folder
+// instead, object by object: that walk is handed a storage the device does
+// not have, so it ends at its first request. Tried once per libmtp
+// session, at its first listing: an open that lists nothing (the device
+// list, a look at the storages) costs nothing more. Should the copy hold
+// an object already (an event came first), libmtp does not fill it and
+// listings stay per object.
+void MtpSession::PrimeObjectCopyLocked() {
+  if (primeTried_) return;
+  primeTried_ = true;
+  primed_ = false;
+  if (!SpeaksMtp(handle_)) return;  // PTP cameras have no such request
+  LIBMTP_devicestorage_t none{};
+  none.id = kNoStorage;
+  LIBMTP_devicestorage_t* storages = handle_->storage;
+  handle_->storage = &none;
+  handle_->cached = 1;
+  LIBMTP_file_t* nothing = LIBMTP_Get_Filemetadata(handle_, 0);  // handle 0: fills the copy, reads nothing more
+  handle_->cached = 0;
+  handle_->storage = storages;
+  if (nothing) LIBMTP_destroy_file_t(nothing);
+  // Only the walk (or a failed whole list) leaves errors behind.
+  primed_ = LIBMTP_Get_Errorstack(handle_) == nullptr;
+  LIBMTP_Clear_Errorstack(handle_);
+  Trace("MT10@MtpSession::PrimeObjectCopyLocked: ", "objects read in one list: %s", primed_ ? "yes" : "no");
 }
 
 void MtpSession::ReadFacts(const std::string& usbProduct) {
@@ -269,6 +316,26 @@ MtpObjectFacts MtpSession::FactsOf(const LIBMTP_file_t& file) {
   return o;
 }
 
+MtpObjectFacts MtpSession::ListedFactsLocked(LIBMTP_mtpdevice_t* device, const LIBMTP_file_t& file) {
+  MtpObjectFacts o = FactsOf(file);
+  if (!primed_) return o;
+  // Objects read one by one since have both; these reads then cost nothing.
+  if (!o.hasModified) {
+    char* text = LIBMTP_Get_String_From_Object(device, o.handle, LIBMTP_PROPERTY_DateModified);
+    int64_t t = 0;
+    if (text && ParseMtpDate(text, &t)) {
+      o.hasModified = true;
+      o.modified = t;
+    }
+    std::free(text);
+  }
+  // libmtp 1.1.20 keeps 32 bits of the whole list's sizes.
+  if (device->object_bitsize == 64 && !FormatStaysBelow4GiB(o.formatCode))
+    o.size = LIBMTP_Get_u64_From_Object(device, o.handle, LIBMTP_PROPERTY_ObjectSize, o.size);
+  LIBMTP_Clear_Errorstack(device);
+  return o;
+}
+
 HRESULT MtpSession::ObjectLocked(LIBMTP_mtpdevice_t* device, uint32_t handle, MtpObjectFacts* object) {
   if (CachedObject(handle, object)) return S_OK;
   LIBMTP_file_t* file = LIBMTP_Get_Filemetadata(device, handle);
@@ -276,7 +343,7 @@ HRESULT MtpSession::ObjectLocked(LIBMTP_mtpdevice_t* device, uint32_t handle, Mt
     HRESULT hr = FailedLocked(device, "MT6@MtpSession::ObjectLocked: ", "LIBMTP_Get_Filemetadata");
     return hr == E_FAIL ? E_ERROR_NOT_FOUND : hr;
   }
-  *object = FactsOf(*file);
+  *object = ListedFactsLocked(device, *file);
   LIBMTP_destroy_file_t(file);
   CacheObject(*object);
   return S_OK;
@@ -333,13 +400,14 @@ void MtpSession::LoadExtrasLocked(LIBMTP_mtpdevice_t* device, MtpObjectFacts* o)
 HRESULT MtpSession::ChildrenLocked(LIBMTP_mtpdevice_t* device, uint32_t storageId, uint32_t parentHandle,
                                    std::vector<MtpObjectFacts>* children) {
   children->clear();
+  PrimeObjectCopyLocked();
   LIBMTP_Clear_Errorstack(device);
   LIBMTP_file_t* list = LIBMTP_Get_Files_And_Folders(device, storageId, parentHandle);
   if (!list && LIBMTP_Get_Errorstack(device))
     return FailedLocked(device, "MT7@MtpSession::ChildrenLocked: ", "LIBMTP_Get_Files_And_Folders");
   while (list) {
     LIBMTP_file_t* next = list->next;
-    children->push_back(FactsOf(*list));
+    children->push_back(ListedFactsLocked(device, *list));
     LIBMTP_destroy_file_t(list);
     list = next;
   }
@@ -369,13 +437,14 @@ HRESULT MtpSession::ChangedObjectsLocked(LIBMTP_mtpdevice_t** device, bool reope
     std::lock_guard<std::mutex> c(cacheMutex_);
     folders = listedFolders_;
   }
+  if (!folders.empty()) PrimeObjectCopyLocked();
   for (const auto& [storageId, parentHandle] : folders) {
     LIBMTP_Clear_Errorstack(*device);
     LIBMTP_file_t* list = LIBMTP_Get_Files_And_Folders(*device, storageId, parentHandle);
     LIBMTP_Clear_Errorstack(*device);  // a folder that went has an event of its own
     for (LIBMTP_file_t* next = nullptr; list; list = next) {
       next = list->next;
-      MtpObjectFacts now = FactsOf(*list), known;
+      MtpObjectFacts now = ListedFactsLocked(*device, *list), known;
       LIBMTP_destroy_file_t(list);
       // The folder's own handle list is fresh even where libmtp's copy of
       // the object is not: it tells where the object is now.

@@ -96,6 +96,11 @@ class MtpSession {
   void ForgetObject(uint32_t handle);
   bool CachedObject(uint32_t handle, MtpObjectFacts* object);
   static MtpObjectFacts FactsOf(const LIBMTP_file_t& file);
+  // FactsOf for an object read from libmtp's copy: what a whole-device list
+  // leaves out of libmtp's file record (modification date, sizes of 4 GiB
+  // and more) is read from the object's property list, asking the device
+  // only for a size that may exceed 32 bits.
+  MtpObjectFacts ListedFactsLocked(LIBMTP_mtpdevice_t* device, const LIBMTP_file_t& file);
 
   // ---- events ----
   HRESULT Advise(std::shared_ptr<IPortableDeviceEventCallback> sink, std::string* cookie);
@@ -115,6 +120,9 @@ class MtpSession {
   // Releases the libmtp handle and opens the same USB device again (device
   // lock held).
   HRESULT ReopenLocked();
+  // At the first listing of a libmtp session: fills libmtp's copy of all
+  // objects in one request when the device answers one (see the .cpp).
+  void PrimeObjectCopyLocked();
   void ReadFacts(const std::string& usbProduct);
 
   // ---- set once ----
@@ -134,6 +142,8 @@ class MtpSession {
   LIBMTP_mtpdevice_t* handle_ = nullptr;
   std::map<std::pair<int, uint16_t>, bool> propertySupport_;
   bool puoidWorks_ = true;  // cleared when the device answers without one
+  bool primeTried_ = false;  // PrimeObjectCopyLocked ran in this libmtp session
+  bool primed_ = false;      // and libmtp's copy came from one whole-device list
 
   std::atomic<bool> offline_{false};
   std::atomic<bool> removedRaised_{false};

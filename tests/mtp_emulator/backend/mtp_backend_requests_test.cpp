@@ -1,0 +1,99 @@
+// What listing a large folder and reading a large file cost the device, in
+// operations counted by the emulator: a few per folder, a few per file,
+// not one per object or per block.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "emulated_fixture.h"
+
+namespace qbtest {
+namespace {
+
+namespace fs = std::filesystem;
+namespace qp = qb::portable;
+
+constexpr uint16_t kGetPartialObject64 = 0x95C1;
+
+uint64_t CountOf(const std::map<uint16_t, uint64_t>& counts, uint16_t code) {
+  auto it = counts.find(code);
+  return it == counts.end() ? 0 : it->second;
+}
+
+// Opening the device and listing a 500-file folder with every child's
+// properties (what the drive does) costs a handful of operations, and the
+// facts are those of the files: sizes (also one over 4 GiB, which a
+// whole-device list gives only in part), names, modification dates.
+TEST_F(EmulatedMtpDevice, OpeningAndListingALargeFolderCostsAFewRequestsNotOnePerObject) {
+  constexpr int kFiles = 500;
+  fs::create_directories(Storage("Many"));
+  for (int i = 0; i < kFiles; ++i) std::ofstream(Storage("Many/f" + std::to_string(i) + ".txt")) << std::string(i, 'x');
+  constexpr uint64_t kHuge = (5ull << 30) + 7;  // sparse: no disk space taken
+  { std::ofstream(Storage("Many/huge.bin")); }
+  fs::resize_file(Storage("Many/huge.bin"), kHuge);
+  ASSERT_NO_FATAL_FAILURE(StartAndOpen());
+  std::string many = ChildId(content_.get(), storages_[0], "Many");
+  ASSERT_FALSE(many.empty());
+  std::vector<std::string> ids;
+  auto names = ChildNames(content_.get(), many, &ids);
+  ASSERT_EQ(names.size(), static_cast<size_t>(kFiles + 1));
+  std::shared_ptr<qp::IPortableDeviceProperties> props;
+  content_->Properties(&props);
+  for (size_t i = 0; i < ids.size(); ++i) {
+    qp::PortableDeviceValues v;
+    ASSERT_EQ(props->GetValues(ids[i], nullptr, &v), S_OK);
+    uint64_t size = 0;
+    ASSERT_EQ(v.GetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, &size), S_OK) << names[i];
+    EXPECT_EQ(size, fs::file_size(Storage("Many/" + names[i]))) << names[i];
+    PROPVARIANT modified;
+    EXPECT_EQ(v.GetValue(WPD_OBJECT_DATE_MODIFIED, &modified), S_OK) << names[i] << " has no modification date";
+  }
+  auto counts = OperationCounts();
+  uint64_t spent = OperationsBetween({}, counts);
+  std::string table;
+  for (const auto& [code, count] : counts) table += " " + std::to_string(code) + ":" + std::to_string(count);
+  // About 60 open the device and read its storages and property
+  // descriptions, whatever it holds; one GetObjPropList brings every
+  // object, one GetObjectPropValue the huge file's size. Asking per object
+  // (GetObjectInfo and GetObjPropList each) would be 1,000 and more.
+  EXPECT_LE(spent, 100u) << spent << " requests to open the device and list " << kFiles + 1 << " objects;" << table;
+}
+
+// A whole read in small blocks asks the device in growing pieces: 32 MiB
+// in 64 KiB blocks is 512 blocks but about a dozen requests; the first
+// block costs one request of its own size, so the first bytes stay quick.
+TEST_F(EmulatedMtpDevice, ReadingALargeFileAsksInGrowingPiecesAfterAQuickFirstOne) {
+  std::string data(32u << 20, '\0');
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>((i * 131) >> 7);
+  std::ofstream(Storage("large.bin"), std::ios::binary) << data;
+  ASSERT_NO_FATAL_FAILURE(StartAndOpen());
+  std::string id = ChildId(content_.get(), storages_[0], "large.bin");
+  ASSERT_FALSE(id.empty());
+  std::shared_ptr<qp::IPortableDeviceResources> resources;
+  content_->Transfer(&resources);
+  std::unique_ptr<qp::IStream> stream;
+  uint32_t optimal = 0;
+  ASSERT_EQ(resources->GetStream(id, WPD_RESOURCE_DEFAULT, qp::STGM_READ, &optimal, &stream), S_OK);
+  auto before = OperationCounts();
+  char first[4096];
+  uint32_t got = 0;
+  ASSERT_EQ(stream->Read(first, sizeof first, &got), S_OK);
+  ASSERT_EQ(got, sizeof first);
+  EXPECT_EQ(std::string(first, got), data.substr(0, got));
+  EXPECT_EQ(CountOf(OperationCounts(), kGetPartialObject64) - CountOf(before, kGetPartialObject64), 1u);
+  std::string all(first, got);
+  std::vector<char> block(65536);
+  for (;;) {
+    ASSERT_EQ(stream->Read(block.data(), static_cast<uint32_t>(block.size()), &got), S_OK);
+    if (got == 0) break;
+    all.append(block.data(), got);
+  }
+  EXPECT_TRUE(all == data) << "read " << all.size() << " bytes, not the file's " << data.size();
+  uint64_t pieces = CountOf(OperationCounts(), kGetPartialObject64) - CountOf(before, kGetPartialObject64);
+  // 4 KiB, 8 KiB, ... doubling to 8 MiB, then 8 MiB pieces: about 16.
+  EXPECT_LE(pieces, 20u) << pieces << " requests for 512 blocks";
+}
+
+}  // namespace
+}  // namespace qbtest
