@@ -91,7 +91,7 @@ void SplitInto(const char* text, CDirectory::StringList* list) {
 // Item record
 
 DirectoryItem::DirectoryItem() = default;
-// The sub-tree uses subDirLock, which is declared after it: free the
+// The sub-tree uses subDirLock, which is destroyed before it: free the
 // sub-tree first.
 DirectoryItem::~DirectoryItem() { pSubDir.reset(); }
 
@@ -331,7 +331,7 @@ void CDirectory::FillItem(DirectoryItem* item, const char* name, const char* ful
   item->ftDelayedLastWriteTime = FILETIME{};
 
   if (folderPath) CopyField(&item->sFullPath, kNameCapacity, WithoutColons(folderPath));
-  item->pRegionsToDownload = std::make_unique<DownloadRegionList>();
+  item->pRegionsToDownload.reset();  // made by the first reader that waits
   if (fullName) {
     CopyField(&item->sFullName, kFullNameCapacity, WithoutColons(fullName));
     CopyField(&item->sOriginalDeviceName, kNameCapacity, fullName);

@@ -49,7 +49,7 @@ constexpr size_t kNameCapacity = 260;        // cFileName, names, sFullPath, roo
 constexpr size_t kFullNameCapacity = 520;    // sFullName, sUniqueName
 constexpr size_t kIdCapacity = 100;          // sUniqueID, sParentID
 constexpr size_t kPatternCapacity = 1000;    // naming pattern
-constexpr size_t kAltNameCapacity = 14;      // cAlternateFileName
+constexpr size_t kAltNameCapacity = 14;      // cAlternateFileName (always empty)
 }  // namespace qb::directory
 
 // bDeleted: reads and assigns like a 32-bit flag. Setting it tells the tree
@@ -65,9 +65,9 @@ class DeletedFlag {
 
  private:
   friend class qb::directory::CollectionIndex;
-  uint32_t m_value = 0;
   qb::directory::CollectionIndex* m_owner = nullptr;  // set while the record is listed
   DirectoryItem* m_item = nullptr;
+  uint32_t m_value = 0;  // last, so that the record's next field may fill the rest
 };
 
 // Book-keeping of the tree for one record: its place in list order and the
@@ -90,8 +90,10 @@ struct DirectoryItem {
   DirectoryItem(const DirectoryItem&) = delete;
   DirectoryItem& operator=(const DirectoryItem&) = delete;
 
+  // One record per object of the device: the fields are ordered so that
+  // little room goes to padding.
+  [[no_unique_address]] DeletedFlag bDeleted;  // gone; the record is free for reuse
   uint32_t bPendingDelete = 0;  // a delete is under way; invisible to lookups
-  DeletedFlag bDeleted;         // gone; the record is free for reuse
   WIN32_FIND_DATAW rFindData;
   std::string sFullName;            // path on the drive ("\" first; folders end in "\"; files without extension)
   std::string sOriginalDeviceName;  // full name as added, ":" kept
@@ -103,7 +105,9 @@ struct DirectoryItem {
   // Created and closed by the read path; guards pRegionsToDownload during a
   // download (a timed mutex, so that every wait on it can have a limit).
   std::unique_ptr<std::timed_mutex> hRegionsToDownloadMutex;
-  std::unique_ptr<DownloadRegionList> pRegionsToDownload;  // created empty with the item
+  // Made by the first reader that waits for a download (most files are
+  // never read), under hRegionsToDownloadMutex; null means no regions.
+  std::unique_ptr<DownloadRegionList> pRegionsToDownload;
   std::optional<std::string> sItemID;  // device object id, or a provisional "DMYID..." id; may be absent
   std::string sUniqueName;             // key of the file for virtual naming
   uint32_t dwUniqueNameHash = 0;
@@ -116,9 +120,11 @@ struct DirectoryItem {
   uint64_t ullPopulatedTimestamp = 0;  // tick count of the listing that populated the folder
   std::string sUniqueID;
   std::string sParentID;
-  uint32_t bSystem = 0;
   std::unique_ptr<CDirectory> pSubDir;  // the folder's own listing tree, made on demand
-  CMutexRW subDirLock;                  // the lock handed to pSubDir's constructor
+  // The lock handed to pSubDir's constructor, made with the first pSubDir
+  // (only folders listed asynchronously have one) and kept until the record
+  // is freed.
+  std::unique_ptr<CMutexRW> subDirLock;
   uint32_t bSubDirDone = 0;
   // Write path (not printed by the dump).
   uint32_t bUploadPending = 0;
@@ -129,6 +135,7 @@ struct DirectoryItem {
   // identity: it is not refilled for another object while any open holds
   // it, even when it is flagged deleted. Kept by a refill in place.
   std::atomic<uint32_t> nOpenHolds{0};
+  uint32_t bSystem = 0;
 
   DirectoryItemLinks links;  // the tree's book-keeping
 

@@ -19,8 +19,7 @@ constexpr uint32_t FILE_ATTRIBUTE_NORMAL = 0x00000080;
 
 #ifndef QB_WIN32_FIND_DATAW_DEFINED
 #define QB_WIN32_FIND_DATAW_DEFINED
-// Names are UTF-8; cFileName is cut at 260 UTF-16 units, cAlternateFileName
-// (never filled by the tree) at 14.
+// Names are UTF-8; cFileName is cut at 260 UTF-16 units.
 struct WIN32_FIND_DATAW {
   uint32_t dwFileAttributes = 0;
   FILETIME ftCreationTime;
@@ -28,10 +27,12 @@ struct WIN32_FIND_DATAW {
   FILETIME ftLastWriteTime;
   uint32_t nFileSizeHigh = 0;
   uint32_t nFileSizeLow = 0;
-  uint32_t dwReserved0 = 0;
-  uint32_t dwReserved1 = 0;
+  // Reserved words and the 8.3 name are never filled: they read as zero and
+  // as one shared empty name and cost a record nothing.
+  static constexpr uint32_t dwReserved0 = 0;
+  static constexpr uint32_t dwReserved1 = 0;
   std::string cFileName;
-  std::string cAlternateFileName;
+  static inline const std::string cAlternateFileName{};
 
   int64_t FileSize() const { return static_cast<int64_t>((uint64_t{nFileSizeHigh} << 32) | nFileSizeLow); }
   void SetFileSize(int64_t size) {

@@ -74,7 +74,7 @@ int Enumerate(const CDirectory::ItemList* list, ListedNames* listed, const std::
 // Moves what the asynchronous listing has delivered into the tree.
 void MoveAsyncItems(DriveState* state, DirectoryItem* folder) {
   CDirectory* sub = folder->pSubDir.get();
-  CWriteLock itemLock(&folder->subDirLock);
+  CWriteLock itemLock(folder->subDirLock.get());  // made with pSubDir
   CDirectory* tree = state->pDirectory.get();
   auto moveList = [&](CDirectory::ItemList* from, CDirectory::ItemList* to, uint32_t first, bool files) {
     if (!from || !to) return;
@@ -128,7 +128,8 @@ void Populate(DriveState* state, DirectoryItem* folder) {
     }
   } else {
     if (!folder->pSubDir) {
-      folder->pSubDir = std::make_unique<CDirectory>(&folder->subDirLock);
+      if (!folder->subDirLock) folder->subDirLock = std::make_unique<CMutexRW>();
+      folder->pSubDir = std::make_unique<CDirectory>(folder->subDirLock.get());
       folder->pSubDir->Init("\\", 1);
       folder->pSubDir->SetNamingPattern(state->pDirectory->GetNamingPattern());
       folder->bSubDirDone = 0;

@@ -109,9 +109,10 @@ uint32_t WaitForRegion(DriveState* state, DirectoryItem* item, uint64_t end) {
   {
     std::lock_guard regions(*item->hRegionsToDownloadMutex);
     Trace(kTag, "GOT 3780 (0x%08X)", 0u);
-    if (item->bDownloading && item->ullAlreadyDownloaded < end && item->pRegionsToDownload) {
+    if (item->bDownloading && item->ullAlreadyDownloaded < end) {
       Trace(kTag, "CREATE_EVENT 3788 (0x%08X)", 0u);
       waiting = region.get();
+      if (!item->pRegionsToDownload) item->pRegionsToDownload = std::make_unique<DownloadRegionList>();
       item->pRegionsToDownload->Add(std::move(region));
     } else if (!item->bDownloading && item->ullAlreadyDownloaded < end) {
       return item->dwError ? item->dwError : 1;  // the download ended short

@@ -16,8 +16,14 @@ std::string NodeTable::JoinPath(const std::string& parentPath, const std::string
   return parentPath == "\\" ? "\\" + name : parentPath + "\\" + name;
 }
 
-NodeTable::Key NodeTable::KeyOf(uint64_t parent, const std::string& name) {
-  return {parent, qb::ToUpperAZ(name)};
+size_t NodeTable::NameHash::operator()(const NameKey& key) const noexcept {
+  uint64_t h = 14695981039346656037ull ^ key.parent;  // FNV-1a over the upper-case name
+  for (char c : key.name) h = (h ^ static_cast<unsigned char>(qb::ToUpperAZ(c))) * 1099511628211ull;
+  return static_cast<size_t>(h ^ (h >> 29));
+}
+
+bool NodeTable::NameEqual::operator()(const NameKey& a, const NameKey& b) const noexcept {
+  return a.parent == b.parent && qb::EqualsNoCaseAZ(a.name, b.name);
 }
 
 uint64_t NodeTable::Obtain(uint64_t parent, const std::string& name, bool countLookup,
@@ -25,20 +31,19 @@ uint64_t NodeTable::Obtain(uint64_t parent, const std::string& name, bool countL
   std::lock_guard lock(mutex_);
   auto p = nodes_.find(parent);
   if (p == nodes_.end()) return 0;
-  const Key key = KeyOf(parent, name);
-  auto it = byName_.find(key);
+  auto it = byName_.find(NameKey{parent, name});
   uint64_t id;
   if (it != byName_.end()) {
-    id = it->second;
+    id = (*it)->first;
+    // The same name in another spelling: the index keeps its place.
     if (storedName) nodes_[id].name = name;
   } else {
     id = next_++;
     Node n;
     n.parent = parent;
     n.name = name;
-    nodes_.emplace(id, n);
+    byName_.insert(&*nodes_.emplace(id, std::move(n)).first);
     ++p->second.children;
-    byName_[key] = id;
   }
   if (countLookup) ++nodes_[id].lookups;
   return id;
@@ -46,8 +51,8 @@ uint64_t NodeTable::Obtain(uint64_t parent, const std::string& name, bool countL
 
 uint64_t NodeTable::Find(uint64_t parent, const std::string& name) const {
   std::lock_guard lock(mutex_);
-  auto it = byName_.find(KeyOf(parent, name));
-  return it == byName_.end() ? 0 : it->second;
+  auto it = byName_.find(NameKey{parent, name});
+  return it == byName_.end() ? 0 : (*it)->first;
 }
 
 void NodeTable::Forget(uint64_t node, uint64_t count) {
@@ -62,14 +67,16 @@ void NodeTable::ReleaseIfUnusedLocked(uint64_t node) {
   while (node != kRoot) {
     auto it = nodes_.find(node);
     if (it == nodes_.end() || it->second.lookups > 0 || it->second.children > 0) return;
-    const Node n = it->second;
+    // Out of the index before the node goes: the index reads its key from it.
+    auto named = byName_.find(&*it);
+    if (named != byName_.end() && *named == &*it) byName_.erase(named);
+    const uint64_t parent = it->second.parent;
     nodes_.erase(it);
-    auto named = byName_.find(KeyOf(n.parent, n.name));
-    if (named != byName_.end() && named->second == node) byName_.erase(named);
-    auto p = nodes_.find(n.parent);
+    content_.erase(node);
+    auto p = nodes_.find(parent);
     if (p == nodes_.end()) return;
     --p->second.children;
-    node = n.parent;  // the parent may now be unused as well
+    node = parent;  // the parent may now be unused as well
   }
 }
 
@@ -101,27 +108,29 @@ std::optional<uint64_t> NodeTable::ParentOf(uint64_t node) const {
   return it->second.parent;
 }
 
+uint64_t NodeTable::TakeName(uint64_t parent, const std::string& name) {
+  auto it = byName_.find(NameKey{parent, name});
+  if (it == byName_.end()) return 0;
+  const uint64_t id = (*it)->first;
+  byName_.erase(it);
+  return id;
+}
+
 void NodeTable::Unlinked(uint64_t parent, const std::string& name) {
   std::lock_guard lock(mutex_);
-  auto it = byName_.find(KeyOf(parent, name));
-  if (it == byName_.end()) return;
-  nodes_[it->second].linked = false;
-  byName_.erase(it);
+  if (const uint64_t id = TakeName(parent, name)) nodes_[id].linked = false;
 }
 
 void NodeTable::Renamed(uint64_t parent, const std::string& name, uint64_t newParent,
                         const std::string& newName) {
   std::lock_guard lock(mutex_);
-  auto it = byName_.find(KeyOf(parent, name));
-  const uint64_t id = it == byName_.end() ? 0 : it->second;
-  auto target = byName_.find(KeyOf(newParent, newName));
-  if (target != byName_.end() && target->second != id) {  // not a change of case
-    nodes_[target->second].linked = false;
-    byName_.erase(target);
-  }
+  const uint64_t id = TakeName(parent, name);
+  // A node that the target name had is no longer reached by it (a change of
+  // case finds nothing: the name was taken out just above).
+  if (const uint64_t target = TakeName(newParent, newName)) nodes_[target].linked = false;
   if (!id) return;
-  byName_.erase(KeyOf(parent, name));
-  Node& n = nodes_[id];
+  auto entry = nodes_.find(id);
+  Node& n = entry->second;
   if (n.parent != newParent) {
     auto oldP = nodes_.find(n.parent);
     if (oldP != nodes_.end()) --oldP->second.children;
@@ -130,23 +139,22 @@ void NodeTable::Renamed(uint64_t parent, const std::string& name, uint64_t newPa
     n.parent = newParent;
     ReleaseIfUnusedLocked(old);
   }
-  nodes_[id].name = newName;
-  byName_[KeyOf(newParent, newName)] = id;
+  n.name = newName;
+  byName_.insert(&*entry);
 }
 
 bool NodeTable::SameContent(uint64_t node, const ContentStamp& stamp) {
   std::lock_guard lock(mutex_);
-  auto it = nodes_.find(node);
-  if (it == nodes_.end()) return false;
-  const bool same = it->second.content == stamp;
-  it->second.content = stamp;
+  if (!nodes_.count(node)) return false;
+  auto [it, made] = content_.try_emplace(node, stamp);
+  const bool same = !made && it->second == stamp;
+  it->second = stamp;
   return same;
 }
 
 void NodeTable::ForgetContent(uint64_t node) {
   std::lock_guard lock(mutex_);
-  auto it = nodes_.find(node);
-  if (it != nodes_.end()) it->second.content.reset();
+  content_.erase(node);
 }
 
 size_t NodeTable::Size() const {

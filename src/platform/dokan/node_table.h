@@ -12,11 +12,13 @@
 // Lock: mutex_ guards everything; it is a leaf lock (nothing is called while
 // it is held).
 #include <cstdint>
-#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
+#include <unordered_set>
+#include <utility>
 
 namespace qb::dokan {
 
@@ -70,20 +72,43 @@ class NodeTable {
     uint64_t parent = 0;
     std::string name;
     uint64_t lookups = 0;
-    uint64_t children = 0;  // nodes that name this one as parent
+    uint32_t children = 0;  // nodes that name this one as parent
     bool linked = true;     // (parent, name) still leads here
-    std::optional<ContentStamp> content;  // at the last open of the file
   };
-  using Key = std::pair<uint64_t, std::string>;
+  using Entry = std::pair<const uint64_t, Node>;
+  // A name to look up: the parent and a name in any spelling.
+  struct NameKey {
+    uint64_t parent;
+    std::string_view name;
+  };
+  // The name index holds the nodes themselves and reads its keys from them,
+  // ignoring case in A-Z, so that a name is kept once.
+  struct NameHash {
+    using is_transparent = void;
+    size_t operator()(const NameKey& key) const noexcept;
+    size_t operator()(const Entry* entry) const noexcept { return (*this)(KeyOf(entry)); }
+  };
+  struct NameEqual {
+    using is_transparent = void;
+    bool operator()(const NameKey& a, const NameKey& b) const noexcept;
+    bool operator()(const Entry* a, const Entry* b) const noexcept { return (*this)(KeyOf(a), KeyOf(b)); }
+    bool operator()(const NameKey& a, const Entry* b) const noexcept { return (*this)(a, KeyOf(b)); }
+    bool operator()(const Entry* a, const NameKey& b) const noexcept { return (*this)(KeyOf(a), b); }
+  };
+  using NameIndex = std::unordered_set<const Entry*, NameHash, NameEqual>;
 
+  static NameKey KeyOf(const Entry* entry) { return {entry->second.parent, entry->second.name}; }
   void ReleaseIfUnusedLocked(uint64_t node);
   std::optional<std::string> PathOfLocked(uint64_t node, bool* linked) const;
-  static Key KeyOf(uint64_t parent, const std::string& name);
+  // The node that (parent, name) leads to, or 0; the name goes from the index.
+  uint64_t TakeName(uint64_t parent, const std::string& name);
 
   mutable std::mutex mutex_;
   uint64_t next_ = kRoot + 1;
   std::unordered_map<uint64_t, Node> nodes_;
-  std::map<Key, uint64_t> byName_;  // names in upper case (A-Z)
+  NameIndex byName_;  // the linked nodes by (parent, name)
+  // Files opened since their node was made (most nodes never are).
+  std::unordered_map<uint64_t, ContentStamp> content_;  // at the last open of the file
 };
 
 }  // namespace qb::dokan

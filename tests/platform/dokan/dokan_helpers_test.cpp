@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <string>
+#include <vector>
 
 #include "platform/dokan/dokan.h"
 #include "platform/dokan/dokan_linux.h"
@@ -139,6 +141,49 @@ TEST(DokanNodeTable, OneNodePerObjectWhateverTheCaseAndNoPathForAGoneName) {
   EXPECT_EQ(other, t.Find(NodeTable::kRoot, "DIR"));
   EXPECT_TRUE(t.PathOf(other, &linked).has_value());
   EXPECT_TRUE(linked);
+}
+
+TEST(DokanNodeTable, ContentStampsAndNamesStayWithTheirOwnNodes) {
+  using qb::dokan::ContentStamp;
+  using qb::dokan::NodeTable;
+  NodeTable t;
+  const ContentStamp s1{10, 1, 2}, s2{11, 1, 3};
+  const uint64_t a = t.Obtain(NodeTable::kRoot, "a.txt", true);
+  EXPECT_FALSE(t.SameContent(a, s1));  // first open: nothing to keep
+  EXPECT_TRUE(t.SameContent(a, s1));
+  EXPECT_FALSE(t.SameContent(a, s2));
+  t.ForgetContent(a);
+  EXPECT_FALSE(t.SameContent(a, s2));
+  EXPECT_TRUE(t.SameContent(a, s2));
+
+  // The old node goes after a new object took its name: the name stays
+  // with the new node, and the new node starts without a stamp.
+  t.Unlinked(NodeTable::kRoot, "a.txt");
+  const uint64_t b = t.Obtain(NodeTable::kRoot, "A.TXT", true);
+  EXPECT_NE(a, b);
+  t.Forget(a, 1);
+  EXPECT_FALSE(t.PathOf(a).has_value());
+  EXPECT_FALSE(t.SameContent(a, s2));  // unknown node
+  EXPECT_EQ(b, t.Find(NodeTable::kRoot, "a.TXT"));
+  EXPECT_FALSE(t.SameContent(b, s2));
+
+  // Many long names moved to another folder in another spelling.
+  const uint64_t from = t.Obtain(NodeTable::kRoot, "from", true);
+  const uint64_t to = t.Obtain(NodeTable::kRoot, "to", true);
+  std::vector<uint64_t> ids;
+  for (int i = 0; i < 2000; ++i)
+    ids.push_back(t.Obtain(from, "a rather long file name " + std::to_string(i) + ".jpg", true));
+  for (int i = 0; i < 2000; ++i)
+    t.Renamed(from, "A RATHER LONG FILE NAME " + std::to_string(i) + ".JPG", to,
+              "moved file name number " + std::to_string(i));
+  for (int i = 0; i < 2000; i += 7) {
+    EXPECT_EQ(ids[i], t.Find(to, "MOVED file name NUMBER " + std::to_string(i)));
+    EXPECT_EQ(0u, t.Find(from, "a rather long file name " + std::to_string(i) + ".jpg"));
+    EXPECT_EQ("\\to\\moved file name number " + std::to_string(i), t.PathOf(ids[i]).value_or(""));
+  }
+  EXPECT_EQ(2004u, t.Size());  // root, b, from, to and the files
+  t.Forget(from, 1);
+  EXPECT_FALSE(t.PathOf(from).has_value());  // its children moved away
 }
 
 }  // namespace
