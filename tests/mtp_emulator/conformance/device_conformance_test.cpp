@@ -359,6 +359,9 @@ TYPED_TEST(DeviceConformance, RemovingTheDeviceDuringAReadFailsItAndTellsRemoval
   EXPECT_TRUE(FAILED(hr)) << "the read went on after removal";
   EXPECT_LT(total, big.size());
   EXPECT_TRUE(sink->WaitFor([](const SeenEvent& e) { return e.id == WPD_EVENT_DEVICE_REMOVED; }));
+  if constexpr (TypeParam::kMtp) {
+    EXPECT_TRUE(this->FindMtpDevice().empty()) << "an unplugged device is still listed";
+  }
   this->mtp_->Unadvise(cookie);
 }
 
