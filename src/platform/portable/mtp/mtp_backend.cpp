@@ -9,9 +9,8 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cerrno>
-
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -121,6 +120,16 @@ MtpDeviceEntry EntryFor(LIBMTP_raw_device_t* raw, const UsbPortInfo& usb) {
   return e;
 }
 
+// The record of the process of ours that holds the device while it serves
+// a drive: its pid, beside the device's names.
+std::filesystem::path HolderFile(const std::string& pnpId) { return NamesFile(pnpId).string() + ".holder"; }
+
+long HolderPid(const std::string& pnpId) {
+  std::ifstream in(HolderFile(pnpId));
+  long pid = 0;
+  return in >> pid ? pid : 0;
+}
+
 }  // namespace
 
 void EnsureLibmtp() {
@@ -141,7 +150,7 @@ void RememberDeviceNames(const std::string& pnpId, const std::string& friendlyNa
 }
 
 void RecordDeviceHolder(const std::string& pnpId) {
-  const std::filesystem::path file = NamesFile(pnpId).string() + ".holder";
+  const std::filesystem::path file = HolderFile(pnpId);
   std::error_code ec;
   std::filesystem::create_directories(file.parent_path(), ec);
   const std::filesystem::path temporary = file.string() + "." + std::to_string(getpid());
@@ -155,18 +164,14 @@ void RecordDeviceHolder(const std::string& pnpId) {
 }
 
 void ForgetDeviceHolder(const std::string& pnpId) {
-  const std::filesystem::path file = NamesFile(pnpId).string() + ".holder";
-  std::ifstream in(file);
-  long pid = 0;
-  if (!(in >> pid) || pid != getpid()) return;  // another process's record since
+  if (HolderPid(pnpId) != getpid()) return;  // another process's record since
   std::error_code ec;
-  std::filesystem::remove(file, ec);
+  std::filesystem::remove(HolderFile(pnpId), ec);
 }
 
 bool HeldByAnotherProcess(const std::string& pnpId) {
-  std::ifstream in(NamesFile(pnpId).string() + ".holder");
-  long pid = 0;
-  if (!(in >> pid) || pid <= 0 || pid == getpid()) return false;
+  const long pid = HolderPid(pnpId);
+  if (pid <= 0 || pid == getpid()) return false;
   return kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
 }
 

@@ -36,10 +36,20 @@ std::string TakeString(char* s) {
 // 0xFFFFFFFF means all storages).
 constexpr uint32_t kNoStorage = 0xFFFF0000u;
 
-bool SpeaksMtp(const LIBMTP_mtpdevice_t* device) {
-  for (const LIBMTP_device_extension_t* e = device->extensions; e; e = e->next)
-    if (e->name && (std::strstr(e->name, "microsoft.com") || std::strstr(e->name, "android.com"))) return true;
-  return false;
+// The vendor extensions the device names: Microsoft's (MTP) and Android's.
+struct Extensions {
+  bool mtp = false, android = false;
+  bool SpeaksMtp() const { return mtp || android; }
+};
+
+Extensions ExtensionsOf(const LIBMTP_mtpdevice_t* device) {
+  Extensions x;
+  for (const LIBMTP_device_extension_t* e = device->extensions; e; e = e->next) {
+    if (!e->name) continue;
+    if (std::strstr(e->name, "microsoft.com")) x.mtp = true;
+    if (std::strstr(e->name, "android.com")) x.android = true;
+  }
+  return x;
 }
 
 uint32_t EventKind(const GUID& eventId) {
@@ -158,7 +168,7 @@ void MtpSession::PrimeObjectCopyLocked() {
   if (primeTried_) return;
   primeTried_ = true;
   primed_ = false;
-  if (!SpeaksMtp(handle_)) return;  // PTP cameras have no such request
+  if (!ExtensionsOf(handle_).SpeaksMtp()) return;  // PTP cameras have no such request
   LIBMTP_devicestorage_t none{};
   none.id = kNoStorage;
   LIBMTP_devicestorage_t* storages = handle_->storage;
@@ -181,14 +191,9 @@ void MtpSession::ReadFacts(const std::string& usbProduct) {
   facts_.serialNumber = TakeString(LIBMTP_Get_Serialnumber(handle_));
   facts_.firmwareVersion = TakeString(LIBMTP_Get_Deviceversion(handle_));
   if (facts_.friendlyName.empty()) facts_.friendlyName = !facts_.model.empty() ? facts_.model : usbProduct;
-  bool mtp = false, android = false;
-  for (LIBMTP_device_extension_t* e = handle_->extensions; e; e = e->next) {
-    if (!e->name) continue;
-    if (std::strstr(e->name, "microsoft.com")) mtp = true;
-    if (std::strstr(e->name, "android.com")) android = true;
-  }
-  facts_.protocol = ProtocolText(mtp || android);
-  facts_.deviceType = DeviceTypeFor(mtp || android, android);
+  const Extensions x = ExtensionsOf(handle_);
+  facts_.protocol = ProtocolText(x.SpeaksMtp());
+  facts_.deviceType = DeviceTypeFor(x.SpeaksMtp(), x.android);
   LIBMTP_Clear_Errorstack(handle_);
   std::vector<MtpStorageFacts> storages;
   StoragesLocked(handle_, &storages);
