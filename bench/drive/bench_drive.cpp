@@ -136,9 +136,10 @@ int main(int argc, char** argv) {
     if (std::string(argv[i]) == "--quick") quick = true;
     if (std::string(argv[i]) == "--only" && i + 1 < argc) only = argv[++i];
   }
-  char home[] = "/tmp/bench-drive-XXXXXX";
-  if (!mkdtemp(home)) return 1;
-  setenv("QUILLBOX_HOME", home, 1);
+  // The disk under test: TMPDIR when set, as for any temporary file.
+  std::string home = (fs::temp_directory_path() / "bench-drive-XXXXXX").string();
+  if (!mkdtemp(home.data())) return 1;
+  setenv("QUILLBOX_HOME", home.c_str(), 1);
   if (only.empty() || only == "reads") ReadBenchmarks(quick ? (32ull << 20) : (256ull << 20));
   if (only.empty() || only == "listing") ListingBenchmarks();
   if (only.empty() || only == "large") LargeDeviceBenchmarks(quick ? 10000 : 100000);
