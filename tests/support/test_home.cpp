@@ -1,8 +1,12 @@
 #include "support/test_home.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <stdexcept>
-#include <unistd.h>
+
+#include "platform/system/paths.h"
 
 namespace qbtest {
 
@@ -18,6 +22,10 @@ ScopedHome::ScopedHome() {
 }
 
 ScopedHome::~ScopedHome() {
+  // An instance still ending when its home goes can no longer take its
+  // lock files, so it leaves the home's shared section behind; the name
+  // belongs to this home alone.
+  shm_unlink(qb::sys::SharedSectionName().c_str());
   if (hadPrevious_)
     setenv("QUILLBOX_HOME", previous_.c_str(), 1);
   else
