@@ -23,14 +23,7 @@ cleanup() {
   rm -rf "$work"
 }
 trap cleanup EXIT
-# True while a quillbox of this home still runs.
-ours() {
-  local p
-  for p in $(pgrep -x quillbox); do
-    { tr '\0' '\n' <"/proc/$p/environ"; } 2>/dev/null | grep -qx "QUILLBOX_HOME=$qh" && return 0
-  done
-  return 1
-}
+. "$here/instances.sh"
 QUILLBOX_HOME="$dh" "$bin/quillbox-simdev" create bench --name "Bench Phone" --serial BENCH0001 --type phone \
   --storage "internal:Internal storage:68719476736:34359738368" >/dev/null || exit 1
 s="$dh/devices/bench/internal"
@@ -48,5 +41,5 @@ for i in $(seq "$runs"); do
   ls "$qh/drives/M" >/dev/null || echo "ls failed"
   awk -v a="$t" -v b="$(date +%s.%N)" 'BEGIN { printf "mount and list the root: %.3f s\n", b - a }'
   QUILLBOX_HOME="$qh" timeout 30 "$bin/quillbox" /u M: >/dev/null 2>&1
-  for j in $(seq 200); do ours || break; sleep 0.05; done
+  await_instances_end "$qh"
 done

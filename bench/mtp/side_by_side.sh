@@ -13,6 +13,7 @@
 # "not run".
 set -u
 here="$(cd "$(dirname "$0")" && pwd)"
+. "$here/instances.sh"
 bin="$(cd "${1:-$here/../../build/bin}" && pwd)"
 limit="${LIMIT:-300}"
 big_mib="${BIG_MIB:-256}"
@@ -122,6 +123,7 @@ unmount_tool() {
       QUILLBOX_HOME="$quillbox_home" timeout 60 "$bin/quillbox" /u M: >/dev/null 2>&1
       local point="$quillbox_home/drives/M"
       mountpoint -q "$point" 2>/dev/null && fusermount3 -uz "$point"
+      await_instances_end "$quillbox_home"  # it lets the device go as it ends
       ;;
     *)
       mountpoint -q "$mnt" 2>/dev/null && { fusermount3 -u "$mnt" 2>/dev/null || fusermount3 -uz "$mnt"; }
