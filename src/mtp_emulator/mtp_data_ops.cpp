@@ -55,7 +55,8 @@ void MtpResponder::GetObject(uint32_t handle, uint64_t offset, uint64_t maxBytes
   HRESULT hr = id.empty() ? E_ERROR_NOT_FOUND : ReadObjectFacts(props_.get(), &handles_, id, &f);
   if (FAILED(hr)) return Respond(CodeOf(hr));
   if (f.folder) return Respond(ptp::kInvalidObjectHandle);
-  bool reuse = partial && readStream_ && readHandle_ == handle && readOffset_ == offset;
+  bool reuse = partial && readStream_ && readHandle_ == handle && readOffset_ == offset && readOutcome_ &&
+               SUCCEEDED(*readOutcome_);
   std::shared_ptr<qb::portable::IStream> stream;
   if (reuse) {
     stream = readStream_;
@@ -67,36 +68,40 @@ void MtpResponder::GetObject(uint32_t handle, uint64_t offset, uint64_t maxBytes
     stream = std::move(opened);
   }
   readStream_.reset();
-  if (!partial) {
-    auto outcome = std::make_shared<HRESULT>(S_OK);
-    uint64_t length = ptp::kHeaderSize + f.size;
-    std::vector<uint8_t> head = ptp::Container(ptp::kDataBlock, current_.code, current_.transaction, {});
-    uint32_t field = length > 0xFFFFFFFFull ? 0xFFFFFFFFu : static_cast<uint32_t>(length);
-    for (int i = 0; i < 4; ++i) head[i] = static_cast<uint8_t>(field >> (8 * i));
-    in_->PushStream(std::move(head), length, [stream, outcome](size_t want, std::vector<uint8_t>* out) {
-      *outcome = ReadBytes(stream.get(), want, out);
-      return SUCCEEDED(*outcome);
-    });
-    uint32_t transaction = current_.transaction;
-    in_->PushLater([this, outcome, transaction] {
-      uint16_t code = SUCCEEDED(*outcome) ? ptp::kOK : *outcome == E_FAIL ? ptp::kIncompleteTransfer : CodeOf(*outcome);
-      return ptp::ParamContainer(ptp::kResponseBlock, code, transaction, {});
-    });
-    return;
-  }
-  if (!reuse && offset > 0 && offset < f.size) {
+  if (partial && !reuse && offset > 0 && offset < f.size) {
     hr = Skip(stream.get(), offset);
     if (FAILED(hr)) return Respond(CodeOf(hr));
   }
-  uint64_t count = offset >= f.size ? 0 : std::min({maxBytes, f.size - offset, kMostPartialBytes});
-  std::vector<uint8_t> data;
-  hr = ReadBytes(stream.get(), count, &data);
-  SendData(data);
-  if (FAILED(hr)) return Respond(hr == E_FAIL ? ptp::kIncompleteTransfer : CodeOf(hr));
-  readStream_ = stream;
-  readHandle_ = handle;
-  readOffset_ = offset + count;
-  Respond(ptp::kOK, {static_cast<uint32_t>(count)});
+  const uint64_t count =
+      !partial ? f.size : offset >= f.size ? 0 : std::min({maxBytes, f.size - offset, kMostPartialBytes});
+  // The data goes out as the host takes it, read from the object as it goes,
+  // as a device streams from its flash: the bus model then sees the device
+  // busy only while bytes move, for a whole read and a partial one alike.
+  auto outcome = std::make_shared<HRESULT>(S_OK);
+  const uint64_t length = ptp::kHeaderSize + count;
+  std::vector<uint8_t> head = ptp::Container(ptp::kDataBlock, current_.code, current_.transaction, {});
+  const uint32_t field = length > 0xFFFFFFFFull ? 0xFFFFFFFFu : static_cast<uint32_t>(length);
+  for (int i = 0; i < 4; ++i) head[i] = static_cast<uint8_t>(field >> (8 * i));
+  in_->PushStream(std::move(head), length, [stream, outcome](size_t want, std::vector<uint8_t>* out) {
+    *outcome = ReadBytes(stream.get(), want, out);
+    return SUCCEEDED(*outcome);
+  });
+  if (partial) {
+    // The next partial read from where this one ends goes on in the same
+    // stream, unless this one broke off.
+    readStream_ = stream;
+    readHandle_ = handle;
+    readOffset_ = offset + count;
+    readOutcome_ = outcome;
+  }
+  const uint32_t transaction = current_.transaction;
+  in_->PushLater([this, outcome, transaction, partial, count] {
+    const uint16_t code =
+        SUCCEEDED(*outcome) ? ptp::kOK : *outcome == E_FAIL ? ptp::kIncompleteTransfer : CodeOf(*outcome);
+    std::vector<uint32_t> params;
+    if (partial && code == ptp::kOK) params.push_back(static_cast<uint32_t>(count));
+    return ptp::ParamContainer(ptp::kResponseBlock, code, transaction, params);
+  });
 }
 
 bool MtpResponder::TakesWrites() const {

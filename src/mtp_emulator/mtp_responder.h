@@ -122,6 +122,7 @@ class MtpResponder : public OutSink {
   std::shared_ptr<qb::portable::IStream> readStream_;
   uint32_t readHandle_ = 0;
   uint64_t readOffset_ = 0;
+  std::shared_ptr<HRESULT> readOutcome_;  // how the data of the last partial read went
   std::atomic<uint64_t> operations_{0};
   // Under m_.
   std::map<uint16_t, uint64_t> perOperation_;
