@@ -3,8 +3,10 @@
 // not one per object or per block.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "emulated_fixture.h"
 
@@ -93,6 +95,43 @@ TEST_F(EmulatedMtpDevice, ReadingALargeFileAsksInGrowingPiecesAfterAQuickFirstOn
   uint64_t pieces = CountOf(OperationCounts(), kGetPartialObject64) - CountOf(before, kGetPartialObject64);
   // 4 KiB, 8 KiB, ... doubling to 8 MiB, then 8 MiB pieces: about 16.
   EXPECT_LE(pieces, 20u) << pieces << " requests for 512 blocks";
+}
+
+// From the second piece on, the next piece is on its way while the reader
+// takes the current one; a reader may stop anywhere, and the device goes on
+// answering the next reader.
+TEST_F(EmulatedMtpDevice, ASequentialReadHasTheNextPieceOnItsWayAndMayStopAnywhere) {
+  std::string data(4u << 20, '\0');
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>((i * 7) >> 5);
+  std::ofstream(Storage("ahead.bin"), std::ios::binary) << data;
+  ASSERT_NO_FATAL_FAILURE(StartAndOpen());
+  std::string id = ChildId(content_.get(), storages_[0], "ahead.bin");
+  ASSERT_FALSE(id.empty());
+  std::shared_ptr<qp::IPortableDeviceResources> resources;
+  content_->Transfer(&resources);
+  std::unique_ptr<qp::IStream> stream;
+  uint32_t optimal = 0;
+  ASSERT_EQ(resources->GetStream(id, WPD_RESOURCE_DEFAULT, qp::STGM_READ, &optimal, &stream), S_OK);
+  auto asked = [before = OperationCounts(), this] {
+    return CountOf(OperationCounts(), kGetPartialObject64) - CountOf(before, kGetPartialObject64);
+  };
+  char block[4096];
+  uint32_t got = 0;
+  std::string read;
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ(stream->Read(block, sizeof block, &got), S_OK);
+    read.append(block, got);
+  }
+  EXPECT_EQ(read, data.substr(0, read.size()));
+  // Two pieces read, and the third asked for without another Read.
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (asked() < 3 && std::chrono::steady_clock::now() < limit)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_EQ(asked(), 3u);
+  stream.reset();  // with the read ahead on its way or done
+  ASSERT_EQ(resources->GetStream(id, WPD_RESOURCE_DEFAULT, qp::STGM_READ, &optimal, &stream), S_OK);
+  ASSERT_EQ(stream->Read(block, sizeof block, &got), S_OK);
+  EXPECT_EQ(std::string(block, got), data.substr(0, sizeof block));
 }
 
 }  // namespace

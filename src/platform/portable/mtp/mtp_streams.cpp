@@ -12,6 +12,7 @@
 #include <chrono>
 #include <ctime>
 #include <filesystem>
+#include <future>
 #include <memory>
 #include <thread>
 
@@ -89,10 +90,60 @@ uint16_t GetFromFile(void*, void* priv, uint32_t wantlen, unsigned char* data, u
   return LIBMTP_HANDLER_RETURN_OK;
 }
 
+struct Free {
+  void operator()(unsigned char* p) const { std::free(p); }
+};
+
+// A piece of an object's data as one GetPartialObject brought it.
+struct Piece {
+  std::unique_ptr<unsigned char, Free> data;  // libmtp's buffer
+  uint64_t start = 0, size = 0;
+  HRESULT result = S_OK;
+  bool Holds(uint64_t offset) const { return offset >= start && offset < start + size; }
+};
+
+Piece FetchPieceOnce(MtpSession& s, uint32_t handle, uint64_t offset, uint64_t size) {
+  Piece piece;
+  piece.start = offset;
+  std::unique_lock<std::timed_mutex> lock;
+  LIBMTP_mtpdevice_t* device = nullptr;
+  piece.result = s.Acquire(&lock, &device);
+  if (FAILED(piece.result)) return piece;
+  unsigned char* data = nullptr;
+  unsigned int got = 0;
+  if (LIBMTP_GetPartialObject(device, handle, offset, static_cast<uint32_t>(size), &data, &got) != 0) {
+    std::free(data);
+    const bool unexplained = LIBMTP_Get_Errorstack(device) == nullptr;
+    piece.result = s.FailedLocked(device, "MT30@MtpReadStream::Read: ", "LIBMTP_GetPartialObject");
+    if (unexplained && piece.result == E_FAIL) piece.result = E_ERROR_BUSY;
+    return piece;
+  }
+  piece.data.reset(data);
+  piece.size = std::min<uint64_t>(got, size);
+  return piece;
+}
+
+// libmtp keeps no error of a failed partial read, so a busy device cannot
+// be told from a broken transfer: a failure without an error of libmtp's
+// is asked again as a busy device is (20 attempts, 200 ms apart), unless
+// the device left.
+Piece FetchPiece(std::shared_ptr<MtpSession> s, uint32_t handle, uint64_t offset, uint64_t size) {
+  Piece piece;
+  for (int attempt = 1; attempt <= kPartialAttempts; ++attempt) {
+    piece = FetchPieceOnce(*s, handle, offset, size);
+    if (piece.result != E_ERROR_BUSY || attempt == kPartialAttempts) break;
+    Trace("MT30@MtpReadStream::Read: ", "no answer at %llu, asking again", static_cast<unsigned long long>(offset));
+    NoteProgress();  // as the device layer notes a busy retry
+    std::this_thread::sleep_for(kPartialRetryDelay);
+  }
+  return piece;
+}
+
 class MtpReadStream : public IStream {
  public:
   MtpReadStream(std::shared_ptr<MtpSession> s, const MtpObjectFacts& o) : s_(std::move(s)), object_(o) {}
   ~MtpReadStream() override {
+    if (next_.valid()) next_.wait();  // the read ahead uses this stream's session
     if (fd_ >= 0) close(fd_);
   }
 
@@ -111,59 +162,43 @@ class MtpReadStream : public IStream {
   HRESULT Revert() override { return S_OK; }
 
  private:
-  // Every request pays the device's fixed cost per operation, so while the
-  // reader goes on where the last piece ended each piece is twice the last,
-  // up to kMaxPiece; the first piece is the reader's own size, so the first
-  // bytes come as soon as they would without read-ahead.
+  // Every request pays the device's fixed cost per operation, so each piece
+  // is twice the last, up to kMaxPiece; the first piece is the reader's own
+  // size, so the first bytes come as soon as they would without read-ahead.
+  // The stream is read front to back: from the second piece on, while the
+  // reader takes one piece the next one is on its way, so the bus does not
+  // wait for the reader.
   HRESULT ReadPartial(void* buffer, uint32_t want, uint32_t* read) {
-    if (offset_ < pieceStart_ || offset_ >= pieceStart_ + pieceSize_) {
-      HRESULT hr = FetchPiece(want);
+    if (!current_.Holds(offset_)) {
+      HRESULT hr = NextPiece(want);
       if (FAILED(hr)) return hr;
     }
-    uint64_t at = offset_ - pieceStart_;
-    uint64_t n = std::min<uint64_t>(want, pieceSize_ - at);
-    if (n) std::memcpy(buffer, piece_.get() + at, n);
+    uint64_t at = offset_ - current_.start;
+    uint64_t n = std::min<uint64_t>(want, current_.size - at);
+    if (n) std::memcpy(buffer, current_.data.get() + at, n);
     *read = static_cast<uint32_t>(n);
     return S_OK;
   }
 
-  // libmtp keeps no error of a failed partial read, so a busy device cannot
-  // be told from a broken transfer: a failure without an error of libmtp's
-  // is asked again as a busy device is (20 attempts,
-  // 200 ms apart), unless the device left.
-  HRESULT FetchPiece(uint32_t want) {
-    bool sequential = pieceSize_ && offset_ == pieceStart_ + pieceSize_;
-    uint64_t size = sequential ? std::min<uint64_t>(2 * pieceSize_, kMaxPiece) : want;
-    size = std::min<uint64_t>(std::max<uint64_t>(size, want), object_.size - offset_);
-    HRESULT hr = E_ERROR_BUSY;
-    for (int attempt = 1; attempt <= kPartialAttempts; ++attempt) {
-      hr = FetchPieceOnce(size);
-      if (hr != E_ERROR_BUSY || attempt == kPartialAttempts) break;
-      Trace("MT30@MtpReadStream::Read: ", "no answer at %llu, asking again", static_cast<unsigned long long>(offset_));
-      NoteProgress();  // as the device layer notes a busy retry
-      std::this_thread::sleep_for(kPartialRetryDelay);
+  HRESULT NextPiece(uint32_t want) {
+    if (next_.valid()) current_ = next_.get();
+    if (!current_.Holds(offset_) || FAILED(current_.result))
+      current_ = FetchPiece(s_, object_.handle, offset_, want);  // a failed read ahead is asked again here
+    if (FAILED(current_.result)) return current_.result;
+    const uint64_t end = current_.start + current_.size;
+    // The first piece alone asks for nothing more: a reader after the first
+    // bytes only (a file type probe, head) costs one request.
+    if (current_.start == 0 || current_.size == 0 || end >= object_.size) return S_OK;
+    const uint64_t size = std::min<uint64_t>({2 * current_.size, kMaxPiece, object_.size - end});
+    try {
+      next_ = std::async(std::launch::async, [s = s_, handle = object_.handle, end, size,
+                                              progress = CurrentProgressReporter()] {
+        ScopedProgressReporter reporter(progress);
+        return FetchPiece(s, handle, end, size);
+      });
+    } catch (const std::exception&) {
+      // No thread to be had: the next piece is read when it is needed.
     }
-    return hr;
-  }
-
-  HRESULT FetchPieceOnce(uint64_t size) {
-    piece_.reset();
-    pieceSize_ = 0;
-    pieceStart_ = offset_;
-    std::unique_lock<std::timed_mutex> lock;
-    LIBMTP_mtpdevice_t* device = nullptr;
-    HRESULT hr = s_->Acquire(&lock, &device);
-    if (FAILED(hr)) return hr;
-    unsigned char* data = nullptr;
-    unsigned int got = 0;
-    if (LIBMTP_GetPartialObject(device, object_.handle, offset_, static_cast<uint32_t>(size), &data, &got) != 0) {
-      std::free(data);
-      const bool unexplained = LIBMTP_Get_Errorstack(device) == nullptr;
-      hr = s_->FailedLocked(device, "MT30@MtpReadStream::Read: ", "LIBMTP_GetPartialObject");
-      return unexplained && hr == E_FAIL ? E_ERROR_BUSY : hr;
-    }
-    piece_.reset(data);
-    pieceSize_ = std::min<uint64_t>(got, size);
     return S_OK;
   }
 
@@ -205,11 +240,8 @@ class MtpReadStream : public IStream {
   MtpObjectFacts object_;
   uint64_t offset_ = 0;
   int fd_ = -1;
-  struct Free {
-    void operator()(unsigned char* p) const { std::free(p); }
-  };
-  std::unique_ptr<unsigned char, Free> piece_;  // the last piece read (libmtp's buffer)
-  uint64_t pieceStart_ = 0, pieceSize_ = 0;
+  Piece current_;            // the piece the reader takes from
+  std::future<Piece> next_;  // the piece after it, on its way (waited for when destroyed)
 };
 
 class MtpDataStream : public IPortableDeviceDataStream {
