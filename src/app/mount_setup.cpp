@@ -3,7 +3,9 @@
 // drive in the shared state, registers its icon, signals the instance that
 // started this one, and opens the drive or runs the user's program.
 #include <atomic>
+#include <future>
 #include <mutex>
+#include <system_error>
 
 #include "app/mapping_stages.h"
 #include "app/mapping_state.h"
@@ -104,8 +106,18 @@ void SetupIconAndSignalParent(const char* reason) {
   const std::string storage = m.storageName.empty() ? m.onlyStorageName : m.storageName;
   g->SetMappedDevice(letter, m.deviceId, m.deviceType, m.friendlyName, m.profile.alias, m.serialNumber,
                      m.pnpIdOrEmpty, storage, Format("%d", m.storageIndex));
-  shell::SetDriveIcon(static_cast<char>(ToUpperAZ(letter)), nullptr, m.deviceType, m.pnpId, (nb::Flags() & 0x8) != 0);
-  shell::AddDrivePlace(static_cast<char>(ToUpperAZ(letter)), PlaceLabel(m, storage), m.deviceType);
+  // The icon (registry) and the place (bookmark files) each wait for their
+  // files to reach the disk, and the command waits for both: side by side.
+  const char upper = static_cast<char>(ToUpperAZ(letter));
+  auto addPlace = [&] { shell::AddDrivePlace(upper, PlaceLabel(m, storage), m.deviceType); };
+  std::future<void> place;
+  try {
+    place = std::async(std::launch::async, addPlace);
+  } catch (const std::system_error&) {
+    addPlace();  // no thread to be had
+  }
+  shell::SetDriveIcon(upper, nullptr, m.deviceType, m.pnpId, (nb::Flags() & 0x8) != 0);
+  if (place.valid()) place.wait();
   m.setupDone = true;
   g->SignalMappingFinishedEvent(letter, reason);
   if (DriveState* drive = GetDriveState()) StopCrawlerWorker(drive, 0);
