@@ -137,7 +137,10 @@ void MtpEventPump::Run() {
     }
     struct timeval tv = {0, static_cast<long>(std::chrono::microseconds(kSlice).count())};
     int completed = 0;
-    if (pending || !session_->Offline()) LIBMTP_Handle_Events_Timeout_Completed(&tv, &completed);
+    if (pending || !session_->Offline()) {
+      std::lock_guard<std::timed_mutex> pumping(pumping_);
+      LIBMTP_Handle_Events_Timeout_Completed(&tv, &completed);
+    }
     RetryDeferred();
     DrainInbox();
     if (now - lastPresence >= kPresenceEvery) {
@@ -156,11 +159,12 @@ void MtpEventPump::Run() {
 void MtpEventPump::SubmitRead() {
   std::unique_lock<std::timed_mutex> lock;
   LIBMTP_mtpdevice_t* device = nullptr;
-  if (FAILED(session_->Acquire(&lock, &device, kSlice))) return;
+  if (FAILED(session_->AcquireForFacts(&lock, &device, kSlice))) return;
   {
     std::lock_guard<std::mutex> l(inbox_->m);
     inbox_->readPending = true;
   }
+  everRead_ = true;
   int rc = LIBMTP_Read_Event_Async(device, OnUsbEvent, reinterpret_cast<void*>(static_cast<uintptr_t>(token_)));
   if (rc != 0) {
     LIBMTP_Clear_Errorstack(device);
@@ -168,6 +172,30 @@ void MtpEventPump::SubmitRead() {
     inbox_->readPending = false;
     Trace("MT20@MtpEventPump::SubmitRead: ", "LIBMTP_Read_Event_Async failed (%d)", rc);
   }
+}
+
+bool MtpEventPump::HoldOutside(std::unique_lock<std::timed_mutex>* hold) {
+  std::unique_lock<std::timed_mutex> l(pumping_, std::defer_lock);
+  // The pump leaves libusb's event handling after one slice at most.
+  if (!l.try_lock_for(kSlice * 5)) return false;
+  bool pending;
+  {
+    std::lock_guard<std::mutex> i(inbox_->m);
+    pending = inbox_->readPending;
+  }
+  if (pending) {
+    // An event that came already is not lost with the handle.
+    struct timeval now = {0, 0};
+    int completed = 0;
+    LIBMTP_Handle_Events_Timeout_Completed(&now, &completed);
+  }
+  *hold = std::move(l);
+  return true;
+}
+
+void MtpEventPump::ReadLost() {
+  std::lock_guard<std::mutex> l(inbox_->m);
+  inbox_->readPending = false;
 }
 
 void MtpEventPump::DrainInbox() {
@@ -301,7 +329,7 @@ bool MtpEventPump::HandleStorageChange(bool raiseUpdated) {
   {
     std::unique_lock<std::timed_mutex> lock;
     LIBMTP_mtpdevice_t* device = nullptr;
-    HRESULT hr = session_->Acquire(&lock, &device, kSlice);
+    HRESULT hr = session_->AcquireForFacts(&lock, &device, kSlice);
     if (hr == E_ERROR_BUSY) return false;
     if (FAILED(hr) || FAILED(session_->StoragesLocked(device, &after))) return true;
   }
