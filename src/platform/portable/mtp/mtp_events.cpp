@@ -137,7 +137,11 @@ void MtpEventPump::Run() {
     }
     struct timeval tv = {0, static_cast<long>(std::chrono::microseconds(kSlice).count())};
     int completed = 0;
-    if (pending || !session_->Offline()) {
+    if ((pending || !session_->Offline()) && holdWanted_) {
+      // Someone releases the handle: stay out of libusb until it is done.
+      std::unique_lock<std::mutex> l(stopMutex_);
+      stopCv_.wait_for(l, kSlice, [&] { return stop_ || !holdWanted_; });
+    } else if (pending || !session_->Offline()) {
       std::lock_guard<std::timed_mutex> pumping(pumping_);
       LIBMTP_Handle_Events_Timeout_Completed(&tv, &completed);
     }
@@ -174,10 +178,14 @@ void MtpEventPump::SubmitRead() {
   }
 }
 
-bool MtpEventPump::HoldOutside(std::unique_lock<std::timed_mutex>* hold) {
-  std::unique_lock<std::timed_mutex> l(pumping_, std::defer_lock);
-  // The pump leaves libusb's event handling after one slice at most.
-  if (!l.try_lock_for(kSlice * 5)) return false;
+bool MtpEventPump::HoldOutside() {
+  holdWanted_ = true;
+  // The pump leaves libusb's event handling after one slice at most and
+  // does not go in again while the hold is wanted.
+  if (!pumping_.try_lock_for(kSlice * 5)) {
+    EndHoldWanted();
+    return false;
+  }
   bool pending;
   {
     std::lock_guard<std::mutex> i(inbox_->m);
@@ -189,8 +197,20 @@ bool MtpEventPump::HoldOutside(std::unique_lock<std::timed_mutex>* hold) {
     int completed = 0;
     LIBMTP_Handle_Events_Timeout_Completed(&now, &completed);
   }
-  *hold = std::move(l);
   return true;
+}
+
+void MtpEventPump::EndHold() {
+  pumping_.unlock();
+  EndHoldWanted();
+}
+
+void MtpEventPump::EndHoldWanted() {
+  {
+    std::lock_guard<std::mutex> l(stopMutex_);
+    holdWanted_ = false;
+  }
+  stopCv_.notify_all();
 }
 
 void MtpEventPump::ReadLost() {

@@ -45,10 +45,11 @@ class MtpEventPump {
   bool EverRead() const { return everRead_.load(); }
   // Before the libmtp handle is released while the pump goes on (a new
   // libmtp session of the same device): waits, bounded, until the pump is
-  // outside libusb's event handling and keeps it out while `hold` lives,
-  // then hands what completed to the inbox. False when the pump did not
-  // come out in time.
-  bool HoldOutside(std::unique_lock<std::timed_mutex>* hold);
+  // outside libusb's event handling and keeps it out until EndHold, then
+  // hands what completed to the inbox. False when the pump did not come
+  // out in time.
+  bool HoldOutside();
+  void EndHold();
   // The handle was replaced: a read pending on the old one is gone with it,
   // the next read goes to the new one.
   void ReadLost();
@@ -71,6 +72,7 @@ class MtpEventPump {
   bool HandleStorageChange(bool raiseUpdated);
   void DrainInbox();
   void RetryDeferred();
+  void EndHoldWanted();
 
   struct Deferred {
     LIBMTP_event_t event;
@@ -86,6 +88,7 @@ class MtpEventPump {
   bool stop_ = false;  // under stopMutex_
   std::timed_mutex pumping_;  // held by the pump thread while it handles libusb events
   std::atomic<bool> everRead_{false};
+  std::atomic<bool> holdWanted_{false};  // HoldOutside waits: the pump does not go in again
   std::chrono::steady_clock::time_point listenFrom_;  // under stopMutex_: first read not before
   // Pump thread only: device events that found the device lock taken, in
   // their order; tried again every slice, never dropped.

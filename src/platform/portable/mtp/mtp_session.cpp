@@ -179,11 +179,16 @@ HRESULT MtpSession::ReopenLocked() {
   // The event read pending on the old handle goes with it (libusb drops a
   // closed handle's transfers); its completion must not be handled while
   // the handle goes, so the pump stays out of libusb meanwhile.
-  std::unique_lock<std::timed_mutex> pumpOutside;
-  if (pump_ && !pump_->HoldOutside(&pumpOutside)) {
+  if (pump_ && !pump_->HoldOutside()) {
     Trace("MT9@MtpSession::ReopenLocked: ", "the event thread did not pause; not opened again");
     return E_ERROR_BUSY;
   }
+  struct EndHold {
+    MtpEventPump* pump;
+    ~EndHold() {
+      if (pump) pump->EndHold();
+    }
+  } endHold{pump_.get()};
   LIBMTP_raw_device_t* raw = nullptr;
   int count = 0;
   if (LIBMTP_Detect_Raw_Devices(&raw, &count) != LIBMTP_ERROR_NONE) count = 0;
