@@ -21,6 +21,7 @@
 #include "common/strings.h"
 #include "diag/trace.h"
 #include "platform/system/paths.h"
+#include "platform/portable/portable.h"
 #include "platform/system/process_spawn.h"
 
 namespace qb::app {
@@ -225,6 +226,7 @@ int32_t RelaunchWithoutB(int argc, char** argv) {
   std::string line;
   for (size_t i = 1; i < args.size(); ++i) line += (i > 1 ? " " : "") + args[i];
   Trace(kTag, "Relaunch: %s", line.c_str());
+  qb::portable::ReleaseIdleDevices();  // the new instance may open a device
   sys::ChildProcess child;
   if (!args[0].empty() && sys::SpawnProcess(args, {}, &child, true)) child.Release();
   return 0;

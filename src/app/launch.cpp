@@ -11,6 +11,7 @@
 #include "app/super_globals.h"
 #include "common/strings.h"
 #include "diag/trace.h"
+#include "platform/portable/portable.h"
 #include "platform/system/child_handles.h"
 #include "platform/system/paths.h"
 
@@ -99,6 +100,9 @@ sys::ChildProcess LaunchQuillbox(const LaunchRequest& request) {
     return child;
   }
   Trace("M30@LaunchQuillbox: ", "Invoking \"%s\"", line.c_str());
+  // The child opens the device: a device this process closed a moment ago
+  // and still holds would keep it out.
+  qb::portable::ReleaseIdleDevices();
   std::vector<int> inherit;
   if (request.event >= 0) inherit.push_back(request.event);
   if (request.waitWindow >= 0) inherit.push_back(request.waitWindow);

@@ -8,6 +8,7 @@
 #include "app/neighbours.h"
 #include "common/strings.h"
 #include "diag/trace.h"
+#include "platform/portable/portable.h"
 #include "platform/system/process_spawn.h"
 
 namespace qb::app {
@@ -54,6 +55,7 @@ int32_t StartupScan() {
                        qb::Format(" /StiDevice:%s /StiEvent:%s /startup", devices.ids[i].c_str(), kDeviceConnectedGuid);
     Trace("M51@StartupScan: ", "InvokeSTI: '%s'", line.c_str());
     std::string path = OwnExecutablePath(false);
+    qb::portable::ReleaseIdleDevices();  // the started instance opens the device
     sys::ChildProcess child;
     if (path.empty() ||
         !sys::SpawnProcess({path, "/StiDevice:" + devices.ids[i], std::string("/StiEvent:") + kDeviceConnectedGuid,

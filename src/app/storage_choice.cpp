@@ -6,6 +6,7 @@
 #include "app/storage_list_codec.h"
 #include "common/strings.h"
 #include "diag/trace.h"
+#include "platform/portable/portable.h"
 #include "platform/system/process_spawn.h"
 
 namespace qb::app {
@@ -140,6 +141,7 @@ std::string NextCardLine(const NextCardRequest& r, const StorageLists& lists) {
 }
 
 bool StartNextCard(const std::string& line) {
+  qb::portable::ReleaseIdleDevices();  // the next instance opens the device
   sys::ChildProcess child;
   if (line.empty() || !sys::SpawnProcess(sys::SplitCommandLine(line), {}, &child, true)) {
     Trace(kTagNext, "Invoke1 failed, error=%d", errno);

@@ -8,6 +8,7 @@
 #include "app/super_globals.h"
 #include "e2e/e2e_support.h"
 #include "platform/registry/registry.h"
+#include "settings/settings.h"
 
 namespace qbtest {
 namespace {
@@ -215,6 +216,28 @@ TEST_P(MappingE2e, SameDeviceTwiceIsRefusedWithItsMessageAndCode) {
   EXPECT_EQ(device.code, -109);
   EXPECT_NE(device.err.find("Device already mapped to a drive letter."), std::string::npos) << device.err;
   EXPECT_FALSE(FindMount(MountPointOf('R')));
+}
+
+// The command instance reads the device table, which may leave the device
+// held for a moment for this process (a kept MTP session); the serving
+// instance it starts must find the device free at once, not wait for it as
+// for a busy device.
+TEST_P(MappingE2e, TheServingInstanceFindsTheDeviceFreeAtOnce) {
+  {
+    qb::reg::Key key;
+    ASSERT_EQ(key.Create(HKEY_CURRENT_USER, QB_SETTINGS_KEY, KEY_READ | KEY_WRITE), ERROR_SUCCESS);
+    ASSERT_EQ(key.SetDword("Flags", QB_FLAG_TRACE_LOG), ERROR_SUCCESS);
+  }
+  DriveGuard q('Q');
+  ASSERT_EQ(Quillbox({"/mn", kDemo, "/si", "1", "Q:"}).code, 0);
+  EXPECT_EQ(ReadText(MountPointOf('Q') / "Documents" / "Shopping list.txt"), kShopping);
+  ASSERT_EQ(Quillbox({"/u", "Q:"}).code, 0);
+  std::string log;
+  for (const auto& e : std::filesystem::directory_iterator(home_.Path() / "local" / "Quillbox"))
+    if (e.path().filename().string().rfind("QUILLBOX", 0) == 0 && e.path().extension() == ".log")
+      log += ReadText(e.path());
+  EXPECT_NE(log.find("ChooseDevice: ENTER"), std::string::npos) << "no trace log";
+  EXPECT_EQ(log.find("ChooseDevice: Busy, retrying"), std::string::npos) << "an instance waited for the device";
 }
 
 TEST_P(MappingE2e, LetterServedByAnotherInstanceIsRefused) {

@@ -129,4 +129,7 @@ std::unique_ptr<IPortableDeviceManager> CreatePortableDeviceManager() {
 
 std::unique_ptr<IPortableDevice> CreatePortableDevice() { return std::make_unique<PortableDevice>(); }
 
+// Simulated devices are shared between processes and hold nothing.
+void ReleaseIdleDevices() { mtp::ReleaseIdleMtpDevices(); }
+
 }  // namespace qb::portable

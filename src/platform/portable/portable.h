@@ -235,6 +235,11 @@ class IPortableDeviceManager {
 std::unique_ptr<IPortableDeviceManager> CreatePortableDeviceManager();
 // A device object not yet opened; Open picks the back end from the PnP id.
 std::unique_ptr<IPortableDevice> CreatePortableDevice();
+// A device closed a moment ago may still be held for this process (its
+// next Open is then quick; released after a second or two). Releases such
+// devices now: call it before starting another process that will open a
+// device (over USB one program at a time can hold it).
+void ReleaseIdleDevices();
 
 // A PnP id in the system's form:
 // \\?\<bus>#<product>#<serial>#{6ac27878-a6fa-4155-ba85-f98f491d4f33}.

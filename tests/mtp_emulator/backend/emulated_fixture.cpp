@@ -69,6 +69,9 @@ bool EmulatedMtpDevice::StartEmulator(const std::vector<std::string>& options) {
 }
 
 void EmulatedMtpDevice::StopEmulator() {
+  // A session kept after a close belongs to this emulator; the next test's
+  // emulator may show the same device at the same place.
+  qp::ReleaseIdleDevices();
   if (emulator_ <= 0) return;
   kill(emulator_, SIGTERM);
   int status = 0;

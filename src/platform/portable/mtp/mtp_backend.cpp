@@ -20,6 +20,7 @@
 #include "diag/trace.h"
 #include "platform/system/paths.h"
 #include "platform/portable/mtp/mtp_init.h"
+#include "platform/portable/mtp/mtp_keeper.h"
 #include "platform/portable/mtp/mtp_usb.h"
 #endif
 
@@ -177,6 +178,8 @@ bool HeldByAnotherProcess(const std::string& pnpId) {
 
 bool MtpBackendAvailable() { return true; }
 
+void ReleaseIdleMtpDevices() { ReleaseKeptDevices(); }
+
 HRESULT ListMtpDevices(std::vector<MtpDeviceEntry>* devices) {
   if (!devices) return E_POINTER;
   devices->clear();
@@ -224,6 +227,8 @@ class NoMtpDevice : public IPortableDevice {
 }  // namespace
 
 bool MtpBackendAvailable() { return false; }
+
+void ReleaseIdleMtpDevices() {}
 
 HRESULT ListMtpDevices(std::vector<MtpDeviceEntry>* devices) {
   if (!devices) return E_POINTER;

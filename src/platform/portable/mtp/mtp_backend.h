@@ -27,5 +27,7 @@ bool IsMtpPnpId(const std::string& pnpId);
 HRESULT ListMtpDevices(std::vector<MtpDeviceEntry>* devices);
 // A device object not yet opened; Open takes an MTP PnP id.
 std::unique_ptr<IPortableDevice> CreateMtpPortableDevice();
+// Releases the libmtp sessions kept after a close (mtp_keeper.h) now.
+void ReleaseIdleMtpDevices();
 
 }  // namespace qb::portable::mtp

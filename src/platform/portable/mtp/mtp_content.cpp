@@ -63,7 +63,7 @@ class MtpContent : public IPortableDeviceContent, public std::enable_shared_from
     if (ref.kind == MtpIdKind::kInvalid) return E_ERROR_NOT_FOUND;
     std::unique_lock<std::timed_mutex> lock;
     LIBMTP_mtpdevice_t* device = nullptr;
-    HRESULT hr = s_->Acquire(&lock, &device);
+    HRESULT hr = ref.kind == MtpIdKind::kDevice ? s_->AcquireForFacts(&lock, &device) : s_->Acquire(&lock, &device);
     if (FAILED(hr)) return hr;
     std::vector<std::string> ids;
     if (ref.kind == MtpIdKind::kDevice) {
@@ -102,6 +102,7 @@ class MtpContent : public IPortableDeviceContent, public std::enable_shared_from
     hr = s_->Acquire(&lock, &device);
     if (FAILED(hr)) return hr;
     std::string name = target.fileName;
+    s_->NoteCopyUsedLocked();
     uint32_t handle = LIBMTP_Create_Folder(device, name.data(), SendParentHandle(target.parentHandle), target.storageId);
     if (handle == 0) return s_->FailedLocked(device, "MT50@MtpContent::CreateObjectWithPropertiesOnly: ", "LIBMTP_Create_Folder");
     MtpObjectFacts facts;
@@ -173,7 +174,7 @@ class MtpContent : public IPortableDeviceContent, public std::enable_shared_from
       if (FAILED(hr)) return hr;
     }
     std::vector<MtpObjectFacts> children;
-    HRESULT hr = s_->ChildrenLocked(device, storage, parent, &children);
+    HRESULT hr = s_->ChildrenLocked(&device, storage, parent, &children);
     for (const auto& c : children) ids->push_back(ContentObjectId(c.handle));
     return hr;
   }
@@ -222,7 +223,7 @@ class MtpContent : public IPortableDeviceContent, public std::enable_shared_from
     if (object.formatCode == kFormatAssociation && options != PORTABLE_DEVICE_DELETE_WITH_RECURSION) {
       // MTP deletes a folder with everything in it: look first.
       std::vector<MtpObjectFacts> children;
-      hr = s_->ChildrenLocked(device, object.storageId, object.handle, &children);
+      hr = s_->ChildrenLocked(&device, object.storageId, object.handle, &children);
       if (FAILED(hr)) return hr;
       if (!children.empty()) return HRESULT_FROM_WIN32(ERROR_DIR_NOT_EMPTY);
     }
@@ -255,6 +256,7 @@ class MtpContent : public IPortableDeviceContent, public std::enable_shared_from
       if (folder.formatCode != kFormatAssociation) return E_INVALIDARG;
       storage = folder.storageId;
     }
+    s_->NoteCopyUsedLocked();
     if (LIBMTP_Move_Object(device, object.handle, storage, parentHandle) != 0)
       return s_->FailedLocked(device, "MT52@MtpContent::Move: ", "LIBMTP_Move_Object");
     object.parentHandle = parentHandle;

@@ -80,7 +80,7 @@ class MtpCapabilities : public IPortableDeviceCapabilities {
     if (all || category == WPD_FUNCTIONAL_CATEGORY_STORAGE) {
       std::unique_lock<std::timed_mutex> lock;
       LIBMTP_mtpdevice_t* device = nullptr;
-      HRESULT hr = s_->Acquire(&lock, &device);
+      HRESULT hr = s_->AcquireForFacts(&lock, &device);
       if (FAILED(hr)) return hr;
       std::vector<MtpStorageFacts> storages;
       hr = s_->StoragesLocked(device, &storages);

@@ -137,7 +137,14 @@ void MtpEventPump::Run() {
     }
     struct timeval tv = {0, static_cast<long>(std::chrono::microseconds(kSlice).count())};
     int completed = 0;
-    if (pending || !session_->Offline()) LIBMTP_Handle_Events_Timeout_Completed(&tv, &completed);
+    if ((pending || !session_->Offline()) && holdWanted_) {
+      // Someone releases the handle: stay out of libusb until it is done.
+      std::unique_lock<std::mutex> l(stopMutex_);
+      stopCv_.wait_for(l, kSlice, [&] { return stop_ || !holdWanted_; });
+    } else if (pending || !session_->Offline()) {
+      std::lock_guard<std::timed_mutex> pumping(pumping_);
+      LIBMTP_Handle_Events_Timeout_Completed(&tv, &completed);
+    }
     RetryDeferred();
     DrainInbox();
     if (now - lastPresence >= kPresenceEvery) {
@@ -156,11 +163,12 @@ void MtpEventPump::Run() {
 void MtpEventPump::SubmitRead() {
   std::unique_lock<std::timed_mutex> lock;
   LIBMTP_mtpdevice_t* device = nullptr;
-  if (FAILED(session_->Acquire(&lock, &device, kSlice))) return;
+  if (FAILED(session_->AcquireForFacts(&lock, &device, kSlice))) return;
   {
     std::lock_guard<std::mutex> l(inbox_->m);
     inbox_->readPending = true;
   }
+  everRead_ = true;
   int rc = LIBMTP_Read_Event_Async(device, OnUsbEvent, reinterpret_cast<void*>(static_cast<uintptr_t>(token_)));
   if (rc != 0) {
     LIBMTP_Clear_Errorstack(device);
@@ -168,6 +176,46 @@ void MtpEventPump::SubmitRead() {
     inbox_->readPending = false;
     Trace("MT20@MtpEventPump::SubmitRead: ", "LIBMTP_Read_Event_Async failed (%d)", rc);
   }
+}
+
+bool MtpEventPump::HoldOutside() {
+  holdWanted_ = true;
+  // The pump leaves libusb's event handling after one slice at most and
+  // does not go in again while the hold is wanted.
+  if (!pumping_.try_lock_for(kSlice * 5)) {
+    EndHoldWanted();
+    return false;
+  }
+  bool pending;
+  {
+    std::lock_guard<std::mutex> i(inbox_->m);
+    pending = inbox_->readPending;
+  }
+  if (pending) {
+    // An event that came already is not lost with the handle.
+    struct timeval now = {0, 0};
+    int completed = 0;
+    LIBMTP_Handle_Events_Timeout_Completed(&now, &completed);
+  }
+  return true;
+}
+
+void MtpEventPump::EndHold() {
+  pumping_.unlock();
+  EndHoldWanted();
+}
+
+void MtpEventPump::EndHoldWanted() {
+  {
+    std::lock_guard<std::mutex> l(stopMutex_);
+    holdWanted_ = false;
+  }
+  stopCv_.notify_all();
+}
+
+void MtpEventPump::ReadLost() {
+  std::lock_guard<std::mutex> l(inbox_->m);
+  inbox_->readPending = false;
 }
 
 void MtpEventPump::DrainInbox() {
@@ -301,7 +349,7 @@ bool MtpEventPump::HandleStorageChange(bool raiseUpdated) {
   {
     std::unique_lock<std::timed_mutex> lock;
     LIBMTP_mtpdevice_t* device = nullptr;
-    HRESULT hr = session_->Acquire(&lock, &device, kSlice);
+    HRESULT hr = session_->AcquireForFacts(&lock, &device, kSlice);
     if (hr == E_ERROR_BUSY) return false;
     if (FAILED(hr) || FAILED(session_->StoragesLocked(device, &after))) return true;
   }

@@ -13,6 +13,7 @@
 #ifdef QUILLBOX_HAVE_LIBMTP
 #include <libmtp.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -40,6 +41,18 @@ class MtpEventPump {
   void Post(PortableDeviceValues parameters);
   // Somebody wants the device's events: the reads start now.
   void Listen();
+  // True once an event read was started on the device.
+  bool EverRead() const { return everRead_.load(); }
+  // Before the libmtp handle is released while the pump goes on (a new
+  // libmtp session of the same device): waits, bounded, until the pump is
+  // outside libusb's event handling and keeps it out until EndHold, then
+  // hands what completed to the inbox. False when the pump did not come
+  // out in time.
+  bool HoldOutside();
+  void EndHold();
+  // The handle was replaced: a read pending on the old one is gone with it,
+  // the next read goes to the new one.
+  void ReadLost();
 
  private:
   void Run();
@@ -59,6 +72,7 @@ class MtpEventPump {
   bool HandleStorageChange(bool raiseUpdated);
   void DrainInbox();
   void RetryDeferred();
+  void EndHoldWanted();
 
   struct Deferred {
     LIBMTP_event_t event;
@@ -72,6 +86,9 @@ class MtpEventPump {
   std::mutex stopMutex_;
   std::condition_variable stopCv_;
   bool stop_ = false;  // under stopMutex_
+  std::timed_mutex pumping_;  // held by the pump thread while it handles libusb events
+  std::atomic<bool> everRead_{false};
+  std::atomic<bool> holdWanted_{false};  // HoldOutside waits: the pump does not go in again
   std::chrono::steady_clock::time_point listenFrom_;  // under stopMutex_: first read not before
   // Pump thread only: device events that found the device lock taken, in
   // their order; tried again every slice, never dropped.

@@ -79,6 +79,7 @@ class MtpProperties : public IPortableDeviceProperties {
       s_->LoadExtrasLocked(device, &object);
     }
     if (results) results->Clear();
+    s_->NoteCopyUsedLocked();  // libmtp reads a changed object into its copy again
     HRESULT last = S_OK;
     size_t failed = 0, done = 0;
     for (const auto& [key, value] : values.Items()) {
@@ -154,7 +155,7 @@ HRESULT ReadObjectValues(MtpSession& s, const std::string& objectId, PortableDev
   if (ref.kind == MtpIdKind::kInvalid) return E_ERROR_NOT_FOUND;
   std::unique_lock<std::timed_mutex> lock;
   LIBMTP_mtpdevice_t* device = nullptr;
-  HRESULT hr = s.Acquire(&lock, &device);
+  HRESULT hr = ref.kind == MtpIdKind::kObject ? s.Acquire(&lock, &device) : s.AcquireForFacts(&lock, &device);
   if (FAILED(hr)) return hr;
   if (ref.kind == MtpIdKind::kDevice) return DeviceValuesLocked(s, device, values);
   if (ref.kind == MtpIdKind::kStorage) {

@@ -3,6 +3,7 @@
 #include "platform/portable/mtp/mtp_session.h"
 
 #ifdef QUILLBOX_HAVE_LIBMTP
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -12,6 +13,7 @@
 #include "platform/portable/mtp/mtp_filetype.h"
 #include "platform/portable/mtp/mtp_formats.h"
 #include "platform/portable/mtp/mtp_init.h"
+#include "platform/portable/mtp/mtp_keeper.h"
 #include "platform/portable/mtp/mtp_time.h"
 #include "platform/portable/mtp/mtp_usb.h"
 
@@ -68,6 +70,17 @@ HRESULT MtpSession::Open(const std::string& pnpId, bool readOnly, std::shared_pt
   std::string serialPart;
   if (!ParseMtpPnpId(pnpId, &vid, &pid, &serialPart)) return E_ERROR_NOT_FOUND;
   EnsureLibmtp();
+  {
+    std::shared_ptr<MtpSession> s(new MtpSession());
+    s->pnpId_ = pnpId;
+    s->readOnly_ = readOnly;
+    if (s->TakeOverKept()) {
+      *out = std::move(s);
+      Trace("MT1@MtpSession::Open: ", "RETURN: RC=0x%08X (%s), the session kept from the last close",
+            static_cast<uint32_t>(S_OK), CodeToName(S_OK));
+      return S_OK;
+    }
+  }
   LIBMTP_raw_device_t* raw = nullptr;
   int count = 0;
   LIBMTP_error_number_t err = LIBMTP_Detect_Raw_Devices(&raw, &count);
@@ -124,7 +137,58 @@ HRESULT MtpSession::OpenRaw(LIBMTP_raw_device_t* raw) {
   return S_OK;
 }
 
+bool MtpSession::TakeOverKept() {
+  KeptDevice kept;
+  if (!TakeKeptDevice(pnpId_, &kept)) return false;
+  busNumber_ = kept.busNumber;
+  deviceAddress_ = kept.deviceAddress;
+  vendorId_ = kept.vendorId;
+  productId_ = kept.productId;
+  facts_ = kept.facts;
+  handle_ = kept.handle;
+  LIBMTP_Clear_Errorstack(handle_);
+  canMove_ = LIBMTP_Check_Capability(handle_, LIBMTP_DEVICECAP_MoveObject) != 0;
+  canReadPartial_ = LIBMTP_Check_Capability(handle_, LIBMTP_DEVICECAP_GetPartialObject) != 0;
+  std::vector<MtpStorageFacts> storages;
+  StoragesLocked(handle_, &storages);  // fresh, as a new open reads them
+  pump_ = std::make_unique<MtpEventPump>(this);
+  pump_->Start();
+  return true;
+}
+
+bool MtpSession::KeepLocked() {
+  // Kept only as good as fresh: libmtp's copy of the objects is empty (it
+  // would answer the next session's reads from old data) and no event read
+  // was ever started (its completion would belong to this session).
+  if (!handle_ || objectWork_ || copyUsed_ || removedRaised_ || (pump_ && pump_->EverRead()) || !StillPlugged())
+    return false;
+  KeptDevice kept;
+  kept.pnpId = pnpId_;
+  kept.handle = handle_;
+  kept.busNumber = busNumber_;
+  kept.deviceAddress = deviceAddress_;
+  kept.vendorId = vendorId_;
+  kept.productId = productId_;
+  kept.facts = facts_;
+  KeepDevice(std::move(kept));
+  handle_ = nullptr;
+  return true;
+}
+
 HRESULT MtpSession::ReopenLocked() {
+  // The event read pending on the old handle goes with it (libusb drops a
+  // closed handle's transfers); its completion must not be handled while
+  // the handle goes, so the pump stays out of libusb meanwhile.
+  if (pump_ && !pump_->HoldOutside()) {
+    Trace("MT9@MtpSession::ReopenLocked: ", "the event thread did not pause; not opened again");
+    return E_ERROR_BUSY;
+  }
+  struct EndHold {
+    MtpEventPump* pump;
+    ~EndHold() {
+      if (pump) pump->EndHold();
+    }
+  } endHold{pump_.get()};
   LIBMTP_raw_device_t* raw = nullptr;
   int count = 0;
   if (LIBMTP_Detect_Raw_Devices(&raw, &count) != LIBMTP_ERROR_NONE) count = 0;
@@ -142,6 +206,8 @@ HRESULT MtpSession::ReopenLocked() {
     if (handle_) LIBMTP_Clear_Errorstack(handle_);
     primeTried_ = false;
     primed_ = false;
+    copyUsed_ = false;
+    if (pump_) pump_->ReadLost();
     hr = handle_ ? S_OK : WIA_ERROR_OFFLINE;
   }
   std::free(raw);
@@ -211,7 +277,7 @@ void MtpSession::Close() {
     Trace("MT3@MtpSession::Close: ", "device lock not free after 30 s; device left open");
     return;
   }
-  if (handle_) {
+  if (handle_ && !KeepLocked()) {
     LIBMTP_Release_Device(handle_);
     handle_ = nullptr;
   }
@@ -219,6 +285,12 @@ void MtpSession::Close() {
 
 HRESULT MtpSession::Acquire(std::unique_lock<std::timed_mutex>* lock, LIBMTP_mtpdevice_t** device,
                             std::chrono::milliseconds wait) {
+  objectWork_ = true;
+  return AcquireForFacts(lock, device, wait);
+}
+
+HRESULT MtpSession::AcquireForFacts(std::unique_lock<std::timed_mutex>* lock, LIBMTP_mtpdevice_t** device,
+                                    std::chrono::milliseconds wait) {
   if (offline_) return WIA_ERROR_OFFLINE;
   std::unique_lock<std::timed_mutex> l(device_, std::defer_lock);
   if (!l.try_lock_for(wait)) return E_ERROR_BUSY;
@@ -343,6 +415,7 @@ MtpObjectFacts MtpSession::ListedFactsLocked(LIBMTP_mtpdevice_t* device, const L
 
 HRESULT MtpSession::ObjectLocked(LIBMTP_mtpdevice_t* device, uint32_t handle, MtpObjectFacts* object) {
   if (CachedObject(handle, object)) return S_OK;
+  copyUsed_ = true;
   LIBMTP_file_t* file = LIBMTP_Get_Filemetadata(device, handle);
   if (!file) {
     HRESULT hr = FailedLocked(device, "MT6@MtpSession::ObjectLocked: ", "LIBMTP_Get_Filemetadata");
@@ -402,17 +475,35 @@ void MtpSession::LoadExtrasLocked(LIBMTP_mtpdevice_t* device, MtpObjectFacts* o)
   extrasLoaded_[o->handle] = true;
 }
 
-HRESULT MtpSession::ChildrenLocked(LIBMTP_mtpdevice_t* device, uint32_t storageId, uint32_t parentHandle,
+// A storage's top level holds few objects on a phone (DCIM, Music, ...):
+// it is listed object by object, which costs far less than the list of
+// the whole device, and mounting a drive lists nothing else. The first
+// listing of any other folder asks for the whole list. libmtp fills its
+// copy with it only while the copy is empty, so when objects went into it
+// since the libmtp session began, the device is opened again first.
+void MtpSession::PrimeForListingLocked(uint32_t parentHandle) {
+  if (primeTried_ || parentHandle == LIBMTP_FILES_AND_FOLDERS_ROOT) return;
+  if (copyUsed_ && FAILED(ReopenLocked())) {
+    primeTried_ = true;  // listings stay per object in this libmtp session
+    return;
+  }
+  PrimeObjectCopyLocked();
+}
+
+HRESULT MtpSession::ChildrenLocked(LIBMTP_mtpdevice_t** device, uint32_t storageId, uint32_t parentHandle,
                                    std::vector<MtpObjectFacts>* children) {
   children->clear();
-  PrimeObjectCopyLocked();
-  LIBMTP_Clear_Errorstack(device);
-  LIBMTP_file_t* list = LIBMTP_Get_Files_And_Folders(device, storageId, parentHandle);
-  if (!list && LIBMTP_Get_Errorstack(device))
-    return FailedLocked(device, "MT7@MtpSession::ChildrenLocked: ", "LIBMTP_Get_Files_And_Folders");
+  PrimeForListingLocked(parentHandle);
+  if (!handle_) return WIA_ERROR_OFFLINE;
+  *device = handle_;
+  copyUsed_ = true;
+  LIBMTP_Clear_Errorstack(*device);
+  LIBMTP_file_t* list = LIBMTP_Get_Files_And_Folders(*device, storageId, parentHandle);
+  if (!list && LIBMTP_Get_Errorstack(*device))
+    return FailedLocked(*device, "MT7@MtpSession::ChildrenLocked: ", "LIBMTP_Get_Files_And_Folders");
   while (list) {
     LIBMTP_file_t* next = list->next;
-    children->push_back(ListedFactsLocked(device, *list));
+    children->push_back(ListedFactsLocked(*device, *list));
     LIBMTP_destroy_file_t(list);
     list = next;
   }
@@ -442,7 +533,12 @@ HRESULT MtpSession::ChangedObjectsLocked(LIBMTP_mtpdevice_t** device, bool reope
     std::lock_guard<std::mutex> c(cacheMutex_);
     folders = listedFolders_;
   }
-  if (!folders.empty()) PrimeObjectCopyLocked();
+  // The whole list pays only when folders below the top level are looked
+  // at again (as at a first listing).
+  const bool deeper = std::any_of(folders.begin(), folders.end(),
+                                  [](const auto& f) { return f.second != LIBMTP_FILES_AND_FOLDERS_ROOT; });
+  if (deeper && reopened) PrimeObjectCopyLocked();
+  if (!folders.empty()) copyUsed_ = true;
   for (const auto& [storageId, parentHandle] : folders) {
     LIBMTP_Clear_Errorstack(*device);
     LIBMTP_file_t* list = LIBMTP_Get_Files_And_Folders(*device, storageId, parentHandle);

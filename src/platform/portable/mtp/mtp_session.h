@@ -54,6 +54,14 @@ class MtpSession {
   // the lock did not come within `wait`.
   HRESULT Acquire(std::unique_lock<std::timed_mutex>* lock, LIBMTP_mtpdevice_t** device,
                   std::chrono::milliseconds wait = kLockWait);
+  // The same for a call that reads only the device's own facts, its
+  // storages or its events: a session that made no other call is kept for
+  // the next Open of the device when it closes (mtp_keeper.h).
+  HRESULT AcquireForFacts(std::unique_lock<std::timed_mutex>* lock, LIBMTP_mtpdevice_t** device,
+                          std::chrono::milliseconds wait = kLockWait);
+  // libmtp put objects into its copy in this libmtp session (device lock
+  // held): every call that reads, makes or changes an object does.
+  void NoteCopyUsedLocked() { copyUsed_ = true; }
   // After a failed libmtp call (device lock held): drains the error stack
   // into trace lines under `tag`, maps it, and turns a vanished device into
   // WIA_ERROR_OFFLINE (and the removal event). Never S_OK.
@@ -78,8 +86,10 @@ class MtpSession {
   // protection, hidden, creation date) once per object.
   void LoadExtrasLocked(LIBMTP_mtpdevice_t* device, MtpObjectFacts* object);
   // Children of a storage root (parentHandle LIBMTP_FILES_AND_FOLDERS_ROOT)
-  // or folder; the cache learns each.
-  HRESULT ChildrenLocked(LIBMTP_mtpdevice_t* device, uint32_t storageId, uint32_t parentHandle,
+  // or folder; the cache learns each. The first listing of a folder in a
+  // libmtp session may open the device again (for the one list of the whole
+  // device, see the .cpp); *device then names the new handle.
+  HRESULT ChildrenLocked(LIBMTP_mtpdevice_t** device, uint32_t storageId, uint32_t parentHandle,
                          std::vector<MtpObjectFacts>* children);
   bool PropertySupportedLocked(LIBMTP_mtpdevice_t* device, LIBMTP_property_t property, uint16_t formatCode);
   // Objects of the folders listed so far whose facts differ from what the
@@ -117,12 +127,19 @@ class MtpSession {
  private:
   MtpSession() = default;
   HRESULT OpenRaw(LIBMTP_raw_device_t* raw);
+  // Takes over the session kept from an earlier close of the device.
+  bool TakeOverKept();
+  // Hands the libmtp session to the keeper when it is as good as fresh
+  // (device lock held); false when it is to be released.
+  bool KeepLocked();
   // Releases the libmtp handle and opens the same USB device again (device
   // lock held).
   HRESULT ReopenLocked();
-  // At the first listing of a libmtp session: fills libmtp's copy of all
-  // objects in one request when the device answers one (see the .cpp).
+  // At the first listing of a folder in a libmtp session: fills libmtp's
+  // copy of all objects in one request when the device answers one (see
+  // the .cpp), opening the device again first when the copy holds objects.
   void PrimeObjectCopyLocked();
+  void PrimeForListingLocked(uint32_t parentHandle);
   void ReadFacts(const std::string& usbProduct);
 
   // ---- set once ----
@@ -144,10 +161,12 @@ class MtpSession {
   bool puoidWorks_ = true;  // cleared when the device answers without one
   bool primeTried_ = false;  // PrimeObjectCopyLocked ran in this libmtp session
   bool primed_ = false;      // and libmtp's copy came from one whole-device list
+  bool copyUsed_ = false;    // libmtp's copy may hold objects of this libmtp session
 
   std::atomic<bool> offline_{false};
   std::atomic<bool> removedRaised_{false};
   std::atomic<bool> holderRecorded_{false};  // this session wrote the holder record
+  std::atomic<bool> objectWork_{false};      // a call other than AcquireForFacts's ran
 
   // ---- changed under cacheMutex_ ----
   std::mutex cacheMutex_;

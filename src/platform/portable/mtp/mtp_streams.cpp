@@ -227,6 +227,7 @@ class MtpReadStream : public IStream {
       return hr;
     }
     FileSink sink{fd, 0};
+    s_->NoteCopyUsedLocked();
     if (LIBMTP_Get_File_To_Handler(device, object_.handle, PutToFile, &sink, ReportProgress, nullptr) != 0) {
       close(fd);
       return s_->FailedLocked(device, "MT31@MtpReadStream::FetchWhole: ", "LIBMTP_Get_File_To_Handler");
@@ -277,6 +278,7 @@ class MtpDataStream : public IPortableDeviceDataStream {
     file->filetype = FiletypeOfFormatCode(object_.formatCode);
     file->modificationdate = object_.hasModified ? static_cast<time_t>(object_.modified) : time(nullptr);
     FileSource src{fd_, 0};
+    s_->NoteCopyUsedLocked();
     int rc = LIBMTP_Send_File_From_Handler(device, GetFromFile, &src, file, ReportProgress, nullptr);
     if (rc != 0) {
       LIBMTP_destroy_file_t(file);

@@ -1,0 +1,47 @@
+#pragma once
+// libmtp sessions kept open for a moment after their device was closed, so
+// that the next Open of the same device in this process takes the session
+// over instead of finding the device on USB and opening it again (about
+// 25 ms and 60 requests each). Reading the device table opens every device
+// twice and the serving instance opens it once more right after; each
+// process then opens the device on USB once.
+//
+// Only sessions that are as good as fresh are kept: nothing read into
+// libmtp's copy of the objects, no event read ever started (see
+// MtpSession::Close). A kept session holds the USB claim, which keeps every
+// other program out, so kept sessions are released at the latest after
+// kKeepFor, at process end, and on ReleaseKeptDevices (before we start an
+// instance that will open the device).
+#ifdef QUILLBOX_HAVE_LIBMTP
+#include <libmtp.h>
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "platform/portable/mtp/mtp_values.h"
+
+namespace qb::portable::mtp {
+
+inline constexpr std::chrono::milliseconds kKeepFor{1500};
+
+struct KeptDevice {
+  std::string pnpId;
+  LIBMTP_mtpdevice_t* handle = nullptr;
+  uint32_t busNumber = 0;
+  uint32_t deviceAddress = 0;
+  uint16_t vendorId = 0;
+  uint16_t productId = 0;
+  MtpDeviceFacts facts;
+};
+
+// Takes over `device.handle`; it is released after kKeepFor unless taken.
+void KeepDevice(KeptDevice device);
+// The kept session of `pnpId`, when there is one and its device still sits
+// where it was opened (a kept session of a device that went is released).
+bool TakeKeptDevice(const std::string& pnpId, KeptDevice* device);
+// Releases every kept session now.
+void ReleaseKeptDevices();
+
+}  // namespace qb::portable::mtp
+#endif  // QUILLBOX_HAVE_LIBMTP

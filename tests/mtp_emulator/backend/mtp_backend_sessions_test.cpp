@@ -1,0 +1,157 @@
+// What opening a device again and listing it costs: the device list and
+// the serving open of one mapping open the device on USB once per process,
+// and listing a storage's top level does not fetch the whole device.
+#include <gtest/gtest.h>
+#include <libmtp.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "emulated_fixture.h"
+#include "platform/portable/sim_devices.h"
+#include "platform/portable/sim_fixture.h"
+
+namespace qbtest {
+namespace {
+
+namespace fs = std::filesystem;
+namespace qp = qb::portable;
+
+constexpr uint16_t kOpenSession = 0x1002;
+constexpr uint16_t kGetObjectInfo = 0x1008;
+
+uint64_t CountOf(const std::map<uint16_t, uint64_t>& counts, uint16_t code) {
+  auto it = counts.find(code);
+  return it == counts.end() ? 0 : it->second;
+}
+
+// What the device table reads of one device: open, read the device's
+// properties and its storages, close.
+void ReadAsTheDeviceTableDoes(const std::string& pnpId) {
+  auto device = qp::CreatePortableDevice();
+  qp::PortableDeviceValues client;
+  ASSERT_EQ(device->Open(pnpId, client), S_OK);
+  std::shared_ptr<qp::IPortableDeviceContent> content;
+  ASSERT_EQ(device->Content(&content), S_OK);
+  std::shared_ptr<qp::IPortableDeviceProperties> props;
+  content->Properties(&props);
+  qp::PortableDeviceValues values;
+  EXPECT_EQ(props->GetValues(WPD_DEVICE_OBJECT_ID, nullptr, &values), S_OK);
+  std::vector<std::string> storages;
+  ChildNames(content.get(), WPD_DEVICE_OBJECT_ID, &storages);
+  EXPECT_FALSE(storages.empty());
+  device->Close();
+}
+
+// The device opened by another program, as the serving instance opens it:
+// with libmtp directly; false when the device is held.
+bool AnotherProgramCanOpen() {
+  LIBMTP_raw_device_t* raw = nullptr;
+  int count = 0;
+  if (LIBMTP_Detect_Raw_Devices(&raw, &count) != LIBMTP_ERROR_NONE || count < 1) {
+    std::free(raw);
+    return false;
+  }
+  LIBMTP_mtpdevice_t* device = LIBMTP_Open_Raw_Device_Uncached(&raw[0]);
+  std::free(raw);
+  if (device) LIBMTP_Release_Device(device);
+  return device != nullptr;
+}
+
+// Two readings of the device table, then the open that serves the drive
+// (it listens for events and lists the top level): one USB open in all.
+// A session that was listened to or listed objects is not kept.
+TEST_F(EmulatedMtpDevice, TheDeviceTableAndTheServingOpenOpenTheDeviceOnce) {
+  ASSERT_TRUE(StartEmulator());
+  const std::string id = FindMtpDevice();
+  ASSERT_FALSE(id.empty());
+  const uint64_t before = CountOf(OperationCounts(), kOpenSession);
+  ASSERT_NO_FATAL_FAILURE(ReadAsTheDeviceTableDoes(id));
+  ASSERT_NO_FATAL_FAILURE(ReadAsTheDeviceTableDoes(id));
+  mtp_ = OpenDevice();
+  ASSERT_TRUE(mtp_);
+  auto sink = std::make_shared<RecordingSink>();
+  std::string cookie;
+  ASSERT_EQ(mtp_->Advise(0, sink, nullptr, &cookie), S_OK);
+  ASSERT_EQ(mtp_->Content(&content_), S_OK);
+  ChildNames(content_.get(), WPD_DEVICE_OBJECT_ID, &storages_);
+  ASSERT_FALSE(storages_.empty());
+  EXPECT_FALSE(ChildNames(content_.get(), storages_[0]).empty());
+  EXPECT_EQ(CountOf(OperationCounts(), kOpenSession) - before, 1u) << "the device was opened on USB more than once";
+  // The session that served is let go at once when it closes.
+  mtp_->Unadvise(cookie);
+  content_.reset();
+  mtp_->Close();
+  mtp_.reset();
+  EXPECT_TRUE(AnotherProgramCanOpen()) << "the device stays held after its serving session closed";
+}
+
+// A session kept after a close holds the device for this process only until
+// it is released (before another instance is started); a device unplugged
+// while kept is not handed out again.
+TEST_F(EmulatedMtpDevice, AKeptSessionIsReleasedOnRequestAndNotHandedOutOnceTheDeviceWent) {
+  ASSERT_TRUE(StartEmulator());
+  const std::string id = FindMtpDevice();
+  ASSERT_FALSE(id.empty());
+  ASSERT_NO_FATAL_FAILURE(ReadAsTheDeviceTableDoes(id));
+  EXPECT_FALSE(AnotherProgramCanOpen()) << "the closed session was not kept";
+  qp::ReleaseIdleDevices();
+  EXPECT_TRUE(AnotherProgramCanOpen()) << "the kept session still holds the device after its release";
+
+  ASSERT_NO_FATAL_FAILURE(ReadAsTheDeviceTableDoes(id));
+  std::string error;
+  ASSERT_TRUE(qp::sim::SetConnected(device_, false, &error)) << error;
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!FindMtpDevice().empty() && std::chrono::steady_clock::now() < limit) {
+  }
+  ASSERT_TRUE(FindMtpDevice().empty()) << "the emulator still shows the unplugged device";
+  auto device = qp::CreatePortableDevice();
+  qp::PortableDeviceValues client;
+  EXPECT_NE(device->Open(id, client), S_OK) << "the session kept of an unplugged device was handed out";
+}
+
+// The storage's top level is read object by object (a phone has few
+// objects there); the whole device comes in one list at the first listing
+// below it (after a new libmtp session, whose copy is empty). Events and
+// the objects known go on across that new session.
+TEST_F(EmulatedMtpDevice, TheTopLevelIsListedWithoutTheWholeDeviceWhichComesWithTheFirstFolderBelow) {
+  constexpr int kFiles = 30;
+  fs::create_directories(Storage("Many"));
+  for (int i = 0; i < kFiles; ++i) std::ofstream(Storage("Many/f" + std::to_string(i) + ".txt")) << i;
+  ASSERT_NO_FATAL_FAILURE(StartAndOpen());
+  auto sink = std::make_shared<RecordingSink>();
+  std::string cookie;
+  ASSERT_EQ(mtp_->Advise(0, sink, nullptr, &cookie), S_OK);
+  auto before = OperationCounts();
+  std::vector<std::string> topIds;
+  auto top = ChildNames(content_.get(), storages_[0], &topIds);
+  ASSERT_GT(top.size(), 1u);
+  auto afterTop = OperationCounts();
+  EXPECT_EQ(CountOf(afterTop, kGetObjectInfo) - CountOf(before, kGetObjectInfo), top.size())
+      << "the top level was not read object by object (the whole device was asked for)";
+
+  std::string many = ChildId(content_.get(), storages_[0], "Many");
+  ASSERT_FALSE(many.empty());
+  EXPECT_EQ(ChildNames(content_.get(), many).size(), static_cast<size_t>(kFiles));
+  auto afterMany = OperationCounts();
+  EXPECT_EQ(CountOf(afterMany, kGetObjectInfo) - CountOf(afterTop, kGetObjectInfo), 0u)
+      << "the folder below the top level was read object by object";
+  EXPECT_EQ(CountOf(afterMany, kOpenSession) - CountOf(afterTop, kOpenSession), 1u);
+
+  // The objects listed before are still known, and events still come.
+  std::shared_ptr<qp::IPortableDeviceProperties> props;
+  content_->Properties(&props);
+  qp::PortableDeviceValues v;
+  std::string name;
+  ASSERT_EQ(props->GetValues(topIds[0], nullptr, &v), S_OK);
+  v.GetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, &name);
+  EXPECT_EQ(name, top[0]);
+  std::ofstream(Storage("Many/after.txt")) << "made after the new session\n";
+  EXPECT_TRUE(sink->WaitFor(WPD_EVENT_OBJECT_ADDED, "after.txt")) << "no event after the device was opened again";
+  mtp_->Unadvise(cookie);
+}
+
+}  // namespace
+}  // namespace qbtest
