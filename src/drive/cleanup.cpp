@@ -106,6 +106,7 @@ void EndUploadOfOwnRecord(DirectoryItem* item, const UploadPlan& plan) {
 // placeholder leaves the tree.
 NTSTATUS Fail(DriveState* state, DirectoryItem* item, const UploadPlan& plan, const std::string& path, HRESULT hr) {
   Trace(kTagUpload, "Upload of \"%s\" failed: 0x%08X", path.c_str(), static_cast<unsigned>(hr));
+  ForgetWriteAnswer(state);  // the device may have stopped taking writes
   struct stat st {};
   const bool hasContent = ::stat(plan.localPath.c_str(), &st) == 0 && st.st_size > 0;
   const std::string rescued = hasContent ? RescueContent(state, plan.localPath, path, ReasonOf(hr)) : std::string();
@@ -148,16 +149,16 @@ bool MakePlan(DriveState* state, DirectoryItem* item, const std::string& path, U
 }
 
 // Attributes and times that had to wait for the upload, applied to the
-// object that now carries the path.
-void ApplyAfterUpload(DriveState* state, const UploadPlan& plan, const std::string& path) {
-  if (!plan.attributes && !plan.delayedCreation.Value() && !plan.delayedWrite.Value()) return;
+// object that now carries the path. False when there were none.
+bool ApplyAfterUpload(DriveState* state, const UploadPlan& plan, const std::string& path) {
+  if (!plan.attributes && !plan.delayedCreation.Value() && !plan.delayedWrite.Value()) return false;
   DOKAN_FILE_INFO info;
   {
     CReadLock lock(&state->rDriveLock);
     DirectoryItem* item = FindFile(state, path);
     if (!item || IsProvisional(item)) {
       Trace(kTagUpload, "Delayed SetFileTime failed");
-      return;
+      return true;
     }
     info.Context = reinterpret_cast<ULONG64>(item);
     if (plan.attributes) {
@@ -174,6 +175,7 @@ void ApplyAfterUpload(DriveState* state, const UploadPlan& plan, const std::stri
                             plan.delayedWrite.Value() ? &plan.delayedWrite : nullptr, &info) != STATUS_SUCCESS)
       Trace(kTagUpload, "Delayed SetFileTime failed");
   }
+  return true;
 }
 
 std::mutex g_replacingMutex;
@@ -273,6 +275,7 @@ HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string
   const HRESULT hr = state->pHelper ? state->pHelper->DeleteFile(id.c_str()) : E_FAIL;
   if (FAILED(hr)) {
     DiscardEventDone(wait);
+    ForgetWriteAnswer(state);
     CReadLock lock(&state->rDriveLock);
     item->bPendingDelete = 0;
     Trace(kTag, "Cannot delete file \"%s\" from device", path.c_str());
@@ -330,15 +333,17 @@ NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string
     return Fail(state, item, plan, path, hr);
   }
   Trace(kTag, ">>Waiting for CREATE callback to finish with '%s', 0x%08X", path.c_str(), 0u);
-  if (!AwaitConfirmation(state, wait, kConfirmLimitMs)) RelistFolderById(state, plan.parentId);
+  const bool confirmed = AwaitConfirmation(state, wait, kConfirmLimitMs);
+  if (!confirmed) RelistFolderById(state, plan.parentId);
   {
     CReadLock lock(&state->rDriveLock);
     EndUploadOfOwnRecord(item, plan);
   }
   NoteUploadedBytes(state, static_cast<int64_t>(size) - static_cast<int64_t>(freed));
   plan.delayedWrite = FILETIME{};  // went with the upload
-  ApplyAfterUpload(state, plan, path);
-  RefreshShell(state, SHCNE_UPDATEITEM, path);
+  const bool applied = ApplyAfterUpload(state, plan, path);
+  // The confirming event refreshed the item already.
+  if (!confirmed || applied) RefreshShell(state, SHCNE_UPDATEITEM, path);
   return STATUS_SUCCESS;
 }
 

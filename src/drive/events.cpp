@@ -87,6 +87,7 @@ bool MovedOrRenamed(const DirectoryItem* item, const EventItem& event) {
 void ItemCreated(DriveState* state, const EventItem& event) {
   Trace(kTag, "retrieved EVENT_ITEM_CREATED: \"%s\"", event.sUniqueID.c_str());
   std::string signal, folder;
+  bool sameListing = false;
   {
     CWriteLock lock(&state->rDriveLock);
     if (const DirectoryItem* held = state->pDirectory->FindFileByUniqueID(TreeUniqueID(event).c_str(), 0);
@@ -114,6 +115,11 @@ void ItemCreated(DriveState* state, const EventItem& event) {
     // An object the tree already holds (the drive's own upload, taken in by
     // a re-listing) only confirms; an unnamed one needs the folder listed.
     const std::string uniqueId = TreeUniqueID(event);
+    // The drive's own upload under the name it was created with: the
+    // folder's listing shows that name since the create, so only the item
+    // changes for the kernel.
+    if (const DirectoryItem* own = event.bFolder ? nullptr : FindFile(state, parentPath + event.sOriginalName))
+      sameListing = IsProvisional(own);
     if (!state->pDirectory->FindFileByUniqueID(uniqueId.c_str(), 0) &&
         !AddFromEvent(state, event, parentPath) &&
         SUCCEEDED(state->pHelper->GetDirlist(state->pDirectory.get(), state->nStorageIndex, parentPath.c_str(),
@@ -123,7 +129,7 @@ void ItemCreated(DriveState* state, const EventItem& event) {
       signal = DrivePath(item);
     if (!signal.empty()) SignalEventDone(signal);
   }
-  RefreshShell(state, SHCNE_UPDATEDIR, folder);
+  if (!sameListing || signal.empty()) RefreshShell(state, SHCNE_UPDATEDIR, folder);
   if (!signal.empty()) RefreshShell(state, SHCNE_UPDATEITEM, WithoutBackslash(signal));
 }
 

@@ -38,12 +38,17 @@ void RelistFolderById(DriveState* state, const std::string& folderId);
 void RelistFolderOfPath(DriveState* state, const std::string& path);
 
 // Whether the device accepts changes; logs "Write access not supported".
-// The device's answer is kept until the next open (ForgetWriteAnswer): a
-// program's run of writes through one open asks the device once.
+// A "yes" of the device holds for kWriteAnswerMs, across opens: a copy of
+// many small files asks the device about once a second, not once a file.
+// A "no" holds until the next open (ForgetWriteRefusal), so a device that
+// takes writes again is used at once. Any change the device refused or
+// failed forgets the answer (ForgetWriteAnswer): the next change asks.
+constexpr uint64_t kWriteAnswerMs = 1000;
 bool WriteAllowed(DriveState* state);
 // The same without the log line.
 bool WriteSupported(DriveState* state);
 void ForgetWriteAnswer(DriveState* state);
+void ForgetWriteRefusal(DriveState* state);
 
 // Free space (volume.cpp). Whether `bytes` fit in the storage's free space
 // (always, while it is unknown); a figure that says no is read from the
