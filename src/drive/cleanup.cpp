@@ -6,12 +6,16 @@
 
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <set>
 
 #include "common/strings.h"
 #include "diag/trace.h"
 #include "drive/write_side.h"
+#include "platform/dokan/dokan_linux.h"
 #include "platform/system/clock.h"
 
 using namespace qb::drive;
@@ -200,6 +204,59 @@ struct Replacing {
   const DirectoryItem* item_;
 };
 
+std::mutex g_confirmMutex;
+std::condition_variable g_confirmDone;
+std::multiset<const DirectoryItem*> g_confirming;  // under g_confirmMutex
+
+// Marks an item whose upload was sent and awaits the device's confirmation,
+// for its lifetime. Another upload of the item waits for it (WaitConfirmed).
+struct Confirming {
+  explicit Confirming(const DirectoryItem* item) : item_(item) {
+    std::lock_guard hold(g_confirmMutex);
+    g_confirming.insert(item_);
+  }
+  ~Confirming() {
+    {
+      std::lock_guard hold(g_confirmMutex);
+      g_confirming.erase(g_confirming.find(item_));
+    }
+    g_confirmDone.notify_all();
+  }
+  Confirming(const Confirming&) = delete;
+  Confirming& operator=(const Confirming&) = delete;
+
+ private:
+  const DirectoryItem* item_;
+};
+
+// Waits until the sent uploads of `item` (of every item: null) are
+// confirmed or given up.
+void WaitConfirmed(const DirectoryItem* item, const char* tag) {
+  std::unique_lock hold(g_confirmMutex);
+  while (!g_confirmDone.wait_for(hold, std::chrono::milliseconds(100), [&] {
+    return item ? g_confirming.count(item) == 0 : g_confirming.empty();
+  }))
+    Trace(tag, "Waiting for the confirmation of an upload");
+}
+
+// The end of a sent upload: the device's confirmation (or the folder's
+// listing when it does not come), then the record, and what had to wait
+// for the new object.
+void FinishUpload(DriveState* state, DirectoryItem* item, UploadPlan plan, const std::string& path,
+                  const std::shared_ptr<CSyncEvent>& wait) {
+  Trace(kTag, ">>Waiting for CREATE callback to finish with '%s', 0x%08X", path.c_str(), 0u);
+  const bool confirmed = AwaitConfirmation(state, wait, kConfirmLimitMs);
+  if (!confirmed) RelistFolderById(state, plan.parentId);
+  {
+    CReadLock lock(&state->rDriveLock);
+    EndUploadOfOwnRecord(item, plan);
+  }
+  plan.delayedWrite = FILETIME{};  // went with the upload
+  const bool applied = ApplyAfterUpload(state, plan, path);
+  // The confirming event refreshed the item already.
+  if (!confirmed || applied) RefreshShell(state, SHCNE_UPDATEITEM, path);
+}
+
 // After the old object of a changed file is gone, its record waits for the
 // new object as a file the drive created does: with a provisional id, which
 // the tree refills in place when the device reports the object. Opens of
@@ -252,9 +309,10 @@ bool IsBeingReplaced(const DirectoryItem* item) {
   return g_replacing.count(item) != 0;
 }
 
-std::unique_lock<std::recursive_timed_mutex> HoldUploads(DriveState* state, const char* tag) {
+std::unique_lock<std::recursive_timed_mutex> HoldUploads(DriveState* state, const char* tag, bool sentToo) {
   std::unique_lock uploads(state->hUploadMutex, std::defer_lock);
   while (!uploads.try_lock_for(std::chrono::milliseconds(100))) Trace(tag, "Waiting for the upload in progress");
+  if (sentToo) WaitConfirmed(nullptr, tag);
   return uploads;
 }
 
@@ -288,8 +346,10 @@ HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string
   return S_OK;
 }
 
-NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string& path) {
-  auto uploads = HoldUploads(state, kTagUpload);
+NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string& path,
+                       std::function<void()>* rest) {
+  auto uploads = HoldUploads(state, kTagUpload, !rest);
+  WaitConfirmed(item, kTagUpload);  // an earlier upload of this file is confirmed first
   {
     CReadLock lock(&state->rDriveLock);
     if (!item->bUploadPending) return STATUS_SUCCESS;  // sent while this one waited
@@ -332,18 +392,17 @@ NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string
     DiscardEventDone(wait);
     return Fail(state, item, plan, path, hr);
   }
-  Trace(kTag, ">>Waiting for CREATE callback to finish with '%s', 0x%08X", path.c_str(), 0u);
-  const bool confirmed = AwaitConfirmation(state, wait, kConfirmLimitMs);
-  if (!confirmed) RelistFolderById(state, plan.parentId);
-  {
-    CReadLock lock(&state->rDriveLock);
-    EndUploadOfOwnRecord(item, plan);
-  }
+  // The device holds the bytes now: the next upload's free-space check
+  // counts them, also while this one waits for its confirmation.
   NoteUploadedBytes(state, static_cast<int64_t>(size) - static_cast<int64_t>(freed));
-  plan.delayedWrite = FILETIME{};  // went with the upload
-  const bool applied = ApplyAfterUpload(state, plan, path);
-  // The confirming event refreshed the item already.
-  if (!confirmed || applied) RefreshShell(state, SHCNE_UPDATEITEM, path);
+  if (!rest) {
+    FinishUpload(state, item, std::move(plan), path, wait);
+    return STATUS_SUCCESS;
+  }
+  auto confirming = std::make_shared<Confirming>(item);
+  *rest = [state, item, plan = std::move(plan), path, wait, confirming] {
+    FinishUpload(state, item, plan, path, wait);
+  };
   return STATUS_SUCCESS;
 }
 
@@ -382,5 +441,10 @@ void QuillboxCleanup(LPCWSTR FileName, PDOKAN_FILE_INFO DokanFileInfo) {
   }
   if (deleteOnClose && !uploadPending) return DeleteAtCleanup(state, item, path, provisional);
   if (!IsOriginalStructure(state)) return;
-  if (uploadPending) UploadPending(state, item, path);
+  if (!uploadPending) return;
+  // The device's confirmation may come while the drive layer cleans up the
+  // next file.
+  std::function<void()> rest;
+  UploadPending(state, item, path, &rest);
+  if (rest && !qb::dokan::DeferRestOfEnd(rest)) rest();
 }

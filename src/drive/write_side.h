@@ -3,6 +3,7 @@
 // public header): completion waits, re-listing after a missed confirmation,
 // the device delete and upload of a file, the rescue of content that could
 // not reach the device, and the event worker's changes to the tree.
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -67,13 +68,19 @@ HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string
 // Whether the item's old object is being deleted for its own upload (the
 // event worker then leaves the item as it is).
 bool IsBeingReplaced(const DirectoryItem* item);
-// Holds hUploadMutex (waits in slices of 100 ms, logging each).
-std::unique_lock<std::recursive_timed_mutex> HoldUploads(DriveState* state, const char* tag);
+// Holds hUploadMutex (waits in slices of 100 ms, logging each); with
+// `sentToo` also waits until every sent upload is confirmed (or given up).
+std::unique_lock<std::recursive_timed_mutex> HoldUploads(DriveState* state, const char* tag, bool sentToo = true);
 
-// Uploads the pending content of a file item (cleanup and flush). A failed
-// upload keeps the content in the rescue folder. STATUS_SUCCESS, or the
-// status a program is to see.
-NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string& path);
+// Uploads the pending content of a file item (cleanup, flush, rename). A
+// failed upload keeps the content in the rescue folder. STATUS_SUCCESS, or
+// the status a program is to see. With `rest`, a sent upload leaves the
+// wait for the device's confirmation (and what comes after it) in *rest,
+// which the caller must run; the next upload of the same file waits for it,
+// others do not. Without, the upload is whole when it returns, and it
+// starts after every earlier one is confirmed.
+NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string& path,
+                       std::function<void()>* rest = nullptr);
 
 // Copies content that could not reach the device into
 // <local data>/Quillbox/Rescued/<device>/<path on the drive> (a time in the
