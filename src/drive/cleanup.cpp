@@ -115,7 +115,7 @@ NTSTATUS Fail(DriveState* state, DirectoryItem* item, const UploadPlan& plan, co
   const bool hasContent = ::stat(plan.localPath.c_str(), &st) == 0 && st.st_size > 0;
   const std::string rescued = hasContent ? RescueContent(state, plan.localPath, path, ReasonOf(hr)) : std::string();
   {
-    CReadLock lock(&state->rDriveLock);
+    CWriteLock lock(&state->rDriveLock);  // the cache's index changes (see MakePlan)
     EndUploadOfOwnRecord(item, plan);
     CCacheItem* entry = state->pCache->Find(plan.cacheName, plan.fileName);
     if (entry && (!hasContent || !rescued.empty())) state->pCache->Delete(&entry, 1);
@@ -126,7 +126,9 @@ NTSTATUS Fail(DriveState* state, DirectoryItem* item, const UploadPlan& plan, co
 }
 
 bool MakePlan(DriveState* state, DirectoryItem* item, const std::string& path, UploadPlan* plan) {
-  CReadLock lock(&state->rDriveLock);
+  // Written, not read: creates add to the cache's index under the read lock
+  // beside this, and a lookup during an add may miss the copy.
+  CWriteLock lock(&state->rDriveLock);
   CCacheItem* entry = state->pCache->Find(CacheName(item), item->rFindData.cFileName);
   if (!entry) return false;
   plan->localPath = entry->sLocalPath;
