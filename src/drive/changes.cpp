@@ -68,6 +68,7 @@ NTSTATUS AskMove(DriveState* state, const std::string& id, const std::string& ta
   const HRESULT hr = state->pHelper->MoveFile(id.c_str(), target.c_str(), rename ? 1 : 0);
   if (FAILED(hr)) {
     DiscardEventDone(wait);
+    ForgetWriteAnswer(state);
     return TraceStatus(kTagMove, hr == kNotSupported ? STATUS_ACCESS_DENIED : FromHresult(hr), 14);
   }
   Trace(kTagMove, ">>Waiting for UPDATE callback to finish with '%s', 0x%08X", id.c_str(), 0u);
@@ -251,6 +252,7 @@ NTSTATUS QuillboxCreateDirectory(LPCWSTR FileName, PDOKAN_FILE_INFO) {
   const HRESULT hr = state->pHelper->CreateDirectory(LastName(name).c_str(), parentId.c_str());
   if (FAILED(hr)) {
     DiscardEventDone(wait);
+    ForgetWriteAnswer(state);
     return TraceStatus(kTagMkdir, FromHresult(hr), 6);
   }
   Trace(kTagMkdir, ">>Waiting for CREATE callback to finish with '%s', 0x%08X", path.c_str(), 0u);
@@ -271,6 +273,7 @@ HRESULT DeleteFolderOnDevice(DriveState* state, DirectoryItem* folder, const std
   const HRESULT hr = state->pHelper->DeleteFile(id.c_str());
   if (FAILED(hr)) {
     DiscardEventDone(wait);
+    ForgetWriteAnswer(state);
     return hr;
   }
   Trace(kTagRmdir, ">>Waiting for DELETE callback to finish with '%s', 0x%08X", waitName.c_str(), 0u);

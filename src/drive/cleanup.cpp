@@ -6,12 +6,16 @@
 
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <set>
 
 #include "common/strings.h"
 #include "diag/trace.h"
 #include "drive/write_side.h"
+#include "platform/dokan/dokan_linux.h"
 #include "platform/system/clock.h"
 
 using namespace qb::drive;
@@ -106,11 +110,12 @@ void EndUploadOfOwnRecord(DirectoryItem* item, const UploadPlan& plan) {
 // placeholder leaves the tree.
 NTSTATUS Fail(DriveState* state, DirectoryItem* item, const UploadPlan& plan, const std::string& path, HRESULT hr) {
   Trace(kTagUpload, "Upload of \"%s\" failed: 0x%08X", path.c_str(), static_cast<unsigned>(hr));
+  ForgetWriteAnswer(state);  // the device may have stopped taking writes
   struct stat st {};
   const bool hasContent = ::stat(plan.localPath.c_str(), &st) == 0 && st.st_size > 0;
   const std::string rescued = hasContent ? RescueContent(state, plan.localPath, path, ReasonOf(hr)) : std::string();
   {
-    CReadLock lock(&state->rDriveLock);
+    CWriteLock lock(&state->rDriveLock);  // the cache's index changes (see MakePlan)
     EndUploadOfOwnRecord(item, plan);
     CCacheItem* entry = state->pCache->Find(plan.cacheName, plan.fileName);
     if (entry && (!hasContent || !rescued.empty())) state->pCache->Delete(&entry, 1);
@@ -121,7 +126,9 @@ NTSTATUS Fail(DriveState* state, DirectoryItem* item, const UploadPlan& plan, co
 }
 
 bool MakePlan(DriveState* state, DirectoryItem* item, const std::string& path, UploadPlan* plan) {
-  CReadLock lock(&state->rDriveLock);
+  // Written, not read: creates add to the cache's index under the read lock
+  // beside this, and a lookup during an add may miss the copy.
+  CWriteLock lock(&state->rDriveLock);
   CCacheItem* entry = state->pCache->Find(CacheName(item), item->rFindData.cFileName);
   if (!entry) return false;
   plan->localPath = entry->sLocalPath;
@@ -148,16 +155,16 @@ bool MakePlan(DriveState* state, DirectoryItem* item, const std::string& path, U
 }
 
 // Attributes and times that had to wait for the upload, applied to the
-// object that now carries the path.
-void ApplyAfterUpload(DriveState* state, const UploadPlan& plan, const std::string& path) {
-  if (!plan.attributes && !plan.delayedCreation.Value() && !plan.delayedWrite.Value()) return;
+// object that now carries the path. False when there were none.
+bool ApplyAfterUpload(DriveState* state, const UploadPlan& plan, const std::string& path) {
+  if (!plan.attributes && !plan.delayedCreation.Value() && !plan.delayedWrite.Value()) return false;
   DOKAN_FILE_INFO info;
   {
     CReadLock lock(&state->rDriveLock);
     DirectoryItem* item = FindFile(state, path);
     if (!item || IsProvisional(item)) {
       Trace(kTagUpload, "Delayed SetFileTime failed");
-      return;
+      return true;
     }
     info.Context = reinterpret_cast<ULONG64>(item);
     if (plan.attributes) {
@@ -174,6 +181,7 @@ void ApplyAfterUpload(DriveState* state, const UploadPlan& plan, const std::stri
                             plan.delayedWrite.Value() ? &plan.delayedWrite : nullptr, &info) != STATUS_SUCCESS)
       Trace(kTagUpload, "Delayed SetFileTime failed");
   }
+  return true;
 }
 
 std::mutex g_replacingMutex;
@@ -197,6 +205,59 @@ struct Replacing {
  private:
   const DirectoryItem* item_;
 };
+
+std::mutex g_confirmMutex;
+std::condition_variable g_confirmDone;
+std::multiset<const DirectoryItem*> g_confirming;  // under g_confirmMutex
+
+// Marks an item whose upload was sent and awaits the device's confirmation,
+// for its lifetime. Another upload of the item waits for it (WaitConfirmed).
+struct Confirming {
+  explicit Confirming(const DirectoryItem* item) : item_(item) {
+    std::lock_guard hold(g_confirmMutex);
+    g_confirming.insert(item_);
+  }
+  ~Confirming() {
+    {
+      std::lock_guard hold(g_confirmMutex);
+      g_confirming.erase(g_confirming.find(item_));
+    }
+    g_confirmDone.notify_all();
+  }
+  Confirming(const Confirming&) = delete;
+  Confirming& operator=(const Confirming&) = delete;
+
+ private:
+  const DirectoryItem* item_;
+};
+
+// Waits until the sent uploads of `item` (of every item: null) are
+// confirmed or given up.
+void WaitConfirmed(const DirectoryItem* item, const char* tag) {
+  std::unique_lock hold(g_confirmMutex);
+  while (!g_confirmDone.wait_for(hold, std::chrono::milliseconds(100), [&] {
+    return item ? g_confirming.count(item) == 0 : g_confirming.empty();
+  }))
+    Trace(tag, "Waiting for the confirmation of an upload");
+}
+
+// The end of a sent upload: the device's confirmation (or the folder's
+// listing when it does not come), then the record, and what had to wait
+// for the new object.
+void FinishUpload(DriveState* state, DirectoryItem* item, UploadPlan plan, const std::string& path,
+                  const std::shared_ptr<CSyncEvent>& wait) {
+  Trace(kTag, ">>Waiting for CREATE callback to finish with '%s', 0x%08X", path.c_str(), 0u);
+  const bool confirmed = AwaitConfirmation(state, wait, kConfirmLimitMs);
+  if (!confirmed) RelistFolderById(state, plan.parentId);
+  {
+    CReadLock lock(&state->rDriveLock);
+    EndUploadOfOwnRecord(item, plan);
+  }
+  plan.delayedWrite = FILETIME{};  // went with the upload
+  const bool applied = ApplyAfterUpload(state, plan, path);
+  // The confirming event refreshed the item already.
+  if (!confirmed || applied) RefreshShell(state, SHCNE_UPDATEITEM, path);
+}
 
 // After the old object of a changed file is gone, its record waits for the
 // new object as a file the drive created does: with a provisional id, which
@@ -250,9 +311,10 @@ bool IsBeingReplaced(const DirectoryItem* item) {
   return g_replacing.count(item) != 0;
 }
 
-std::unique_lock<std::recursive_timed_mutex> HoldUploads(DriveState* state, const char* tag) {
+std::unique_lock<std::recursive_timed_mutex> HoldUploads(DriveState* state, const char* tag, bool sentToo) {
   std::unique_lock uploads(state->hUploadMutex, std::defer_lock);
   while (!uploads.try_lock_for(std::chrono::milliseconds(100))) Trace(tag, "Waiting for the upload in progress");
+  if (sentToo) WaitConfirmed(nullptr, tag);
   return uploads;
 }
 
@@ -273,6 +335,7 @@ HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string
   const HRESULT hr = state->pHelper ? state->pHelper->DeleteFile(id.c_str()) : E_FAIL;
   if (FAILED(hr)) {
     DiscardEventDone(wait);
+    ForgetWriteAnswer(state);
     CReadLock lock(&state->rDriveLock);
     item->bPendingDelete = 0;
     Trace(kTag, "Cannot delete file \"%s\" from device", path.c_str());
@@ -285,8 +348,10 @@ HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string
   return S_OK;
 }
 
-NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string& path) {
-  auto uploads = HoldUploads(state, kTagUpload);
+NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string& path,
+                       std::function<void()>* rest) {
+  auto uploads = HoldUploads(state, kTagUpload, !rest);
+  WaitConfirmed(item, kTagUpload);  // an earlier upload of this file is confirmed first
   {
     CReadLock lock(&state->rDriveLock);
     if (!item->bUploadPending) return STATUS_SUCCESS;  // sent while this one waited
@@ -329,16 +394,17 @@ NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string
     DiscardEventDone(wait);
     return Fail(state, item, plan, path, hr);
   }
-  Trace(kTag, ">>Waiting for CREATE callback to finish with '%s', 0x%08X", path.c_str(), 0u);
-  if (!AwaitConfirmation(state, wait, kConfirmLimitMs)) RelistFolderById(state, plan.parentId);
-  {
-    CReadLock lock(&state->rDriveLock);
-    EndUploadOfOwnRecord(item, plan);
-  }
+  // The device holds the bytes now: the next upload's free-space check
+  // counts them, also while this one waits for its confirmation.
   NoteUploadedBytes(state, static_cast<int64_t>(size) - static_cast<int64_t>(freed));
-  plan.delayedWrite = FILETIME{};  // went with the upload
-  ApplyAfterUpload(state, plan, path);
-  RefreshShell(state, SHCNE_UPDATEITEM, path);
+  if (!rest) {
+    FinishUpload(state, item, std::move(plan), path, wait);
+    return STATUS_SUCCESS;
+  }
+  auto confirming = std::make_shared<Confirming>(item);
+  *rest = [state, item, plan = std::move(plan), path, wait, confirming] {
+    FinishUpload(state, item, plan, path, wait);
+  };
   return STATUS_SUCCESS;
 }
 
@@ -377,5 +443,10 @@ void QuillboxCleanup(LPCWSTR FileName, PDOKAN_FILE_INFO DokanFileInfo) {
   }
   if (deleteOnClose && !uploadPending) return DeleteAtCleanup(state, item, path, provisional);
   if (!IsOriginalStructure(state)) return;
-  if (uploadPending) UploadPending(state, item, path);
+  if (!uploadPending) return;
+  // The device's confirmation may come while the drive layer cleans up the
+  // next file.
+  std::function<void()> rest;
+  UploadPending(state, item, path, &rest);
+  if (rest && !qb::dokan::DeferRestOfEnd(rest)) rest();
 }

@@ -5,6 +5,7 @@
 #include "common/strings.h"
 #include "diag/trace.h"
 #include "drive/write_side.h"
+#include "platform/system/clock.h"
 
 using namespace qb::drive;
 
@@ -159,14 +160,21 @@ void RenameItem(DriveState* state, DirectoryItem* item, const std::string& fullN
 
 bool WriteSupported(DriveState* state) {
   int answer = state->nWriteSupported;
+  if (answer == 1 && qb::sys::GetTickCount64() - state->ullWriteAnswerMs >= kWriteAnswerMs) answer = -1;
   if (answer < 0) {
     answer = state->pHelper && SUCCEEDED(state->pHelper->IsWriteSupported()) ? 1 : 0;
+    state->ullWriteAnswerMs = qb::sys::GetTickCount64();
     state->nWriteSupported = answer;
   }
   return answer == 1;
 }
 
 void ForgetWriteAnswer(DriveState* state) { state->nWriteSupported = -1; }
+
+void ForgetWriteRefusal(DriveState* state) {
+  int refused = 0;
+  state->nWriteSupported.compare_exchange_strong(refused, -1);
+}
 
 bool WriteAllowed(DriveState* state) {
   if (WriteSupported(state)) return true;

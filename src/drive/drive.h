@@ -201,9 +201,11 @@ struct DriveState {
   // a write is refused.
   std::atomic<uint64_t> ullFreeBytesReadMs{0};  // monotonic ms of the device's last figure
 
-  // --- The device's answer to "write supported", kept from one open to the
-  // next (each open asks again): -1 not asked, 0 refused, 1 supported. ---
+  // --- The device's answer to "write supported": -1 not asked, 0 refused
+  // (kept until the next open), 1 supported (kept for kWriteAnswerMs from
+  // ullWriteAnswerMs, and forgotten at any change the device refused). ---
   std::atomic<int> nWriteSupported{-1};
+  std::atomic<uint64_t> ullWriteAnswerMs{0};  // monotonic ms of the device's last answer
 
   // --- Download queue and worker. ---
   std::mutex hDownloadQueueMutex;              // guards DownloadQueue

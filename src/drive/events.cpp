@@ -87,6 +87,8 @@ bool MovedOrRenamed(const DirectoryItem* item, const EventItem& event) {
 void ItemCreated(DriveState* state, const EventItem& event) {
   Trace(kTag, "retrieved EVENT_ITEM_CREATED: \"%s\"", event.sUniqueID.c_str());
   std::string signal, folder;
+  bool sameListing = false, sameItem = false;
+  int64_t ownSize = -1;
   {
     CWriteLock lock(&state->rDriveLock);
     if (const DirectoryItem* held = state->pDirectory->FindFileByUniqueID(TreeUniqueID(event).c_str(), 0);
@@ -114,17 +116,28 @@ void ItemCreated(DriveState* state, const EventItem& event) {
     // An object the tree already holds (the drive's own upload, taken in by
     // a re-listing) only confirms; an unnamed one needs the folder listed.
     const std::string uniqueId = TreeUniqueID(event);
+    // The drive's own upload under the name it was created with: the
+    // folder's listing shows that name since the create, and the kernel
+    // knows the file's size from the writes; only a changed size needs the
+    // item refreshed (times follow with the kernel's attribute cache).
+    if (const DirectoryItem* own = event.bFolder ? nullptr : FindFile(state, parentPath + event.sOriginalName);
+        own && IsProvisional(own)) {
+      sameListing = true;
+      ownSize = own->rFindData.FileSize();
+    }
     if (!state->pDirectory->FindFileByUniqueID(uniqueId.c_str(), 0) &&
         !AddFromEvent(state, event, parentPath) &&
         SUCCEEDED(state->pHelper->GetDirlist(state->pDirectory.get(), state->nStorageIndex, parentPath.c_str(),
                                              event.sParentID.c_str(), 0, 0, nullptr)))
       state->pDirectory->Sort(state->nStorageIndex);
-    if (DirectoryItem* item = state->pDirectory->FindFileByUniqueID(uniqueId.c_str(), 0))
+    if (DirectoryItem* item = state->pDirectory->FindFileByUniqueID(uniqueId.c_str(), 0)) {
       signal = DrivePath(item);
+      sameItem = sameListing && item->rFindData.FileSize() == ownSize;
+    }
     if (!signal.empty()) SignalEventDone(signal);
   }
-  RefreshShell(state, SHCNE_UPDATEDIR, folder);
-  if (!signal.empty()) RefreshShell(state, SHCNE_UPDATEITEM, WithoutBackslash(signal));
+  if (!sameListing || signal.empty()) RefreshShell(state, SHCNE_UPDATEDIR, folder);
+  if (!signal.empty() && !sameItem) RefreshShell(state, SHCNE_UPDATEITEM, WithoutBackslash(signal));
 }
 
 // A live or pending-delete file item with the unique id.

@@ -188,9 +188,9 @@ NTSTATUS QuillboxCreateFile(LPCWSTR FileName, PDOKAN_IO_SECURITY_CONTEXT, ACCESS
                             ULONG CreateOptions, PDOKAN_FILE_INFO DokanFileInfo) {
   DriveState* state = GetDriveState();
   if (!state || !state->pDirectory) return STATUS_UNSUCCESSFUL;
-  // Every open asks the device afresh whether it takes writes; the changes
-  // made through this open until the next one use that answer.
-  ForgetWriteAnswer(state);
+  // A device that refused writes is asked again at the next open; a "yes"
+  // holds for its time (WriteSupported).
+  ForgetWriteRefusal(state);
   OpenRequest r;
   r.path = FileName ? FileName : "";
   r.options = CreateOptions;

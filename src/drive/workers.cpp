@@ -29,11 +29,13 @@ void ProcessCurrentEventQueueItem(DriveState* state, const EventItem& event) {
   static const char* tag = "M41@ProcessCurrentEventQueueItem: ";
   switch (event.dwEvent) {
     case EVENT_DEVICE_CONNECTED:
+      ForgetWriteAnswer(state);  // another device, or the same one changed
       Trace(tag, "retrieved EVENT_DEVICE_CONNECTED");
       Trace(tag, "EVENT_DEVICE_CONNECTED");
       break;
     case EVENT_DEVICE_DISCONNECTED: {
       Trace(tag, "retrieved EVENT_DEVICE_DISCONNECTED");
+      ForgetWriteAnswer(state);
       CWriteLock lock(&state->rDriveLock);
       if (state->hooks.fnForceUnmount) state->hooks.fnForceUnmount(false);
       if (state->hooks.fnResetMappedDevice && !state->hooks.fnResetMappedDevice())

@@ -219,6 +219,7 @@ NTSTATUS QuillboxSetFileAttributes(LPCWSTR FileName, DWORD FileAttributes, PDOKA
                                                        value(FILE_ATTRIBUTE_HIDDEN), value(FILE_ATTRIBUTE_SYSTEM));
   if (FAILED(hr)) {
     DiscardEventDone(wait);
+    ForgetWriteAnswer(state);
     Trace(kTagAttr, "Ignoring the error-will be correct only locally");
     item->rFindData.dwFileAttributes = wanted;
   } else {
@@ -282,6 +283,7 @@ NTSTATUS QuillboxSetFileTime(LPCWSTR FileName, const FILETIME* CreationTime, con
   const HRESULT hr = state->pHelper->SetFileTime(id.c_str(), CreationTime, LastWriteTime);
   if (FAILED(hr)) {
     DiscardEventDone(wait);
+    ForgetWriteAnswer(state);
     if (hr == E_ACCESSDENIED) return TraceStatus(kTagTime, STATUS_SUCCESS, 3);
     return TraceStatus(kTagTime, ToNtStatus(static_cast<DWORD>(hr) & 0xFFFF), 2);
   }

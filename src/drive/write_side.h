@@ -3,6 +3,7 @@
 // public header): completion waits, re-listing after a missed confirmation,
 // the device delete and upload of a file, the rescue of content that could
 // not reach the device, and the event worker's changes to the tree.
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -38,12 +39,17 @@ void RelistFolderById(DriveState* state, const std::string& folderId);
 void RelistFolderOfPath(DriveState* state, const std::string& path);
 
 // Whether the device accepts changes; logs "Write access not supported".
-// The device's answer is kept until the next open (ForgetWriteAnswer): a
-// program's run of writes through one open asks the device once.
+// A "yes" of the device holds for kWriteAnswerMs, across opens: a copy of
+// many small files asks the device about once a second, not once a file.
+// A "no" holds until the next open (ForgetWriteRefusal), so a device that
+// takes writes again is used at once. Any change the device refused or
+// failed forgets the answer (ForgetWriteAnswer): the next change asks.
+constexpr uint64_t kWriteAnswerMs = 1000;
 bool WriteAllowed(DriveState* state);
 // The same without the log line.
 bool WriteSupported(DriveState* state);
 void ForgetWriteAnswer(DriveState* state);
+void ForgetWriteRefusal(DriveState* state);
 
 // Free space (volume.cpp). Whether `bytes` fit in the storage's free space
 // (always, while it is unknown); a figure that says no is read from the
@@ -62,13 +68,19 @@ HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string
 // Whether the item's old object is being deleted for its own upload (the
 // event worker then leaves the item as it is).
 bool IsBeingReplaced(const DirectoryItem* item);
-// Holds hUploadMutex (waits in slices of 100 ms, logging each).
-std::unique_lock<std::recursive_timed_mutex> HoldUploads(DriveState* state, const char* tag);
+// Holds hUploadMutex (waits in slices of 100 ms, logging each); with
+// `sentToo` also waits until every sent upload is confirmed (or given up).
+std::unique_lock<std::recursive_timed_mutex> HoldUploads(DriveState* state, const char* tag, bool sentToo = true);
 
-// Uploads the pending content of a file item (cleanup and flush). A failed
-// upload keeps the content in the rescue folder. STATUS_SUCCESS, or the
-// status a program is to see.
-NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string& path);
+// Uploads the pending content of a file item (cleanup, flush, rename). A
+// failed upload keeps the content in the rescue folder. STATUS_SUCCESS, or
+// the status a program is to see. With `rest`, a sent upload leaves the
+// wait for the device's confirmation (and what comes after it) in *rest,
+// which the caller must run; the next upload of the same file waits for it,
+// others do not. Without, the upload is whole when it returns, and it
+// starts after every earlier one is confirmed.
+NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string& path,
+                       std::function<void()>* rest = nullptr);
 
 // Copies content that could not reach the device into
 // <local data>/Quillbox/Rescued/<device>/<path on the drive> (a time in the

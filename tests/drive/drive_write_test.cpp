@@ -216,6 +216,38 @@ TEST_F(DriveWriteTest, DeviceThatRefusesWritesRefusesEveryChange) {
   EXPECT_EQ(ReadText(Storage() / "a" / "f.txt"), "f");
   ASSERT_EQ(Sh("cd \"$S\" && find . ! -name .storage.ini | sort", &out), 0);
   EXPECT_EQ(out, ".\n./a\n./a/f.txt\n");
+  // The refusal is not kept: once the device takes writes again, so does
+  // the drive, at once.
+  SetFaults({});
+  ASSERT_EQ(Sh("echo back > \"$D/back.txt\" 2>&1", &out), 0) << out;
+  EXPECT_TRUE(DeviceHolds("back.txt", "back\n"));
+}
+
+// The device's yes to writes is kept for a while (a copy of many files does
+// not ask per file); a device that stops taking writes in that while is
+// noticed at its first refusal, and nothing written is lost.
+TEST_F(DriveWriteTest, DeviceThatStopsTakingWritesIsNoticedAtItsFirstRefusal) {
+  ASSERT_TRUE(Mount());
+  std::string out;
+  ASSERT_EQ(Sh("ls \"$D\" >/dev/null"), 0);
+  // One shell, so that all of it falls in the while the yes is kept.
+  ASSERT_EQ(Sh("{ echo ok > \"$D/ok.txt\" && " + Simdev() + " fault drivephone no-write >/dev/null && "
+               "{ echo first | cat > \"$D/first.txt\" || echo 'first refused'; } && ls \"$D\" >/dev/null && "
+               "{ echo second | cat > \"$D/second.txt\" || echo 'second refused'; }; } 2>&1",
+               &out),
+            0)
+      << out;
+  // The first file may still count on the yes: its upload is refused and
+  // its content rescued. Its refusal is noticed: the second file is
+  // refused at once.
+  EXPECT_NE(out.find("second refused"), std::string::npos) << out;
+  EXPECT_NE(out.find("ermission denied"), std::string::npos) << out;
+  EXPECT_TRUE(DeviceHolds("ok.txt", "ok\n"));
+  EXPECT_TRUE(out.find("first refused") != std::string::npos || ReadText(Rescued() / "first.txt") == "first\n")
+      << out;
+  EXPECT_FALSE(fs::exists(Rescued() / "second.txt"));
+  EXPECT_TRUE(DeviceLacks("first.txt"));
+  EXPECT_TRUE(DeviceLacks("second.txt"));
 }
 
 TEST_F(DriveWriteTest, VirtualStructureRefusesRenamesAndAttributeChanges) {
@@ -345,6 +377,36 @@ TEST_F(DriveWriteTest, ChangesRightAfterACloseComeAfterItsUpload) {
   EXPECT_TRUE(DeviceLacks("a.bin"));
   EXPECT_FALSE(fs::exists(Storage() / "gone.bin"));
   EXPECT_FALSE(fs::exists(Rescued()));
+}
+
+// The closing thread sends the next file of a copy while the device
+// confirms the one before. A transfer that fails among them is rescued;
+// the files around it land, and a delete right after the copy finds each
+// of them confirmed, with its device object, so it reaches the device.
+TEST_F(DriveWriteTest, UploadsGoOnWhileTheDeviceConfirmsAndAFailedOneAmongThemIsRescued) {
+  const fs::path source = home_ / "batch";
+  fs::create_directories(source);
+  for (int i = 0; i < 30; ++i)
+    std::ofstream(source / ("f" + std::to_string(i) + ".bin"), std::ios::binary) << std::string(3000 + i, 'a' + i % 26);
+  std::string big(300000, 'x');
+  for (size_t i = 0; i < big.size(); i += 7) big[i] = static_cast<char>('0' + i % 10);
+  std::ofstream(source / "big.bin", std::ios::binary) << big;
+  ASSERT_TRUE(Mount());
+  std::string out;
+  ASSERT_EQ(Sh("ls \"$D\" >/dev/null"), 0);
+  sim::Faults fail;
+  fail.failAfter = 100000;  // the big file's transfer fails, the small ones pass
+  SetFaults(fail);
+  ASSERT_EQ(Sh("cp -r " + Quote(source.string()) + " \"$D/\" && cd \"$D/batch\" && rm f1*.bin && ls 2>&1", &out), 0)
+      << out;
+  EXPECT_EQ(out.find("f1"), std::string::npos) << out;
+  EXPECT_TRUE(WaitUntil([&] { return fs::exists(Rescued() / "batch" / "big.bin"); }, kDeviceLimitMs));
+  EXPECT_TRUE(ReadText(Rescued() / "batch" / "big.bin") == big);
+  ASSERT_EQ(Sh("cd " + Quote(source.string()) + " && rm big.bin f1*.bin"), 0);
+  EXPECT_TRUE(WaitUntil([&] { return Sums((Storage() / "batch").string()) == Sums(source.string()); }, kDeviceLimitMs))
+      << Sums((Storage() / "batch").string());
+  EXPECT_TRUE(DeviceLacks("batch/big.bin"));
+  EXPECT_EQ(TraceText().find("Callback was not called"), std::string::npos);
 }
 
 // Every upload is confirmed by the device's report of the new object; that

@@ -6,6 +6,7 @@
 // shell refresh.
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string_view>
 
 namespace qb::dokan {
@@ -63,5 +64,16 @@ bool DetachMountPoint(char letter, uint32_t abortAfterMs);
 // invalidation was done in time). Safe from any thread, also from inside an
 // operation of the table.
 bool InvalidatePath(char letter, std::string_view path, uint32_t waitMs = 0);
+
+// For a Cleanup called at the end of an open: leaves `rest` (what the end
+// still has to wait for, such as the device's confirmation of an upload)
+// to run later on the drive's finishing thread, before CloseFile, so that
+// the Cleanup of the next released open can start meanwhile. Rests and
+// CloseFile run in release order; requests on the file, and those that
+// wait for every end (renames, deletes, listings, statfs), wait for the
+// rest too, and the ends of one file never overlap. False (the caller runs
+// `rest` itself) when no Cleanup of the drive layer runs on this thread or
+// it left a rest already.
+bool DeferRestOfEnd(std::function<void()> rest);
 
 }  // namespace qb::dokan

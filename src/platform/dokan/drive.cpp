@@ -186,11 +186,8 @@ bool Drive::Unregister(Open* open) {
 void Drive::CloseOpen(Open* open) { CloseOpenAs(open, PathOrRoot(open->node)); }
 
 void Drive::CloseOpenAs(Open* open, const std::string& path) {
-  std::unique_lock wait(open->lent);
-  table_.Cleanup(path, &open->info);
-  table_.Close(path, &open->info);
-  wait.unlock();
-  delete open;
+  // A rest that the Cleanup left runs at once here: the end is whole.
+  CloseAfterCleanup(open, path, CleanupOf(open, path));
 }
 
 Drive::Borrowed Drive::Borrow(uint64_t node) {

@@ -18,6 +18,7 @@
 
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -125,12 +126,20 @@ class Drive {
   // copy) need not wait for that. A request that touches a node whose end
   // is still to run, or that changes or lists names, waits for it first, so
   // that every program sees the same order of events as with one thread.
+  // A Cleanup may leave the rest of its end (DeferRestOfEnd) to the
+  // finishing thread, which runs the rests and CloseFile in release order
+  // while the closing thread goes on with the next end; the node counts as
+  // closing until its rest has run.
   void StartCloser();
   void StopCloser();  // runs what is queued first
   void QueueClose(Open* open);
   void AwaitClosed(uint64_t node);  // 0: nothing to wait for
   void AwaitAllClosed();
   void CloserLoop();
+  void FinisherLoop();
+  // Runs Cleanup (the open's lent lock held); the rest it deferred, if any.
+  std::function<void()> CleanupOf(Open* open, const std::string& path);
+  void CloseAfterCleanup(Open* open, const std::string& path, const std::function<void()>& rest);
   void TearDown();
   void CloseRemainingOpens();
   void StartNotifier();
@@ -188,12 +197,21 @@ class Drive {
   std::unordered_multimap<uint64_t, Open*> opensOfNode_;
 
   // Leaf lock: nothing is called while it is held.
-  std::mutex closeMutex_;  // guards the four fields below
+  std::mutex closeMutex_;  // guards the fields below up to finisher_
   std::condition_variable closeWake_, closeDone_;
   std::deque<std::pair<Open*, std::string>> closeQueue_;  // released, not yet closed; with their paths
-  std::unordered_multiset<uint64_t> closingNodes_;  // nodes of the queued and the running end
+  std::unordered_multiset<uint64_t> closingNodes_;  // nodes of the queued, running and finishing ends
   bool closeStop_ = false;
   std::thread closer_;
+  struct Finishing {
+    Open* open;
+    std::string path;
+    std::function<void()> rest;
+  };
+  std::deque<Finishing> finishQueue_;  // cleaned up, waiting for their rest and CloseFile
+  std::unordered_multiset<uint64_t> finishingNodes_;  // nodes of finishQueue_ and of the running rest
+  bool finishStop_ = false;
+  std::thread finisher_;
 
   std::mutex notifyMutex_;  // guards the three fields below
   std::condition_variable notifyWake_;

@@ -276,6 +276,47 @@ TEST_F(DriveOperations, RequestsRunOnSeveralThreadsWithoutSingleThread) {
   EXPECT_EQ(0, code);
 }
 
+// A Cleanup may leave the rest of its end (an upload's confirmation) for
+// later: the next file's Cleanup runs meanwhile, the rests and CloseFile
+// come in release order, and a program that opens the file again waits
+// for its rest.
+TEST_F(DriveOperations, EndsWhoseRestWaitsLetTheNextCleanupRunAndKeepTheirOrder) {
+  Fs().HoldEndsOf("\\a.txt");
+  ClearCalls();
+  qb::sys::ChildProcess writer;
+  ASSERT_TRUE(qb::sys::SpawnProcess({"/bin/sh", "-c",
+                                     "echo a > " + At("a.txt") + " && echo b > " + At("b.txt") + " && cat " +
+                                         At("a.txt") + " > " + At("seen.txt")},
+                                    {}, &writer));
+  ASSERT_TRUE(WaitForCalls("\\b.txt", {"Cleanup"}));
+  Fs().ReleaseEnds();
+  int code = -1;
+  ASSERT_TRUE(writer.Wait(15000, &code));
+  EXPECT_EQ(0, code);
+  Sh("stat -f " + root_ + " >/dev/null");  // every end has run
+  std::string seen;
+  ASSERT_TRUE(Fs().Read("\\seen.txt", &seen));
+  EXPECT_EQ("a\n", seen);
+  const auto calls = Fs().Calls();
+  // Position of the n-th call `op` of `path` (calls.size() when missing).
+  auto at = [&](const std::string& op, const std::string& path, int n = 1) {
+    for (size_t i = 0; i < calls.size(); ++i)
+      if (calls[i].op == op && calls[i].path == path && --n == 0) return i;
+    return calls.size();
+  };
+  const size_t rest = at("Rest", "\\a.txt");
+  ASSERT_LT(rest, calls.size()) << OpNames(calls);
+  EXPECT_LT(at("Cleanup", "\\b.txt"), rest) << OpNames(calls);
+  EXPECT_LT(rest, at("CloseFile", "\\a.txt")) << OpNames(calls);
+  EXPECT_LT(at("CloseFile", "\\a.txt"), at("CloseFile", "\\b.txt")) << OpNames(calls);
+  // cat's open of a.txt (its last open) came after the rest of the end before.
+  size_t lastOpen = calls.size();
+  for (size_t i = 0; i < calls.size(); ++i)
+    if (calls[i].op == "ZwCreateFile" && calls[i].path == "\\a.txt") lastOpen = i;
+  EXPECT_LT(rest, lastOpen) << OpNames(calls);
+  EXPECT_LT(lastOpen, calls.size()) << OpNames(calls);
+}
+
 TEST_F(DriveOperations, CreateThatFindsTheFileIsSuccessForAlwaysDispositions) {
   ASSERT_TRUE(Fs().PutFile("\\x.txt", "first\n"));
   Fs().HideFromOpens("\\x.txt");  // the lookup misses it; the create finds it

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "common/strings.h"
+#include "platform/dokan/dokan_linux.h"
 #include "platform/system/clock.h"
 
 namespace qbtest {
@@ -133,6 +134,14 @@ NTSTATUS Create(LPCWSTR FileName, PDOKAN_IO_SECURITY_CONTEXT, ACCESS_MASK Desire
 void Cleanup(LPCWSTR FileName, PDOKAN_FILE_INFO info) {
   MemFs* fs = FsOf(info);
   fs->Record("Cleanup", FileName, "", info);
+  if (fs->EndHeld(FileName)) {
+    const std::string path = FileName;
+    auto rest = [fs, path, info] {
+      fs->WaitWhileEndHeld(path);
+      fs->Record("Rest", path.c_str(), "", info);
+    };
+    if (!qb::dokan::DeferRestOfEnd(rest)) rest();
+  }
   std::lock_guard lock(fs->mutex_);
   std::shared_ptr<Node> node = NodeOf(info);
   if (!node || !info->DeleteOnClose) return;
@@ -518,6 +527,29 @@ bool MemFs::Blocked(const std::string& path) {
 void MemFs::WaitWhileBlocked(const std::string& path) {
   std::unique_lock lock(gateMutex_);
   gateOpen_.wait_for(lock, std::chrono::seconds(10), [&] { return blocked_ != path; });
+}
+
+void MemFs::WaitWhileEndHeld(const std::string& path) {
+  std::unique_lock lock(gateMutex_);
+  gateOpen_.wait_for(lock, std::chrono::seconds(10), [&] { return held_ != path; });
+}
+
+void MemFs::HoldEndsOf(const std::string& path) {
+  std::lock_guard lock(gateMutex_);
+  held_ = path;
+}
+
+void MemFs::ReleaseEnds() {
+  {
+    std::lock_guard lock(gateMutex_);
+    held_.clear();
+  }
+  gateOpen_.notify_all();
+}
+
+bool MemFs::EndHeld(const std::string& path) {
+  std::lock_guard lock(gateMutex_);
+  return held_ == path;
 }
 
 std::string CallLine(const FsCall& c) {

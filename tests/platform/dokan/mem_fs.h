@@ -53,6 +53,13 @@ class MemFs {
   void ReleaseReads();
   bool Blocked(const std::string& path);
   void WaitWhileBlocked(const std::string& path);
+  // The Cleanup of `path` leaves the rest of its end to the drive layer
+  // (DeferRestOfEnd): a rest, recorded as "Rest", that waits (at most 10 s)
+  // until ReleaseEnds.
+  void HoldEndsOf(const std::string& path);
+  void ReleaseEnds();
+  bool EndHeld(const std::string& path);
+  void WaitWhileEndHeld(const std::string& path);
 
   struct Node;
   struct Handle;
@@ -69,6 +76,7 @@ class MemFs {
   std::mutex gateMutex_;  // guards blocked_
   std::condition_variable gateOpen_;
   std::string blocked_;
+  std::string held_;  // under gateMutex_
 };
 
 // Parses a line written by the sink ("op|path|detail|deleteOnClose").
