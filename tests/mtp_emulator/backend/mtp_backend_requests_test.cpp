@@ -6,6 +6,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <thread>
 
 #include "emulated_fixture.h"
@@ -65,28 +66,48 @@ TEST_F(EmulatedMtpDevice, OpeningAndListingALargeFolderCostsAFewRequestsNotOnePe
   EXPECT_LE(spent, 130u) << spent << " requests to open the device and list " << kFiles + 1 << " objects;" << table;
 }
 
+// A device with one file of patterned bytes at its top level, opened.
+class EmulatedMtpRead : public EmulatedMtpDevice {
+ protected:
+  void PutAndOpen(const std::string& name, size_t size, int pattern) {
+    data_.assign(size, '\0');
+    for (size_t i = 0; i < size; ++i) data_[i] = static_cast<char>((i * pattern) >> 7);
+    std::ofstream(Storage(name), std::ios::binary) << data_;
+    ASSERT_NO_FATAL_FAILURE(StartAndOpen());
+    id_ = ChildId(content_.get(), storages_[0], name);
+    ASSERT_FALSE(id_.empty());
+    content_->Transfer(&resources_);
+  }
+  // A new read stream of the file, from its start.
+  std::unique_ptr<qp::IStream> Stream() {
+    std::unique_ptr<qp::IStream> stream;
+    uint32_t optimal = 0;
+    EXPECT_EQ(resources_->GetStream(id_, WPD_RESOURCE_DEFAULT, qp::STGM_READ, &optimal, &stream), S_OK);
+    return stream;
+  }
+  uint64_t PartialReadsSince(const std::map<uint16_t, uint64_t>& before) {
+    return CountOf(OperationCounts(), kGetPartialObject64) - CountOf(before, kGetPartialObject64);
+  }
+
+  std::string data_, id_;
+  std::shared_ptr<qp::IPortableDeviceResources> resources_;
+};
+
 // A whole read in small blocks asks the device in growing pieces: 32 MiB
 // in 64 KiB blocks is 512 blocks but about a dozen requests; the first
 // block costs one request of its own size, so the first bytes stay quick.
-TEST_F(EmulatedMtpDevice, ReadingALargeFileAsksInGrowingPiecesAfterAQuickFirstOne) {
-  std::string data(32u << 20, '\0');
-  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>((i * 131) >> 7);
-  std::ofstream(Storage("large.bin"), std::ios::binary) << data;
-  ASSERT_NO_FATAL_FAILURE(StartAndOpen());
-  std::string id = ChildId(content_.get(), storages_[0], "large.bin");
-  ASSERT_FALSE(id.empty());
-  std::shared_ptr<qp::IPortableDeviceResources> resources;
-  content_->Transfer(&resources);
-  std::unique_ptr<qp::IStream> stream;
-  uint32_t optimal = 0;
-  ASSERT_EQ(resources->GetStream(id, WPD_RESOURCE_DEFAULT, qp::STGM_READ, &optimal, &stream), S_OK);
+TEST_F(EmulatedMtpRead, ReadingALargeFileAsksInGrowingPiecesAfterAQuickFirstOne) {
+  ASSERT_NO_FATAL_FAILURE(PutAndOpen("large.bin", 32u << 20, 131));
+  const std::string& data = data_;
+  std::unique_ptr<qp::IStream> stream = Stream();
+  ASSERT_TRUE(stream);
   auto before = OperationCounts();
   char first[4096];
   uint32_t got = 0;
   ASSERT_EQ(stream->Read(first, sizeof first, &got), S_OK);
   ASSERT_EQ(got, sizeof first);
   EXPECT_EQ(std::string(first, got), data.substr(0, got));
-  EXPECT_EQ(CountOf(OperationCounts(), kGetPartialObject64) - CountOf(before, kGetPartialObject64), 1u);
+  EXPECT_EQ(PartialReadsSince(before), 1u);
   std::string all(first, got);
   std::vector<char> block(65536);
   for (;;) {
@@ -95,7 +116,7 @@ TEST_F(EmulatedMtpDevice, ReadingALargeFileAsksInGrowingPiecesAfterAQuickFirstOn
     all.append(block.data(), got);
   }
   EXPECT_TRUE(all == data) << "read " << all.size() << " bytes, not the file's " << data.size();
-  uint64_t pieces = CountOf(OperationCounts(), kGetPartialObject64) - CountOf(before, kGetPartialObject64);
+  uint64_t pieces = PartialReadsSince(before);
   // 4 KiB, 8 KiB, ... doubling to 8 MiB, then 8 MiB pieces: about 16.
   EXPECT_LE(pieces, 20u) << pieces << " requests for 512 blocks";
 }
@@ -103,21 +124,12 @@ TEST_F(EmulatedMtpDevice, ReadingALargeFileAsksInGrowingPiecesAfterAQuickFirstOn
 // From the second piece on, the next piece is on its way while the reader
 // takes the current one; a reader may stop anywhere, and the device goes on
 // answering the next reader.
-TEST_F(EmulatedMtpDevice, ASequentialReadHasTheNextPieceOnItsWayAndMayStopAnywhere) {
-  std::string data(4u << 20, '\0');
-  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>((i * 7) >> 5);
-  std::ofstream(Storage("ahead.bin"), std::ios::binary) << data;
-  ASSERT_NO_FATAL_FAILURE(StartAndOpen());
-  std::string id = ChildId(content_.get(), storages_[0], "ahead.bin");
-  ASSERT_FALSE(id.empty());
-  std::shared_ptr<qp::IPortableDeviceResources> resources;
-  content_->Transfer(&resources);
-  std::unique_ptr<qp::IStream> stream;
-  uint32_t optimal = 0;
-  ASSERT_EQ(resources->GetStream(id, WPD_RESOURCE_DEFAULT, qp::STGM_READ, &optimal, &stream), S_OK);
-  auto asked = [before = OperationCounts(), this] {
-    return CountOf(OperationCounts(), kGetPartialObject64) - CountOf(before, kGetPartialObject64);
-  };
+TEST_F(EmulatedMtpRead, ASequentialReadHasTheNextPieceOnItsWayAndMayStopAnywhere) {
+  ASSERT_NO_FATAL_FAILURE(PutAndOpen("ahead.bin", 4u << 20, 29));
+  const std::string& data = data_;
+  std::unique_ptr<qp::IStream> stream = Stream();
+  ASSERT_TRUE(stream);
+  auto asked = [before = OperationCounts(), this] { return PartialReadsSince(before); };
   char block[4096];
   uint32_t got = 0;
   std::string read;
@@ -132,7 +144,8 @@ TEST_F(EmulatedMtpDevice, ASequentialReadHasTheNextPieceOnItsWayAndMayStopAnywhe
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   EXPECT_EQ(asked(), 3u);
   stream.reset();  // with the read ahead on its way or done
-  ASSERT_EQ(resources->GetStream(id, WPD_RESOURCE_DEFAULT, qp::STGM_READ, &optimal, &stream), S_OK);
+  stream = Stream();
+  ASSERT_TRUE(stream);
   ASSERT_EQ(stream->Read(block, sizeof block, &got), S_OK);
   EXPECT_EQ(std::string(block, got), data.substr(0, sizeof block));
 }
