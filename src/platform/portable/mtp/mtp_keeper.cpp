@@ -14,7 +14,7 @@
 namespace qb::portable::mtp {
 namespace {
 
-// One thread releases what nobody took in time; it lives while something is
+// One thread releases what nobody took in time; it sleeps while nothing is
 // kept. The process's end releases the rest (the USB claim is the device
 // for every other program). Lock: m is a leaf; libmtp is called outside it.
 class Keeper {
@@ -84,7 +84,12 @@ class Keeper {
   void Run() {
     std::unique_lock<std::mutex> l(m_);
     while (!stop_) {
-      auto next = std::chrono::steady_clock::now() + kKeepFor;
+      // With nothing kept the thread sleeps until Keep or the end wakes it.
+      if (kept_.empty()) {
+        cv_.wait(l, [this] { return stop_ || !kept_.empty(); });
+        continue;
+      }
+      auto next = kept_.begin()->second.until;
       for (const auto& [id, e] : kept_) next = std::min(next, e.until);
       cv_.wait_until(l, next);
       std::vector<KeptDevice> due;
