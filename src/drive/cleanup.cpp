@@ -184,61 +184,61 @@ bool ApplyAfterUpload(DriveState* state, const UploadPlan& plan, const std::stri
   return true;
 }
 
-std::mutex g_replacingMutex;
-std::set<const DirectoryItem*> g_replacing;  // under g_replacingMutex
-
-// Marks an item whose own upload deletes its old object, for its lifetime.
-struct Replacing {
-  explicit Replacing(const DirectoryItem* item) : item_(item) {
-    if (!item_) return;
-    std::lock_guard hold(g_replacingMutex);
-    g_replacing.insert(item_);
-  }
-  ~Replacing() {
-    if (!item_) return;
-    std::lock_guard hold(g_replacingMutex);
-    g_replacing.erase(item_);
-  }
-  Replacing(const Replacing&) = delete;
-  Replacing& operator=(const Replacing&) = delete;
-
- private:
-  const DirectoryItem* item_;
-};
-
-std::mutex g_confirmMutex;
-std::condition_variable g_confirmDone;
-std::multiset<const DirectoryItem*> g_confirming;  // under g_confirmMutex
-
-// Marks an item whose upload was sent and awaits the device's confirmation,
-// for its lifetime. Another upload of the item waits for it (WaitConfirmed).
-struct Confirming {
-  explicit Confirming(const DirectoryItem* item) : item_(item) {
-    std::lock_guard hold(g_confirmMutex);
-    g_confirming.insert(item_);
-  }
-  ~Confirming() {
-    {
-      std::lock_guard hold(g_confirmMutex);
-      g_confirming.erase(g_confirming.find(item_));
+// Items marked for the lifetime of a Mark, and waits for their marks to go.
+class ItemMarks {
+ public:
+  class Mark {
+   public:
+    Mark(ItemMarks& marks, const DirectoryItem* item) : marks_(marks), item_(item) {
+      if (!item_) return;
+      std::lock_guard hold(marks_.m_);
+      marks_.items_.insert(item_);
     }
-    g_confirmDone.notify_all();
+    ~Mark() {
+      if (!item_) return;
+      {
+        std::lock_guard hold(marks_.m_);
+        marks_.items_.erase(marks_.items_.find(item_));
+      }
+      marks_.gone_.notify_all();
+    }
+    Mark(const Mark&) = delete;
+    Mark& operator=(const Mark&) = delete;
+
+   private:
+    ItemMarks& marks_;
+    const DirectoryItem* item_;
+  };
+
+  bool Has(const DirectoryItem* item) {
+    std::lock_guard hold(m_);
+    return items_.count(item) != 0;
   }
-  Confirming(const Confirming&) = delete;
-  Confirming& operator=(const Confirming&) = delete;
+  // Waits until `item` (every item: null) carries no mark, logging `what`
+  // every 100 ms.
+  void AwaitNone(const DirectoryItem* item, const char* tag, const char* what) {
+    std::unique_lock hold(m_);
+    while (!gone_.wait_for(hold, std::chrono::milliseconds(100),
+                           [&] { return item ? items_.count(item) == 0 : items_.empty(); }))
+      Trace(tag, "%s", what);
+  }
 
  private:
-  const DirectoryItem* item_;
+  std::mutex m_;
+  std::condition_variable gone_;
+  std::multiset<const DirectoryItem*> items_;  // under m_
 };
+
+// Items whose own upload deletes their old object.
+ItemMarks g_replacing;
+// Items whose sent upload awaits the device's confirmation; another upload
+// of the item waits for it.
+ItemMarks g_confirming;
 
 // Waits until the sent uploads of `item` (of every item: null) are
 // confirmed or given up.
 void WaitConfirmed(const DirectoryItem* item, const char* tag) {
-  std::unique_lock hold(g_confirmMutex);
-  while (!g_confirmDone.wait_for(hold, std::chrono::milliseconds(100), [&] {
-    return item ? g_confirming.count(item) == 0 : g_confirming.empty();
-  }))
-    Trace(tag, "Waiting for the confirmation of an upload");
+  g_confirming.AwaitNone(item, tag, "Waiting for the confirmation of an upload");
 }
 
 // The end of a sent upload: the device's confirmation (or the folder's
@@ -306,10 +306,7 @@ void DeleteAtCleanup(DriveState* state, DirectoryItem* item, const std::string& 
 
 namespace qb::drive {
 
-bool IsBeingReplaced(const DirectoryItem* item) {
-  std::lock_guard hold(g_replacingMutex);
-  return g_replacing.count(item) != 0;
-}
+bool IsBeingReplaced(const DirectoryItem* item) { return g_replacing.Has(item); }
 
 std::unique_lock<std::recursive_timed_mutex> HoldUploads(DriveState* state, const char* tag, bool sentToo) {
   std::unique_lock uploads(state->hUploadMutex, std::defer_lock);
@@ -330,7 +327,7 @@ HRESULT DeleteOnDevice(DriveState* state, DirectoryItem* item, const std::string
     // opens, lookups and a rename right after the close still find it.
     if (!replacing) item->bPendingDelete = 1;
   }
-  Replacing mark(replacing ? item : nullptr);
+  ItemMarks::Mark mark(g_replacing, replacing ? item : nullptr);
   auto wait = RegisterWait(state, id);
   const HRESULT hr = state->pHelper ? state->pHelper->DeleteFile(id.c_str()) : E_FAIL;
   if (FAILED(hr)) {
@@ -401,7 +398,7 @@ NTSTATUS UploadPending(DriveState* state, DirectoryItem* item, const std::string
     FinishUpload(state, item, std::move(plan), path, wait);
     return STATUS_SUCCESS;
   }
-  auto confirming = std::make_shared<Confirming>(item);
+  auto confirming = std::make_shared<ItemMarks::Mark>(g_confirming, item);
   *rest = [state, item, plan = std::move(plan), path, wait, confirming] {
     FinishUpload(state, item, plan, path, wait);
   };
