@@ -47,11 +47,19 @@ std::string SerialNumberOf(WpdLibContext* c, const std::string& pnpId) {
   return "";
 }
 
-// One row of the table; the result of its last step.
+// One row of the table; the result of its last step. What the system
+// learned of the device since it was plugged in spares opening it.
 HRESULT AddDeviceRow(WpdLibContext* c, const std::string& pnpId, PtrList<std::string>* ids,
                      PtrList<std::string>* names, PtrList<std::string>* serials,
                      PtrList<std::string>* pnpIds) {
-  if (IsLeftOut(c, pnpId)) return S_OK;
+  qbp::DeviceTableFacts known;
+  const bool fromFacts = c->pPlatform->pDeviceManager->GetDeviceTableFacts(pnpId, &known) == S_OK;
+  if (fromFacts) {
+    Trace(kTagGetDevices, "%s: from what the system knows of it", pnpId.c_str());
+    if (!known.hasStorage || known.protocol.rfind("MSC:", 0) == 0) return S_OK;
+  } else if (IsLeftOut(c, pnpId)) {
+    return S_OK;
+  }
   std::string friendly;
   HRESULT hr = GetFriendlyName(c, pnpId.c_str(), &friendly, kNameChars);
   if (FAILED(hr)) return hr;
@@ -61,7 +69,8 @@ HRESULT AddDeviceRow(WpdLibContext* c, const std::string& pnpId, PtrList<std::st
     if (!friendly.empty() && friendly.back() == '\\') friendly.pop_back();
     names->Emplace(friendly);
   }
-  if (serials) serials->Emplace(SerialNumberOf(c, pnpId));
+  if (serials)
+    serials->Emplace(fromFacts ? std::string(qb::CutToUtf16(known.serialNumber, kNameChars - 1)) : SerialNumberOf(c, pnpId));
   return hr;
 }
 

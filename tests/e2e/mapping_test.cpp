@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include <fstream>
+#include <sstream>
 
 #include "app/super_globals.h"
 #include "e2e/e2e_support.h"
@@ -226,18 +227,50 @@ TEST_P(MappingE2e, TheServingInstanceFindsTheDeviceFreeAtOnce) {
   {
     qb::reg::Key key;
     ASSERT_EQ(key.Create(HKEY_CURRENT_USER, QB_SETTINGS_KEY, KEY_READ | KEY_WRITE), ERROR_SUCCESS);
-    ASSERT_EQ(key.SetDword("Flags", QB_FLAG_TRACE_LOG), ERROR_SUCCESS);
+    // A log per process: processes that start within one second would
+    // otherwise rotate the shared log onto the same name.
+    ASSERT_EQ(key.SetDword("Flags", QB_FLAG_TRACE_LOG | QB_FLAG_LOG_PER_PROCESS), ERROR_SUCCESS);
   }
   DriveGuard q('Q');
+  const auto logs = [this](bool remove) {
+    std::string text;
+    for (const auto& e : std::filesystem::directory_iterator(home_.Path() / "local" / "Quillbox")) {
+      if (e.path().filename().string().rfind("QUILLBOX", 0) != 0 || e.path().extension() != ".log") continue;
+      text += ReadText(e.path());
+      if (remove) std::filesystem::remove(e.path());
+    }
+    return text;
+  };
+  // Opens of the device on USB (a session taken over from an earlier
+  // close in the same process says so in its line).
+  const auto usbOpens = [](const std::string& log) {
+    const std::string opened = "MtpSession::Open: RETURN: RC=0x00000000 (S_OK)";
+    std::istringstream lines(log);
+    size_t count = 0;
+    for (std::string line; std::getline(lines, line);) {
+      if (!line.empty() && line.back() == '\r') line.pop_back();
+      if (line.size() >= opened.size() && line.compare(line.size() - opened.size(), opened.size(), opened) == 0)
+        ++count;
+    }
+    return count;
+  };
   ASSERT_EQ(Quillbox({"/mn", kDemo, "/si", "1", "Q:"}).code, 0);
   EXPECT_EQ(ReadText(MountPointOf('Q') / "Documents" / "Shopping list.txt"), kShopping);
   ASSERT_EQ(Quillbox({"/u", "Q:"}).code, 0);
-  std::string log;
-  for (const auto& e : std::filesystem::directory_iterator(home_.Path() / "local" / "Quillbox"))
-    if (e.path().filename().string().rfind("QUILLBOX", 0) == 0 && e.path().extension() == ".log")
-      log += ReadText(e.path());
+  std::string log = logs(true);
   EXPECT_NE(log.find("ChooseDevice: ENTER"), std::string::npos) << "no trace log";
   EXPECT_EQ(log.find("ChooseDevice: Busy, retrying"), std::string::npos) << "an instance waited for the device";
+  if (GetParam() != Backend::kMtp) return;
+  EXPECT_EQ(usbOpens(log), 2u) << "the command and the serving instance each open the device once";
+
+  // Mapped again while it stays plugged in: the command finds the device in
+  // the table from what the serving instance learned, without opening it.
+  ASSERT_EQ(Quillbox({"/mn", kDemo, "/si", "1", "Q:"}).code, 0);
+  EXPECT_EQ(ReadText(MountPointOf('Q') / "Documents" / "Shopping list.txt"), kShopping);
+  ASSERT_EQ(Quillbox({"/u", "Q:"}).code, 0);
+  log = logs(false);
+  EXPECT_NE(log.find("from what the system knows of it"), std::string::npos);
+  EXPECT_EQ(usbOpens(log), 1u) << "the command opened the device to find it in the table";
 }
 
 TEST_P(MappingE2e, LetterServedByAnotherInstanceIsRefused) {

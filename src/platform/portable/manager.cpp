@@ -41,6 +41,19 @@ class PortableDeviceManager : public IPortableDeviceManager {
   HRESULT GetDeviceManufacturer(const std::string& pnpDeviceId, std::string* manufacturer) override {
     return Text(pnpDeviceId, sim::kTextManufacturer, manufacturer);
   }
+  // A simulated device opens in no time, and its faults show at the open.
+  HRESULT GetDeviceTableFacts(const std::string& pnpDeviceId, DeviceTableFacts* facts) override {
+    if (pnpDeviceId.empty() || !facts) return E_INVALIDARG;
+    std::lock_guard<std::mutex> lock(m_);
+    for (const auto& d : mtp_) {
+      if (d.pnpId != pnpDeviceId || !d.tableFactsKnown) continue;
+      facts->hasStorage = d.hasStorage;
+      facts->protocol = d.protocol;
+      facts->serialNumber = d.serialNumber;
+      return S_OK;
+    }
+    return S_FALSE;
+  }
 
  private:
   HRESULT Text(const std::string& pnpDeviceId, int which, std::string* out) {

@@ -219,6 +219,14 @@ class IPortableDevice {
   virtual HRESULT GetPnPDeviceID(std::string* pnpDeviceId) = 0;
 };
 
+// What the device table needs of a device: whether it has a storage to
+// show, its protocol ("MTP: 1.00", "MSC: ...") and serial number.
+struct DeviceTableFacts {
+  bool hasStorage = false;
+  std::string protocol;
+  std::string serialNumber;
+};
+
 // IPortableDeviceManager.
 class IPortableDeviceManager {
  public:
@@ -229,6 +237,11 @@ class IPortableDeviceManager {
   virtual HRESULT GetDeviceFriendlyName(const std::string& pnpDeviceId, std::string* name) = 0;
   virtual HRESULT GetDeviceDescription(const std::string& pnpDeviceId, std::string* description) = 0;
   virtual HRESULT GetDeviceManufacturer(const std::string& pnpDeviceId, std::string* manufacturer) = 0;
+  // The table's facts as the system learned them since the device was
+  // plugged in, without opening it (over USB an open costs a session that
+  // keeps every other program out meanwhile). S_FALSE when it knows
+  // nothing: open the device to learn them.
+  virtual HRESULT GetDeviceTableFacts(const std::string& pnpDeviceId, DeviceTableFacts* facts) = 0;
 };
 
 // The manager over every back end (simulated devices, then libmtp ones).

@@ -20,7 +20,9 @@ namespace fs = std::filesystem;
 namespace qp = qb::portable;
 
 constexpr uint16_t kOpenSession = 0x1002;
+constexpr uint16_t kGetStorageInfo = 0x1005;
 constexpr uint16_t kGetObjectInfo = 0x1008;
+constexpr uint16_t kGetDevicePropValue = 0x1015;
 
 uint64_t CountOf(const std::map<uint16_t, uint64_t>& counts, uint16_t code) {
   auto it = counts.find(code);
@@ -28,8 +30,8 @@ uint64_t CountOf(const std::map<uint16_t, uint64_t>& counts, uint16_t code) {
 }
 
 // What the device table reads of one device: open, read the device's
-// properties and its storages, close.
-void ReadAsTheDeviceTableDoes(const std::string& pnpId) {
+// properties (into *deviceValues) and its storages, close.
+void ReadAsTheDeviceTableDoes(const std::string& pnpId, qp::PortableDeviceValues* deviceValues = nullptr) {
   auto device = qp::CreatePortableDevice();
   qp::PortableDeviceValues client;
   ASSERT_EQ(device->Open(pnpId, client), S_OK);
@@ -39,6 +41,7 @@ void ReadAsTheDeviceTableDoes(const std::string& pnpId) {
   content->Properties(&props);
   qp::PortableDeviceValues values;
   EXPECT_EQ(props->GetValues(WPD_DEVICE_OBJECT_ID, nullptr, &values), S_OK);
+  if (deviceValues) *deviceValues = values;
   std::vector<std::string> storages;
   ChildNames(content.get(), WPD_DEVICE_OBJECT_ID, &storages);
   EXPECT_FALSE(storages.empty());
@@ -110,6 +113,79 @@ TEST_F(EmulatedMtpDevice, AKeptSessionIsReleasedOnRequestAndNotHandedOutOnceTheD
   auto device = qp::CreatePortableDevice();
   qp::PortableDeviceValues client;
   EXPECT_NE(device->Open(id, client), S_OK) << "the session kept of an unplugged device was handed out";
+}
+
+// The device table learns a device from the last session opened on it and
+// opens it no more while it stays plugged in; plugged in again (a new USB
+// address) it is opened again for the table.
+TEST_F(EmulatedMtpDevice, TheDeviceTableKnowsADeviceOpenedSinceItWasPluggedInWithoutOpeningIt) {
+  ASSERT_TRUE(StartEmulator());
+  const std::string id = FindMtpDevice();
+  ASSERT_FALSE(id.empty());
+  qp::PortableDeviceValues opened;
+  ASSERT_NO_FATAL_FAILURE(ReadAsTheDeviceTableDoes(id, &opened));
+  qp::ReleaseIdleDevices();
+  std::string serial, protocol;
+  opened.GetStringValue(WPD_DEVICE_SERIAL_NUMBER, &serial);
+  opened.GetStringValue(WPD_DEVICE_PROTOCOL, &protocol);
+  ASSERT_FALSE(serial.empty());
+
+  const auto before = OperationCounts();
+  qp::DeviceTableFacts facts;
+  ASSERT_EQ(qp::CreatePortableDeviceManager()->GetDeviceTableFacts(id, &facts), S_OK);
+  EXPECT_TRUE(facts.hasStorage);
+  EXPECT_EQ(facts.serialNumber, serial);
+  EXPECT_EQ(facts.protocol, protocol);
+  EXPECT_EQ(OperationsBetween(before, OperationCounts()), 0u) << "the device was asked for the table";
+  EXPECT_TRUE(AnotherProgramCanOpen());
+
+  // Bounded waits until the device left the list, or came back.
+  const auto awaitListed = [this](bool listed) {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    std::string found = FindMtpDevice();
+    while (found.empty() == listed && std::chrono::steady_clock::now() < limit) found = FindMtpDevice();
+    return found;
+  };
+  std::string error;
+  ASSERT_TRUE(qp::sim::SetConnected(device_, false, &error)) << error;
+  ASSERT_TRUE(awaitListed(false).empty());
+  ASSERT_TRUE(qp::sim::SetConnected(device_, true, &error)) << error;
+  const std::string again = awaitListed(true);
+  ASSERT_FALSE(again.empty()) << "the device did not come back";
+  EXPECT_EQ(qp::CreatePortableDeviceManager()->GetDeviceTableFacts(again, &facts), S_FALSE)
+      << "what a session learned before the device was plugged in again was used";
+}
+
+// Opening a mapping reads the storages and the power level a dozen times in
+// a row: read a moment ago, they are not asked again, until a change goes
+// through the session.
+TEST_F(EmulatedMtpDevice, StoragesAndPowerLevelReadAMomentAgoAreAskedAgainAfterAChange) {
+  ASSERT_NO_FATAL_FAILURE(StartAndOpen());
+  std::shared_ptr<qp::IPortableDeviceProperties> props;
+  ASSERT_EQ(content_->Properties(&props), S_OK);
+  const auto freeSpace = [&] {
+    qp::PortableDeviceValues v;
+    uint64_t free = 0;
+    EXPECT_EQ(props->GetValues(storages_[0], nullptr, &v), S_OK);
+    v.GetUnsignedLargeIntegerValue(WPD_STORAGE_FREE_SPACE_IN_BYTES, &free);
+    return free;
+  };
+  const uint64_t freeBefore = freeSpace();
+  const auto before = OperationCounts();
+  for (int i = 0; i < 5; ++i) {
+    qp::PortableDeviceValues v;
+    EXPECT_EQ(props->GetValues(WPD_DEVICE_OBJECT_ID, nullptr, &v), S_OK);
+    EXPECT_EQ(freeSpace(), freeBefore);
+    EXPECT_EQ(ChildNames(content_.get(), WPD_DEVICE_OBJECT_ID).size(), storages_.size());
+  }
+  const auto afterReads = OperationCounts();
+  // One more reading each when the moment ran out in the middle.
+  EXPECT_LE(CountOf(afterReads, kGetStorageInfo) - CountOf(before, kGetStorageInfo), 1u);
+  EXPECT_LE(CountOf(afterReads, kGetDevicePropValue) - CountOf(before, kGetDevicePropValue), 1u);
+
+  std::string newId;
+  ASSERT_EQ(Upload(content_.get(), storages_[0], "space.bin", std::string(1 << 20, 'x'), &newId), S_OK);
+  EXPECT_LT(freeSpace(), freeBefore) << "the free space read before the upload was used after it";
 }
 
 // The storage's top level is read object by object (a phone has few

@@ -16,6 +16,7 @@
 #include <fstream>
 #include <map>
 #include <mutex>
+#include <sstream>
 
 #include "diag/trace.h"
 #include "platform/system/paths.h"
@@ -32,14 +33,26 @@ bool IsMtpPnpId(const std::string& pnpId) { return ParseMtpPnpId(pnpId, nullptr,
 
 namespace {
 
-// Names learned by opening a device, so that a device another program holds
-// later still lists under its own name. Guarded by g_namesMutex (a leaf).
-std::mutex g_namesMutex;
-std::map<std::string, MtpDeviceEntry> g_names;
+// What opening a device taught us: its names, so that a device another
+// program holds later still lists under its own name; and the device
+// table's facts, which hold while the device stays at the USB place (bus
+// and address) where it was opened: plugged in again, it gets a new
+// address and is opened again for them. Guarded by g_learnedMutex (a leaf).
+struct Learned {
+  MtpDeviceEntry names;  // pnpId and the three names
+  uint32_t bus = 0;      // 0: no table facts (USB numbers buses and addresses from 1)
+  uint32_t address = 0;
+  size_t storages = 0;
+  std::string protocol;
+  std::string serial;
+};
+std::mutex g_learnedMutex;
+std::map<std::string, Learned> g_learned;
 
-// Names learned by any of our processes, kept on disk: a device that one
-// instance holds cannot be opened by another (USB lets one program claim
-// it), which must still list it under its own name to find it mapped.
+// Kept on disk too: a device that one instance holds cannot be opened by
+// another (USB lets one program claim it), which must still list it under
+// its own name to find it mapped; and the command that maps a device need
+// not open it only to find it in the table.
 std::filesystem::path NamesFile(const std::string& pnpId) {
   std::string name;
   for (char c : pnpId) name += std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
@@ -52,27 +65,75 @@ std::string OneLine(std::string s) {
   return s;
 }
 
-void StoreNames(const MtpDeviceEntry& e) {
-  const std::filesystem::path file = NamesFile(e.pnpId);
+void Store(const Learned& d) {
+  const std::filesystem::path file = NamesFile(d.names.pnpId);
   std::error_code ec;
   std::filesystem::create_directories(file.parent_path(), ec);
   const std::filesystem::path temporary = file.string() + "." + std::to_string(getpid());
   {
     std::ofstream out(temporary, std::ios::trunc);
-    out << OneLine(e.friendlyName) << "\n" << OneLine(e.manufacturer) << "\n" << OneLine(e.description) << "\n";
+    out << OneLine(d.names.friendlyName) << "\n" << OneLine(d.names.manufacturer) << "\n"
+        << OneLine(d.names.description) << "\n";
+    if (d.bus != 0)
+      out << "usb=" << d.bus << ":" << d.address << "\nstorages=" << d.storages << "\nprotocol="
+          << OneLine(d.protocol) << "\nserial=" << OneLine(d.serial) << "\n";
     if (!out) return;
   }
   std::filesystem::rename(temporary, file, ec);
   if (ec) std::filesystem::remove(temporary, ec);
 }
 
-bool LoadNames(MtpDeviceEntry* e) {
-  std::ifstream in(NamesFile(e->pnpId));
-  MtpDeviceEntry stored = *e;
-  if (!std::getline(in, stored.friendlyName) || !std::getline(in, stored.manufacturer) ||
-      !std::getline(in, stored.description) || stored.friendlyName.empty())
+// The table's facts after the names: all four lines, or none of them.
+void LoadTableFacts(std::istream& in, Learned* d) {
+  std::string usb, storages, protocol, serial;
+  if (!std::getline(in, usb) || !std::getline(in, storages) || !std::getline(in, protocol) ||
+      !std::getline(in, serial) || usb.rfind("usb=", 0) != 0 || storages.rfind("storages=", 0) != 0 ||
+      protocol.rfind("protocol=", 0) != 0 || serial.rfind("serial=", 0) != 0)
+    return;
+  unsigned bus = 0, address = 0;
+  char colon = 0;
+  std::istringstream place(usb.substr(4));
+  size_t count = 0;
+  std::istringstream number(storages.substr(9));
+  if (!(place >> bus >> colon >> address) || colon != ':' || !(number >> count)) return;
+  d->bus = bus;
+  d->address = address;
+  d->storages = count;
+  d->protocol = protocol.substr(9);
+  d->serial = serial.substr(7);
+}
+
+bool Load(const std::string& pnpId, Learned* d) {
+  std::ifstream in(NamesFile(pnpId));
+  Learned stored;
+  stored.names.pnpId = pnpId;
+  if (!std::getline(in, stored.names.friendlyName) || !std::getline(in, stored.names.manufacturer) ||
+      !std::getline(in, stored.names.description) || stored.names.friendlyName.empty())
     return false;
-  *e = stored;
+  LoadTableFacts(in, &stored);
+  *d = std::move(stored);
+  return true;
+}
+
+void Remember(const Learned& d) {
+  Store(d);
+  std::lock_guard<std::mutex> l(g_learnedMutex);
+  g_learned[d.names.pnpId] = d;
+}
+
+// What one of our processes learned of the device, in memory or on disk.
+bool Recall(const std::string& pnpId, Learned* d) {
+  {
+    std::lock_guard<std::mutex> l(g_learnedMutex);
+    auto it = g_learned.find(pnpId);
+    if (it != g_learned.end()) {
+      *d = it->second;
+      return true;
+    }
+  }
+  if (!Load(pnpId, d)) return false;
+  std::lock_guard<std::mutex> l(g_learnedMutex);
+  g_learned.emplace(pnpId, *d);
   return true;
 }
 
@@ -105,19 +166,24 @@ MtpDeviceEntry EntryFor(LIBMTP_raw_device_t* raw, const UsbPortInfo& usb) {
   e.friendlyName = !usb.product.empty() ? usb.product : (raw->device_entry.product ? raw->device_entry.product : "");
   e.manufacturer = !usb.manufacturer.empty() ? usb.manufacturer : (raw->device_entry.vendor ? raw->device_entry.vendor : "");
   e.description = e.friendlyName;
-  {
-    std::lock_guard<std::mutex> l(g_namesMutex);
-    auto it = g_names.find(e.pnpId);
-    if (it != g_names.end()) return it->second;
-  }
   // The names one of us learned stand, as the system keeps a device's name
   // once it knows it: opening the device only for them costs a session
   // (every session that opens the device stores its names afresh).
-  const bool stored = LoadNames(&e);
-  if (!stored && !ReadNames(raw, &e)) return e;
-  if (!stored) StoreNames(e);
-  std::lock_guard<std::mutex> l(g_namesMutex);
-  g_names[e.pnpId] = e;
+  Learned learned;
+  if (!Recall(e.pnpId, &learned)) {
+    if (!ReadNames(raw, &e)) return e;
+    learned.names = e;
+    Remember(learned);
+  }
+  e = learned.names;
+  // A device that showed no storage (a locked phone) may show one now.
+  if (learned.bus == usb.busNumber && learned.address == usb.deviceAddress && learned.bus != 0 &&
+      learned.storages > 0) {
+    e.tableFactsKnown = true;
+    e.hasStorage = true;
+    e.protocol = learned.protocol;
+    e.serialNumber = learned.serial;
+  }
   return e;
 }
 
@@ -138,16 +204,19 @@ void EnsureLibmtp() {
   std::call_once(once, [] { LIBMTP_Init(); });
 }
 
-void RememberDeviceNames(const std::string& pnpId, const std::string& friendlyName, const std::string& manufacturer,
-                         const std::string& model) {
-  MtpDeviceEntry e;
-  e.pnpId = pnpId;
-  e.friendlyName = friendlyName;
-  e.manufacturer = manufacturer;
-  e.description = model.empty() ? friendlyName : model;
-  StoreNames(e);
-  std::lock_guard<std::mutex> l(g_namesMutex);
-  g_names[pnpId] = e;
+void RememberDevice(const std::string& pnpId, const MtpDeviceFacts& facts, uint32_t bus, uint32_t address,
+                    size_t storageCount) {
+  Learned d;
+  d.names.pnpId = pnpId;
+  d.names.friendlyName = facts.friendlyName;
+  d.names.manufacturer = facts.manufacturer;
+  d.names.description = facts.model.empty() ? facts.friendlyName : facts.model;
+  d.bus = bus;
+  d.address = address;
+  d.storages = storageCount;
+  d.protocol = facts.protocol;
+  d.serial = facts.serialNumber;
+  Remember(d);
 }
 
 void RecordDeviceHolder(const std::string& pnpId) {

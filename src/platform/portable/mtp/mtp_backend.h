@@ -17,6 +17,13 @@ struct MtpDeviceEntry {
   std::string friendlyName;  // the device's own name, else the USB product
   std::string manufacturer;
   std::string description;   // the model
+  // The device table's facts as the last session opened on this USB
+  // connection (bus and address) found them; a device never opened since
+  // it was plugged in, or that showed no storage then, has none.
+  bool tableFactsKnown = false;
+  bool hasStorage = false;
+  std::string protocol;
+  std::string serialNumber;
 };
 
 // True when the back end was built with libmtp.

@@ -63,7 +63,7 @@ class MtpContent : public IPortableDeviceContent, public std::enable_shared_from
     if (ref.kind == MtpIdKind::kInvalid) return E_ERROR_NOT_FOUND;
     std::unique_lock<std::timed_mutex> lock;
     LIBMTP_mtpdevice_t* device = nullptr;
-    HRESULT hr = ref.kind == MtpIdKind::kDevice ? s_->AcquireForFacts(&lock, &device) : s_->Acquire(&lock, &device);
+    HRESULT hr = ref.kind == MtpIdKind::kDevice ? s_->AcquireForFacts(&lock, &device) : s_->AcquireToRead(&lock, &device);
     if (FAILED(hr)) return hr;
     std::vector<std::string> ids;
     if (ref.kind == MtpIdKind::kDevice) {
@@ -190,7 +190,7 @@ class MtpContent : public IPortableDeviceContent, public std::enable_shared_from
     if (!ParentHandleOf(parent, &target->parentHandle)) return parent.kind == MtpIdKind::kDevice ? E_INVALIDARG : E_ERROR_NOT_FOUND;
     std::unique_lock<std::timed_mutex> lock;
     LIBMTP_mtpdevice_t* device = nullptr;
-    HRESULT hr = s_->Acquire(&lock, &device);
+    HRESULT hr = s_->AcquireToRead(&lock, &device);
     if (FAILED(hr)) return hr;
     if (parent.kind == MtpIdKind::kStorage) {
       MtpStorageFacts st;

@@ -46,7 +46,7 @@ class MtpResources : public IPortableDeviceResources {
     if (ref.kind != MtpIdKind::kObject) return E_ERROR_NOT_SUPPORTED;
     std::unique_lock<std::timed_mutex> lock;
     LIBMTP_mtpdevice_t* device = nullptr;
-    HRESULT hr = s_->Acquire(&lock, &device);
+    HRESULT hr = s_->AcquireToRead(&lock, &device);
     if (FAILED(hr)) return hr;
     return s_->ObjectLocked(device, ref.value, object);
   }

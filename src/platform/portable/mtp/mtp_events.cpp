@@ -245,6 +245,7 @@ void MtpEventPump::HandleDeviceEvent(int status, LIBMTP_event_t event, uint32_t 
     if (!session_->StillPlugged()) session_->MarkOffline();
     return;
   }
+  session_->NoteChange();
   // Later events wait behind earlier ones, so that they keep their order.
   if (!deferred_.empty() || !Dispatch(event, parameter)) {
     deferred_.push_back({event, parameter});
@@ -289,7 +290,7 @@ bool MtpEventPump::HandleObjectAdded(uint32_t handle) {
     LIBMTP_mtpdevice_t* device = nullptr;
     // Waits one slice only: the pump must go on pumping while a long call
     // holds the device.
-    HRESULT hr = session_->Acquire(&lock, &device, kSlice);
+    HRESULT hr = session_->AcquireToRead(&lock, &device, kSlice);
     if (hr == E_ERROR_BUSY) return false;
     if (FAILED(hr)) return true;
     // A handle we know already (our own upload whose echo came before we
@@ -322,7 +323,7 @@ bool MtpEventPump::HandleUnnamedChange() {
   {
     std::unique_lock<std::timed_mutex> lock;
     LIBMTP_mtpdevice_t* device = nullptr;
-    HRESULT hr = session_->Acquire(&lock, &device, kSlice);
+    HRESULT hr = session_->AcquireToRead(&lock, &device, kSlice);
     if (hr == E_ERROR_BUSY) return false;
     if (FAILED(hr)) return true;
     // Opening the device again drops libmtp's stale copies; it must not
@@ -353,6 +354,7 @@ bool MtpEventPump::HandleStorageChange(bool raiseUpdated) {
     if (hr == E_ERROR_BUSY) return false;
     if (FAILED(hr) || FAILED(session_->StoragesLocked(device, &after))) return true;
   }
+  if (after.size() != before.size()) session_->RememberForTable();
   for (const auto& old : before) {
     bool kept = false;
     for (const auto& s : after) kept = kept || s.id == old.id;

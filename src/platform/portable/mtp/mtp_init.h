@@ -1,13 +1,18 @@
 #pragma once
 // libmtp's one-time start, shared by the device list and the sessions.
 #ifdef QUILLBOX_HAVE_LIBMTP
+#include <cstddef>
+#include <cstdint>
 #include <string>
+
+#include "platform/portable/mtp/mtp_values.h"
 
 namespace qb::portable::mtp {
 void EnsureLibmtp();
-// Keeps the names an opened device gave, for the device list.
-void RememberDeviceNames(const std::string& pnpId, const std::string& friendlyName, const std::string& manufacturer,
-                         const std::string& model);
+// Keeps what an opened device told of itself, for the device list: its
+// names, and the table's facts for as long as it stays at `bus`/`address`.
+void RememberDevice(const std::string& pnpId, const MtpDeviceFacts& facts, uint32_t bus, uint32_t address,
+                    size_t storageCount);
 // Which of our processes holds a device open (a file beside its names):
 // another process that cannot open the device then knows that waiting will
 // not help. Written when a session opens, removed when it closes; a holder

@@ -18,6 +18,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "platform/portable/mtp/mtp_values.h"
 
@@ -33,6 +34,14 @@ struct KeptDevice {
   uint16_t vendorId = 0;
   uint16_t productId = 0;
   MtpDeviceFacts facts;
+  // Readings of the closed session, used again while fresh.
+  std::vector<MtpStorageFacts> storages;
+  bool storagesKnown = false;
+  std::chrono::steady_clock::time_point storagesAt{};
+  bool powerKnown = false;
+  std::chrono::steady_clock::time_point powerAt{};
+  bool hasPowerLevel = false;
+  uint32_t powerLevel = 0;
 };
 
 // Takes over `device.handle`; it is released after kKeepFor unless taken.

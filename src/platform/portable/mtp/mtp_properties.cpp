@@ -12,10 +12,7 @@ namespace {
 
 HRESULT DeviceValuesLocked(MtpSession& s, LIBMTP_mtpdevice_t* device, PortableDeviceValues* values) {
   MtpDeviceFacts facts = s.Facts();
-  uint8_t maximum = 0, current = 0;
-  if (LIBMTP_Get_Batterylevel(device, &maximum, &current) == 0)
-    facts.hasPowerLevel = PowerPercent(maximum, current, &facts.powerLevel);
-  LIBMTP_Clear_Errorstack(device);
+  s.PowerLevelLocked(device, &facts.hasPowerLevel, &facts.powerLevel);
   BuildDeviceValues(facts, values);
   return S_OK;
 }
@@ -155,7 +152,7 @@ HRESULT ReadObjectValues(MtpSession& s, const std::string& objectId, PortableDev
   if (ref.kind == MtpIdKind::kInvalid) return E_ERROR_NOT_FOUND;
   std::unique_lock<std::timed_mutex> lock;
   LIBMTP_mtpdevice_t* device = nullptr;
-  HRESULT hr = ref.kind == MtpIdKind::kObject ? s.Acquire(&lock, &device) : s.AcquireForFacts(&lock, &device);
+  HRESULT hr = ref.kind == MtpIdKind::kObject ? s.AcquireToRead(&lock, &device) : s.AcquireForFacts(&lock, &device);
   if (FAILED(hr)) return hr;
   if (ref.kind == MtpIdKind::kDevice) return DeviceValuesLocked(s, device, values);
   if (ref.kind == MtpIdKind::kStorage) {

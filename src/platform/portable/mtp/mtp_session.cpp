@@ -106,7 +106,7 @@ HRESULT MtpSession::Open(const std::string& pnpId, bool readOnly, std::shared_pt
     hr = s->OpenRaw(&raw[i]);
     if (SUCCEEDED(hr)) {
       s->ReadFacts(usb.product);
-      RememberDeviceNames(pnpId, s->facts_.friendlyName, s->facts_.manufacturer, s->facts_.model);
+      s->RememberForTable();
       s->pump_ = std::make_unique<MtpEventPump>(s.get());
       s->pump_->Start();
       *out = std::move(s);
@@ -149,8 +149,16 @@ bool MtpSession::TakeOverKept() {
   LIBMTP_Clear_Errorstack(handle_);
   canMove_ = LIBMTP_Check_Capability(handle_, LIBMTP_DEVICECAP_MoveObject) != 0;
   canReadPartial_ = LIBMTP_Check_Capability(handle_, LIBMTP_DEVICECAP_GetPartialObject) != 0;
+  {
+    std::lock_guard<std::mutex> c(cacheMutex_);
+    storages_ = kept.storages;
+    if (kept.storagesKnown) storagesRead_ = {true, kept.storagesAt, changes_.load()};
+    hasPowerLevel_ = kept.hasPowerLevel;
+    powerLevel_ = kept.powerLevel;
+    if (kept.powerKnown) powerRead_ = {true, kept.powerAt, changes_.load()};
+  }
   std::vector<MtpStorageFacts> storages;
-  StoragesLocked(handle_, &storages);  // fresh, as a new open reads them
+  StoragesLocked(handle_, &storages);  // as a new open reads them, unless read a moment ago
   pump_ = std::make_unique<MtpEventPump>(this);
   pump_->Start();
   return true;
@@ -170,6 +178,16 @@ bool MtpSession::KeepLocked() {
   kept.vendorId = vendorId_;
   kept.productId = productId_;
   kept.facts = facts_;
+  {
+    std::lock_guard<std::mutex> c(cacheMutex_);
+    kept.storages = storages_;
+    kept.storagesKnown = Fresh(storagesRead_);
+    kept.storagesAt = storagesRead_.at;
+    kept.powerKnown = Fresh(powerRead_);
+    kept.powerAt = powerRead_.at;
+    kept.hasPowerLevel = hasPowerLevel_;
+    kept.powerLevel = powerLevel_;
+  }
   KeepDevice(std::move(kept));
   handle_ = nullptr;
   return true;
@@ -261,8 +279,11 @@ void MtpSession::ReadFacts(const std::string& usbProduct) {
   facts_.protocol = ProtocolText(x.SpeaksMtp());
   facts_.deviceType = DeviceTypeFor(x.SpeaksMtp(), x.android);
   LIBMTP_Clear_Errorstack(handle_);
+  // Opening the device read its storages; a device that showed none then
+  // (a locked phone) is asked again.
   std::vector<MtpStorageFacts> storages;
-  StoragesLocked(handle_, &storages);
+  if (handle_->storage) TakeStoragesLocked(handle_, &storages);
+  else StoragesLocked(handle_, &storages);
 }
 
 void MtpSession::Close() {
@@ -285,6 +306,13 @@ void MtpSession::Close() {
 
 HRESULT MtpSession::Acquire(std::unique_lock<std::timed_mutex>* lock, LIBMTP_mtpdevice_t** device,
                             std::chrono::milliseconds wait) {
+  objectWork_ = true;
+  ++changes_;
+  return AcquireForFacts(lock, device, wait);
+}
+
+HRESULT MtpSession::AcquireToRead(std::unique_lock<std::timed_mutex>* lock, LIBMTP_mtpdevice_t** device,
+                                  std::chrono::milliseconds wait) {
   objectWork_ = true;
   return AcquireForFacts(lock, device, wait);
 }
@@ -326,9 +354,28 @@ void MtpSession::MarkOffline() {
   if (pump_) pump_->Post(DeviceRemovedParameters(pnpId_));
 }
 
+bool MtpSession::Fresh(const Reading& r) const {
+  return r.known && r.changes == changes_.load() && std::chrono::steady_clock::now() - r.at < kFreshFor;
+}
+
 HRESULT MtpSession::StoragesLocked(LIBMTP_mtpdevice_t* device, std::vector<MtpStorageFacts>* storages) {
+  {
+    std::lock_guard<std::mutex> c(cacheMutex_);
+    if (Fresh(storagesRead_)) {
+      *storages = storages_;
+      return S_OK;
+    }
+  }
+  const Reading reading = ReadingNow();
   if (LIBMTP_Get_Storage(device, LIBMTP_STORAGE_SORTBY_NOTSORTED) != 0)
     return FailedLocked(device, "MT5@MtpSession::StoragesLocked: ", "LIBMTP_Get_Storage");
+  TakeStoragesLocked(device, storages);
+  std::lock_guard<std::mutex> c(cacheMutex_);
+  storagesRead_ = reading;
+  return S_OK;
+}
+
+void MtpSession::TakeStoragesLocked(LIBMTP_mtpdevice_t* device, std::vector<MtpStorageFacts>* storages) {
   storages->clear();
   for (LIBMTP_devicestorage_t* s = device->storage; s; s = s->next) {
     MtpStorageFacts f;
@@ -345,7 +392,26 @@ HRESULT MtpSession::StoragesLocked(LIBMTP_mtpdevice_t* device, std::vector<MtpSt
   }
   std::lock_guard<std::mutex> c(cacheMutex_);
   storages_ = *storages;
-  return S_OK;
+  if (!storagesRead_.known) storagesRead_ = ReadingNow();
+}
+
+void MtpSession::PowerLevelLocked(LIBMTP_mtpdevice_t* device, bool* hasLevel, uint32_t* percent) {
+  {
+    std::lock_guard<std::mutex> c(cacheMutex_);
+    if (Fresh(powerRead_)) {
+      *hasLevel = hasPowerLevel_;
+      *percent = powerLevel_;
+      return;
+    }
+  }
+  const Reading reading = ReadingNow();
+  uint8_t maximum = 0, current = 0;
+  *hasLevel = LIBMTP_Get_Batterylevel(device, &maximum, &current) == 0 && PowerPercent(maximum, current, percent);
+  LIBMTP_Clear_Errorstack(device);
+  std::lock_guard<std::mutex> c(cacheMutex_);
+  hasPowerLevel_ = *hasLevel;
+  powerLevel_ = *percent;
+  powerRead_ = reading;
 }
 
 HRESULT MtpSession::StorageLocked(LIBMTP_mtpdevice_t* device, uint32_t storageId, MtpStorageFacts* storage) {
@@ -359,6 +425,10 @@ HRESULT MtpSession::StorageLocked(LIBMTP_mtpdevice_t* device, uint32_t storageId
     }
   }
   return E_ERROR_NOT_FOUND;
+}
+
+void MtpSession::RememberForTable() {
+  RememberDevice(pnpId_, facts_, busNumber_, deviceAddress_, CachedStorages().size());
 }
 
 uint16_t MtpSession::StorageAccess(uint32_t storageId) {

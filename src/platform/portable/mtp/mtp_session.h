@@ -32,6 +32,9 @@ class MtpEventPump;
 inline constexpr std::chrono::milliseconds kLockWait{10000};
 // The transfer size the streams announce.
 inline constexpr uint32_t kOptimalBufferSize = 256 * 1024;
+// How long the device's storages and power level, once read, answer the
+// next reads from memory (see MtpSession::NoteChange).
+inline constexpr std::chrono::milliseconds kFreshFor{1000};
 
 class MtpSession {
  public:
@@ -54,6 +57,10 @@ class MtpSession {
   // the lock did not come within `wait`.
   HRESULT Acquire(std::unique_lock<std::timed_mutex>* lock, LIBMTP_mtpdevice_t** device,
                   std::chrono::milliseconds wait = kLockWait);
+  // The same for a call that only reads objects: the storages and power
+  // level read a moment ago stay good.
+  HRESULT AcquireToRead(std::unique_lock<std::timed_mutex>* lock, LIBMTP_mtpdevice_t** device,
+                        std::chrono::milliseconds wait = kLockWait);
   // The same for a call that reads only the device's own facts, its
   // storages or its events: a session that made no other call is kept for
   // the next Open of the device when it closes (mtp_keeper.h).
@@ -72,11 +79,21 @@ class MtpSession {
   // Marks the device gone; the first call raises WPD_EVENT_DEVICE_REMOVED.
   void MarkOffline();
 
-  // ---- storages (device lock held) ----
+  // ---- storages and power level (device lock held) ----
+  // Opening a mapping reads them a dozen times within a few milliseconds:
+  // a reading younger than kFreshFor is answered from memory unless a
+  // change went through this session or the device sent an event since.
   HRESULT StoragesLocked(LIBMTP_mtpdevice_t* device, std::vector<MtpStorageFacts>* storages);
+  // *hasLevel false when the device does not tell its power level.
+  void PowerLevelLocked(LIBMTP_mtpdevice_t* device, bool* hasLevel, uint32_t* percent);
+  // Something on the device may have changed: the next reading asks it.
+  void NoteChange() { ++changes_; }
   HRESULT StorageLocked(LIBMTP_mtpdevice_t* device, uint32_t storageId, MtpStorageFacts* storage);
   uint16_t StorageAccess(uint32_t storageId);  // from the last storage read
   std::vector<MtpStorageFacts> CachedStorages();
+  // Tells the device list what this session found (names, protocol, serial
+  // number, how many storages), for the next table of any of our processes.
+  void RememberForTable();
   bool AnyStorageWritable();
 
   // ---- objects (device lock held) ----
@@ -141,6 +158,17 @@ class MtpSession {
   void PrimeObjectCopyLocked();
   void PrimeForListingLocked(uint32_t parentHandle);
   void ReadFacts(const std::string& usbProduct);
+  // The storages libmtp holds in `device->storage` become the session's.
+  void TakeStoragesLocked(LIBMTP_mtpdevice_t* device, std::vector<MtpStorageFacts>* storages);
+
+  // A reading of the device that is used again for a moment.
+  struct Reading {
+    bool known = false;
+    std::chrono::steady_clock::time_point at{};
+    uint64_t changes = 0;
+  };
+  bool Fresh(const Reading& r) const;
+  Reading ReadingNow() const { return {true, std::chrono::steady_clock::now(), changes_.load()}; }
 
   // ---- set once ----
   std::string pnpId_;
@@ -167,6 +195,7 @@ class MtpSession {
   std::atomic<bool> removedRaised_{false};
   std::atomic<bool> holderRecorded_{false};  // this session wrote the holder record
   std::atomic<bool> objectWork_{false};      // a call other than AcquireForFacts's ran
+  std::atomic<uint64_t> changes_{0};         // calls that may change the device, and device events
 
   // ---- changed under cacheMutex_ ----
   std::mutex cacheMutex_;
@@ -174,6 +203,10 @@ class MtpSession {
   std::map<uint32_t, bool> extrasLoaded_;
   std::set<std::pair<uint32_t, uint32_t>> listedFolders_;  // (storage, parent handle) listed by ChildrenLocked
   std::vector<MtpStorageFacts> storages_;
+  Reading storagesRead_;
+  Reading powerRead_;
+  bool hasPowerLevel_ = false;
+  uint32_t powerLevel_ = 0;
   std::map<std::pair<uint32_t, uint32_t>, std::chrono::steady_clock::time_point> announced_;  // (kind, handle)
 
   // ---- changed under sinksMutex_ ----

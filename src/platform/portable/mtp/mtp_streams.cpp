@@ -107,7 +107,7 @@ Piece FetchPieceOnce(MtpSession& s, uint32_t handle, uint64_t offset, uint64_t s
   piece.start = offset;
   std::unique_lock<std::timed_mutex> lock;
   LIBMTP_mtpdevice_t* device = nullptr;
-  piece.result = s.Acquire(&lock, &device);
+  piece.result = s.AcquireToRead(&lock, &device);
   if (FAILED(piece.result)) return piece;
   unsigned char* data = nullptr;
   unsigned int got = 0;
@@ -221,7 +221,7 @@ class MtpReadStream : public IStream {
     if (fd < 0) return E_OUTOFMEMORY;
     std::unique_lock<std::timed_mutex> lock;
     LIBMTP_mtpdevice_t* device = nullptr;
-    HRESULT hr = s_->Acquire(&lock, &device);
+    HRESULT hr = s_->AcquireToRead(&lock, &device);
     if (FAILED(hr)) {
       close(fd);
       return hr;
