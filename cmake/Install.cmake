@@ -1,4 +1,4 @@
-# Installation: the program and its tools, the language files, the udev
+# Installation: the program, its desktop module and its tools, the language files, the udev
 # rule, the systemd user unit and its launch script, the desktop entry with
 # the icon in the sizes desktops use, the man page, the machine defaults
 # and the documents; and the .deb made from the same rules by CPack.
@@ -17,6 +17,10 @@ foreach(tool quillbox-simdev quillbox-probe)
     install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT program)
   endif()
 endforeach()
+
+# The desktop module (the windows, on Qt), which the program loads only when
+# it shows a window: found from the program's folder as ../lib/quillbox.
+install(TARGETS quillbox-ui LIBRARY DESTINATION ${QUILLBOX_UI_MODULE_DIR} COMPONENT program)
 
 file(GLOB QB_LANGUAGE_FILES ${CMAKE_SOURCE_DIR}/share/lang/*.lng)
 install(FILES ${QB_LANGUAGE_FILES} DESTINATION ${CMAKE_INSTALL_DATADIR}/Quillbox COMPONENT program)

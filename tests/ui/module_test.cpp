@@ -157,8 +157,10 @@ TEST_F(UiModuleTest, BoxOnADisplayLoadsTheModule) {
   qbtest::BackgroundProcess box({qbtest::QuillboxPath().string(), "/u", "w:"}, {{"DISPLAY", display.Name()}});
   ASSERT_TRUE(qbtest::WaitFor([&] { return qbtest::ReadText(Log()).find("WW10@MessageBox: ") != std::string::npos; },
                               20s));
-  ASSERT_TRUE(qbtest::WaitFor([&] { return qbtest::ReadText(Log()).find("Desktop module loaded: ") != std::string::npos; },
+  // "Desktop module loaded: <path>" or "Desktop module <path> cannot be ...".
+  ASSERT_TRUE(qbtest::WaitFor([&] { return qbtest::ReadText(Log()).find("U02@ToolkitModule: ") != std::string::npos; },
                               20s));
+  ASSERT_NE(qbtest::ReadText(Log()).find("Desktop module loaded: "), std::string::npos) << qbtest::ReadText(Log());
   const std::string maps = qbtest::ReadText("/proc/" + std::to_string(box.Pid()) + "/maps");
   EXPECT_NE(maps.find("/libQt6Widgets.so"), std::string::npos);
   EXPECT_NE(maps.find(qb::ui::ToolkitModulePath().filename().string()), std::string::npos);
