@@ -1,7 +1,8 @@
-# Installation: the program and its tools, the language files, the udev
-# rule, the systemd user unit and its launch script, the desktop entry with
-# the icon in the sizes desktops use, the man page, the machine defaults
-# and the documents; and the .deb made from the same rules by CPack.
+# Installation: the program, its desktop module and its tools, the language
+# files, the udev rule, the systemd user unit and its launch script, the
+# desktop entry with the icon in the sizes desktops use, the man page, the
+# machine defaults and the documents; and the .deb made from the same rules
+# by CPack.
 #
 # The program looks for language files in /usr/share/Quillbox and for the
 # machine hive in /etc/quillbox whatever the prefix, so the prefix defaults
@@ -17,6 +18,10 @@ foreach(tool quillbox-simdev quillbox-probe)
     install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT program)
   endif()
 endforeach()
+
+# The desktop module (the windows, on Qt), which the program loads only when
+# it shows a window: found from the program's folder as ../lib/quillbox.
+install(TARGETS quillbox-ui LIBRARY DESTINATION ${QUILLBOX_UI_MODULE_DIR} COMPONENT program)
 
 file(GLOB QB_LANGUAGE_FILES ${CMAKE_SOURCE_DIR}/share/lang/*.lng)
 install(FILES ${QB_LANGUAGE_FILES} DESTINATION ${CMAKE_INSTALL_DATADIR}/Quillbox COMPONENT program)
@@ -64,7 +69,9 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "fuse3")
+# libxcb1: the display check loads it with dlopen (dpkg-shlibdeps does not
+# see that).
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "fuse3, libxcb1")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${QB_PACKAGING}/deb/conffiles)
 set(CPACK_STRIP_FILES ON)
 include(CPack)

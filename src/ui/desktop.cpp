@@ -1,49 +1,23 @@
 // The room's public calls: the interactive window, the chooser, the
-// questions of a mapping and the wait window of a mapping instance.
+// questions of a mapping and the wait window of a mapping instance. Each
+// checks for a display and then hands over to the desktop module, which is
+// loaded on the first call that shows something (toolkit_module.h).
 #include "ui/desktop.h"
 
-#include <QApplication>
-#include <QPointer>
-#include <QScreen>
-
-#include <cctype>
 #include <cstdio>
 
 #include "diag/trace.h"
 #include "i18n/i18n.h"
-#include "settings/profiles.h"
-#include "ui/main_window.h"
 #include "ui/message_box.h"
-#include "ui/qt_support.h"
-#include "ui/wait_window.h"
+#include "ui/toolkit_module.h"
 
 namespace qb::ui {
 namespace {
 
 constexpr const char* kTag = "U01@Desktop: ";
 
-void WriteChoice(DesktopHost& host, const MappingRequest& request, int result) {
-  std::vector<DeviceInfo> devices;
-  host.ListDevices(&devices);
-  for (const DeviceInfo& d : devices) {
-    if (d.id != request.deviceId) continue;
-    char letter = static_cast<char>(toupper(request.letter));
-    DWORD ignore = result == MainWindow::kIgnore ? 1 : 0;
-    ProfileRequest write;
-    write.sFriendlyName = d.name.c_str();
-    write.sSerialNumber = d.serial.c_str();
-    write.sPnPID = d.pnpId.c_str();
-    write.pDriveLetter[0] = &letter;
-    if (ignore) write.pdwIgnore = &ignore;
-    WriteProfile(&write, false);
-    return;
-  }
-}
-
-QPointer<WaitWindow>& OwnWaitWindow() {
-  static QPointer<WaitWindow> window;
-  return window;
-}
+// The toolkit when a window can be shown, else null.
+Toolkit* WindowToolkit() { return HasDisplay() ? LoadToolkit() : nullptr; }
 
 }  // namespace
 
@@ -53,31 +27,16 @@ int RunMainWindow(DesktopHost& host) {
     std::fputs("Quillbox: no display to show the window on (DISPLAY or WAYLAND_DISPLAY)\n", stderr);
     return 0;
   }
-  QApplication* app = EnsureApplication();
-  MainWindow window(host, nullptr);
-  QObject::connect(&window, &QDialog::finished, app, [app] { app->quit(); });
-  window.show();
-  app->exec();
-  Trace(kTag, "Main window closed");
-  return 0;
+  Toolkit* toolkit = LoadToolkit();
+  return toolkit ? toolkit->RunMainWindow(host) : 0;
 }
 
 int ShowMappingDlg(DesktopHost& host, MappingRequest* request) {
   Trace(kTag, "ShowMappingDlg device=\"%s\" letter=%c", request->deviceId.c_str(),
         request->letter ? request->letter : '?');
-  if (!HasDisplay()) {
-    if (!request->message.empty()) MessageBox(I18N_TitleError(), request->message, Icon::kWarning, Buttons::kOk, Answer::kOk);
-    return MainWindow::kClosed;
-  }
-  EnsureApplication();
-  int result;
-  {
-    MainWindow window(host, request);
-    result = window.exec();
-  }
-  if (result == MainWindow::kChosen || result == MainWindow::kIgnore) WriteChoice(host, *request, result);
-  Trace(kTag, "ShowMappingDlg result=%d letter=%c", result, request->letter ? request->letter : '?');
-  return result;
+  if (Toolkit* toolkit = WindowToolkit()) return toolkit->ShowMappingDlg(host, request);
+  if (!request->message.empty()) MessageBox(I18N_TitleError(), request->message, Icon::kWarning, Buttons::kOk, Answer::kOk);
+  return kMappingDlgClosed;
 }
 
 bool AskBatteryLow(const std::string& deviceName, int percent) {
@@ -92,43 +51,34 @@ bool AskMapEmptyDevice() {
 
 void ShowWaitWindow(const std::string& title, const std::string& message, int cancelEvent, bool centre) {
   Trace("U30@ShowWaitWindow: ", "%s: %s", title.c_str(), message.c_str());
-  if (!HasDisplay()) return;
-  EnsureApplication();
-  QPointer<WaitWindow>& window = OwnWaitWindow();
-  if (!window) {
-    window = new WaitWindow(nullptr);
-    window->setAttribute(Qt::WA_DeleteOnClose);
-    window->SetCancelEvent(cancelEvent);
-  }
-  window->SetTitle(QString::fromStdString(title));
-  window->SetMessage(QString::fromStdString(message));
-  window->show();
-  if (centre) window->move(window->screen()->availableGeometry().center() - window->rect().center());
-  PumpWaitWindow();
+  if (Toolkit* toolkit = WindowToolkit()) toolkit->ShowWaitWindow(title, message, cancelEvent, centre);
 }
 
+// The calls below act on a wait window that exists: they never load the
+// module themselves.
 void SetWaitWindowText(const std::string& message) {
-  if (QPointer<WaitWindow>& window = OwnWaitWindow()) {
-    window->SetTitle(QString::fromStdString(message));
-    PumpWaitWindow();
-  }
+  if (Toolkit* toolkit = LoadedToolkit()) toolkit->SetWaitWindowText(message);
 }
 
 void SetWaitWindowIcon(uint32_t deviceType) {
-  if (QPointer<WaitWindow>& window = OwnWaitWindow()) window->SetDeviceType(deviceType);
+  if (Toolkit* toolkit = LoadedToolkit()) toolkit->SetWaitWindowIcon(deviceType);
 }
 
 void SetWaitWindowEvent(int cancelEvent) {
-  if (QPointer<WaitWindow>& window = OwnWaitWindow()) window->SetCancelEvent(cancelEvent);
+  if (Toolkit* toolkit = LoadedToolkit()) toolkit->SetWaitWindowEvent(cancelEvent);
 }
 
 void HideWaitWindow() {
-  if (QPointer<WaitWindow>& window = OwnWaitWindow()) window->close();
-  PumpWaitWindow();
+  if (Toolkit* toolkit = LoadedToolkit()) toolkit->HideWaitWindow();
 }
 
 void PumpWaitWindow() {
-  if (QCoreApplication::instance()) QCoreApplication::processEvents();
+  if (Toolkit* toolkit = LoadedToolkit()) toolkit->PumpWaitWindow();
+}
+
+bool ShowSettingsWindow(DesktopHost& host, const std::string& deviceName, const std::string& serial) {
+  Toolkit* toolkit = WindowToolkit();
+  return toolkit && toolkit->ShowSettingsWindow(host, deviceName, serial);
 }
 
 }  // namespace qb::ui

@@ -7,8 +7,10 @@
 // (a DesktopHost, given by the interactive role and by the mapping) for the
 // devices and drives and to start the child instances that map and unmap.
 //
-// Without a display every function keeps the behaviour of a message box: one
-// line on standard error and the default answer.
+// The windows are the desktop module, loaded by the first call that shows
+// one (toolkit.h). Without a display, or when the module cannot be loaded,
+// every function keeps the behaviour of a message box: one line on standard
+// error and the default answer.
 #include <cstdint>
 #include <memory>
 #include <string>

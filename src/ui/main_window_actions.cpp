@@ -13,6 +13,7 @@
 #include "platform/system/child_handles.h"
 #include "ui/main_window.h"
 #include "ui/qt_support.h"
+#include "ui/settings_window.h"
 #include "ui/wait_window.h"
 
 namespace qb::ui {
@@ -83,7 +84,7 @@ void MainWindow::OnSettings() {
   // Deferred, so that the click's own handling ends before the modal
   // window's loop begins.
   QTimer::singleShot(0, this, [this, name, serial] {
-    ShowSettingsWindow(host_, name, serial);
+    RunSettingsWindow(name, serial);
     settings_->setEnabled(true);
     OnRefresh();
   });

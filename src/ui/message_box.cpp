@@ -1,23 +1,16 @@
 #include "ui/message_box.h"
 
+#include <dlfcn.h>
 #include <sys/stat.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <string>
 
 #include "diag/trace.h"
-
-#ifdef QUILLBOX_HAVE_XCB
-#include <xcb/xcb.h>
-#endif
-
-#ifdef QUILLBOX_HAVE_QT
-#include <QApplication>
-#include <QMessageBox>
-#include <QString>
-#endif
+#include "ui/toolkit_module.h"
 
 namespace qb::ui {
 namespace {
@@ -40,21 +33,45 @@ bool WaylandReachable() {
   return SocketExists(path);
 }
 
+// Without xcb only a local display whose socket is there is tried.
+bool LocalX11SocketExists(const std::string& display) {
+  if (display.front() != ':') return false;
+  const size_t dot = display.find('.');
+  const std::string number = display.substr(1, dot == std::string::npos ? std::string::npos : dot - 1);
+  return SocketExists("/tmp/.X11-unix/X" + number);
+}
+
+// libxcb is loaded only here, as the toolkit is: a start that shows nothing
+// maps neither. Its three calls are declared by hand so that the program
+// needs no xcb to build or to start.
+struct XcbConnection;
+struct Xcb {
+  struct Closer {
+    void operator()(void* handle) const { dlclose(handle); }
+  };
+  std::unique_ptr<void, Closer> library{dlopen("libxcb.so.1", RTLD_NOW | RTLD_LOCAL)};
+  XcbConnection* (*connect)(const char*, int*) = nullptr;
+  int (*hasError)(XcbConnection*) = nullptr;
+  void (*disconnect)(XcbConnection*) = nullptr;
+
+  bool Resolve() {
+    if (!library) return false;
+    connect = reinterpret_cast<decltype(connect)>(dlsym(library.get(), "xcb_connect"));
+    hasError = reinterpret_cast<decltype(hasError)>(dlsym(library.get(), "xcb_connection_has_error"));
+    disconnect = reinterpret_cast<decltype(disconnect)>(dlsym(library.get(), "xcb_disconnect"));
+    return connect && hasError && disconnect;
+  }
+};
+
 bool X11Reachable() {
   const char* display = std::getenv("DISPLAY");
   if (!display || !*display) return false;
-#ifdef QUILLBOX_HAVE_XCB
-  xcb_connection_t* connection = xcb_connect(display, nullptr);
-  const bool ok = connection && xcb_connection_has_error(connection) == 0;
-  if (connection) xcb_disconnect(connection);
+  Xcb xcb;
+  if (!xcb.Resolve()) return LocalX11SocketExists(display);
+  XcbConnection* connection = xcb.connect(display, nullptr);
+  const bool ok = connection && xcb.hasError(connection) == 0;
+  if (connection) xcb.disconnect(connection);
   return ok;
-#else
-  // Without xcb only a local display whose socket is there is tried.
-  std::string d = display;
-  if (d.front() != ':') return false;
-  std::string number = d.substr(1, d.find('.') == std::string::npos ? std::string::npos : d.find('.') - 1);
-  return SocketExists("/tmp/.X11-unix/X" + number);
-#endif
 }
 
 bool DisplayReachable() {
@@ -63,12 +80,14 @@ bool DisplayReachable() {
   return reachable;
 }
 
-// The box on screen, so that the end of the session can close it.
+// Set by EndMessageBoxes: later boxes answer at once.
 std::mutex g_boxMutex;
 bool g_ending = false;  // under g_boxMutex
-#ifdef QUILLBOX_HAVE_QT
-QMessageBox* g_shown = nullptr;  // under g_boxMutex
-#endif
+
+bool Ending() {
+  std::lock_guard<std::mutex> lock(g_boxMutex);
+  return g_ending;
+}
 
 std::string OneLine(const std::string& text) {
   std::string out;
@@ -85,69 +104,20 @@ std::string OneLine(const std::string& text) {
   return out;
 }
 
-#ifdef QUILLBOX_HAVE_QT
-QApplication* Application() {
-  static std::once_flag once;
-  static int argc = 1;
-  static char name[] = "quillbox";
-  static char* argv[] = {name, nullptr};
-  static QApplication* app = nullptr;
-  std::call_once(once, [] {
-    if (!QApplication::instance()) app = new QApplication(argc, argv);
-  });
-  return app ? app : qobject_cast<QApplication*>(QApplication::instance());
-}
-
-Answer ShowQt(const std::string& title, const std::string& text, Icon icon, Buttons buttons, Answer def) {
-  Application();
-  QMessageBox box;
-  box.setWindowTitle(QString::fromStdString(title));
-  box.setText(QString::fromStdString(text));
-  box.setIcon(icon == Icon::kWarning    ? QMessageBox::Warning
-              : icon == Icon::kQuestion ? QMessageBox::Question
-                                        : QMessageBox::Information);
-  if (buttons == Buttons::kYesNo) {
-    box.setStandardButtons(QMessageBox::Yes | QMessageBox::No);
-    box.setDefaultButton(def == Answer::kNo ? QMessageBox::No : QMessageBox::Yes);
-  } else {
-    box.setStandardButtons(QMessageBox::Ok);
-  }
-  {
-    std::lock_guard<std::mutex> lock(g_boxMutex);
-    if (g_ending) return def;
-    g_shown = &box;
-  }
-  int r = box.exec();
-  bool ended;
-  {
-    std::lock_guard<std::mutex> lock(g_boxMutex);
-    g_shown = nullptr;
-    ended = g_ending;
-  }
-  if (buttons == Buttons::kOk || ended) return def;
-  return r == QMessageBox::Yes ? Answer::kYes : Answer::kNo;
-}
-#endif
-
 }  // namespace
 
-bool HasDisplay() {
-#ifdef QUILLBOX_HAVE_QT
-  return DisplayReachable();
-#else
-  return false;
-#endif
-}
+bool HasDisplay() { return DisplayReachable(); }
 
 Answer MessageBox(const std::string& title, const std::string& text, Icon icon, Buttons buttons,
                   Answer defaultAnswer, bool keepLines) {
   Trace("WW10@MessageBox: ", "%s: %s", title.c_str(), OneLine(text).c_str());
   if (buttons == Buttons::kOk) defaultAnswer = Answer::kOk;
-#ifdef QUILLBOX_HAVE_QT
-  if (HasDisplay()) return ShowQt(title, text, icon, buttons, defaultAnswer);
-#else
-  (void)icon;
-#endif
+  // Loaded before the end is checked: an end that comes later finds the
+  // toolkit and closes its box (EndMessageBoxes).
+  if (Toolkit* toolkit = HasDisplay() ? LoadToolkit() : nullptr) {
+    if (Ending()) return defaultAnswer;
+    return toolkit->MessageBox(title, text, icon, buttons, defaultAnswer);
+  }
   std::string line = title + ": " + (keepLines ? text : OneLine(text)) + "\n";
   std::fputs(line.c_str(), stderr);
   std::fflush(stderr);
@@ -155,23 +125,16 @@ Answer MessageBox(const std::string& title, const std::string& text, Icon icon, 
 }
 
 void EndMessageBoxes() {
-  std::lock_guard<std::mutex> lock(g_boxMutex);
-  g_ending = true;
-#ifdef QUILLBOX_HAVE_QT
-  // Posted to the box's own thread; the box unregisters under the mutex
-  // before it goes, so the pointer is alive here.
-  if (g_shown) QMetaObject::invokeMethod(g_shown, [box = g_shown] { box->done(0); }, Qt::QueuedConnection);
-#endif
+  {
+    std::lock_guard<std::mutex> lock(g_boxMutex);
+    g_ending = true;
+  }
+  if (Toolkit* toolkit = LoadedToolkit()) toolkit->EndMessageBoxes();
 }
 
 bool IsLeftShiftHeld() {
-#ifdef QUILLBOX_HAVE_QT
-  if (!HasDisplay()) return false;
-  Application();
-  return (QApplication::queryKeyboardModifiers() & Qt::ShiftModifier) != 0;
-#else
-  return false;
-#endif
+  Toolkit* toolkit = HasDisplay() ? LoadToolkit() : nullptr;
+  return toolkit && toolkit->IsLeftShiftHeld();
 }
 
 }  // namespace qb::ui

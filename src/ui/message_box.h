@@ -1,7 +1,8 @@
 #pragma once
-// Message boxes and questions. With a display and the Qt widgets a real
-// QMessageBox is shown; without a display the box becomes one line on
-// standard error, "title: text", and a question takes its default answer.
+// Message boxes and questions. With a display a real QMessageBox is shown
+// (the desktop module is loaded for it, toolkit.h); without a display, or
+// when the module cannot be loaded, the box becomes one line on standard
+// error, "title: text", and a question takes its default answer.
 #include <string>
 
 namespace qb::ui {
@@ -10,7 +11,7 @@ enum class Icon { kInformation, kWarning, kQuestion };
 enum class Buttons { kOk, kYesNo };
 enum class Answer { kOk, kYes, kNo };
 
-// True when a display can be reached and the widgets are built in.
+// True when a display can be reached (checked once, without the toolkit).
 bool HasDisplay();
 
 // Shows `text` under `title`; returns the answer (the default one without a

@@ -203,7 +203,7 @@ bool SettingsWindow::Apply() {
   return profiles_->Save() && ok;
 }
 
-bool ShowSettingsWindow(DesktopHost&, const std::string& deviceName, const std::string& serial) {
+bool RunSettingsWindow(const std::string& deviceName, const std::string& serial) {
   EnsureApplication();
   SettingsWindow window(deviceName, serial, nullptr);
   return window.exec() == QDialog::Accepted;

@@ -46,4 +46,8 @@ class SettingsWindow : public QDialog {
   ProfilePage* profiles_ = nullptr;
 };
 
+// The window, modal, on its own (made the application first when needed).
+// True when something was saved.
+bool RunSettingsWindow(const std::string& deviceName, const std::string& serial);
+
 }  // namespace qb::ui

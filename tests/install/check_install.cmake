@@ -11,6 +11,7 @@ set(expected
   usr/bin/quillbox
   usr/bin/quillbox-simdev
   usr/bin/quillbox-probe
+  usr/lib/quillbox/libquillbox-ui.so
   usr/share/Quillbox/German.lng
   usr/lib/udev/rules.d/70-quillbox.rules
   usr/lib/systemd/user/quillbox-device-connected@.service
@@ -40,6 +41,18 @@ foreach(f usr/bin/quillbox usr/lib/quillbox/quillbox-device-connected)
     message(FATAL_ERROR "${f} is not executable")
   endif()
 endforeach()
+
+# The program finds its desktop module where it was installed (it looks in
+# ../lib/quillbox from its own folder), and needs no toolkit itself.
+execute_process(COMMAND readelf -d ${STAGE}/usr/bin/quillbox OUTPUT_VARIABLE dynamic RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0 OR dynamic MATCHES "libQt6")
+  message(FATAL_ERROR "the installed program needs the toolkit itself:\n${dynamic}")
+endif()
+execute_process(COMMAND readelf -d --dyn-syms ${STAGE}/usr/lib/quillbox/libquillbox-ui.so
+                OUTPUT_VARIABLE dynamic RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0 OR NOT dynamic MATCHES "libQt6Widgets" OR NOT dynamic MATCHES "quillbox_ui_toolkit")
+  message(FATAL_ERROR "the installed desktop module is not the toolkit's:\n${dynamic}")
+endif()
 
 # The desktop entry starts the installed program with the installed icon,
 # and the unit starts the installed launch script.

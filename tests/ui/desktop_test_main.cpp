@@ -39,6 +39,7 @@
 #include "ui/settings_window.h"
 #include "ui/tray_icon.h"
 #include "ui/wait_window.h"
+#include "ui/toolkit_module.h"
 
 using qb::ui::MainWindow;
 
@@ -529,6 +530,8 @@ void DesktopTest::deviceConnectedWithAutomaticMappingMapsAtOnce() {
 int main(int argc, char** argv) {
   qputenv("QT_QPA_PLATFORMTHEME", "");
   QApplication app(argc, argv);
+  // The windows are linked in: no desktop module is loaded.
+  qb::ui::UseLinkedToolkit(qb::ui::QtToolkit());
   qb::ui::EnsureApplication();
   DesktopTest test;
   return QTest::qExec(&test, argc, argv);

@@ -14,6 +14,7 @@
 #include "ui/qt_support.h"
 #include "ui/settings_window.h"
 #include "ui/wait_window.h"
+#include "ui/toolkit_module.h"
 
 namespace {
 
@@ -29,6 +30,8 @@ bool Save(QWidget* w, const QString& file) {
 
 int main(int argc, char** argv) {
   QApplication app(argc, argv);
+  // The windows are linked in: no desktop module is loaded.
+  qb::ui::UseLinkedToolkit(qb::ui::QtToolkit());
   qb::ui::EnsureApplication();
   if (argc < 2) {
     std::fprintf(stderr, "usage: quillbox-screenshots <folder>\n");

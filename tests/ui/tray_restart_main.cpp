@@ -24,6 +24,7 @@
 #include "desktop_fixture.h"
 #include "ui/main_window.h"
 #include "ui/tray_icon.h"
+#include "ui/toolkit_module.h"
 
 namespace {
 
@@ -170,6 +171,8 @@ int main(int argc, char** argv) {
     return 1;
   }
   QApplication app(argc, argv);
+  // The windows are linked in: no desktop module is loaded.
+  qb::ui::UseLinkedToolkit(qb::ui::QtToolkit());
   TrayRestartTest test;
   return QTest::qExec(&test, argc, argv);
 }
