@@ -63,14 +63,15 @@ bool AnotherProgramCanOpen() {
   return device != nullptr;
 }
 
-// Two readings of the device table, then the open that serves the drive
+// The device list of a device never seen (which opens it for its names),
+// two readings of the device table, then the open that serves the drive
 // (it listens for events and lists the top level): one USB open in all.
 // A session that was listened to or listed objects is not kept.
 TEST_F(EmulatedMtpDevice, TheDeviceTableAndTheServingOpenOpenTheDeviceOnce) {
   ASSERT_TRUE(StartEmulator());
+  const uint64_t before = CountOf(OperationCounts(), kOpenSession);
   const std::string id = FindMtpDevice();
   ASSERT_FALSE(id.empty());
-  const uint64_t before = CountOf(OperationCounts(), kOpenSession);
   ASSERT_NO_FATAL_FAILURE(ReadAsTheDeviceTableDoes(id));
   ASSERT_NO_FATAL_FAILURE(ReadAsTheDeviceTableDoes(id));
   mtp_ = OpenDevice();

@@ -22,6 +22,7 @@
 #include "platform/system/paths.h"
 #include "platform/portable/mtp/mtp_init.h"
 #include "platform/portable/mtp/mtp_keeper.h"
+#include "platform/portable/mtp/mtp_session.h"
 #include "platform/portable/mtp/mtp_usb.h"
 #endif
 
@@ -137,26 +138,16 @@ bool Recall(const std::string& pnpId, Learned* d) {
   return true;
 }
 
-std::string TakeString(char* s) {
-  std::string out = s ? s : "";
-  std::free(s);
-  return out;
-}
-
-// Opens the device briefly for its own names; false when it cannot be
-// opened (another program holds it).
-bool ReadNames(LIBMTP_raw_device_t* raw, MtpDeviceEntry* entry) {
-  LIBMTP_mtpdevice_t* device = LIBMTP_Open_Raw_Device_Uncached(raw);
-  if (!device) return false;
-  std::string friendly = TakeString(LIBMTP_Get_Friendlyname(device));
-  std::string manufacturer = TakeString(LIBMTP_Get_Manufacturername(device));
-  std::string model = TakeString(LIBMTP_Get_Modelname(device));
-  LIBMTP_Release_Device(device);
-  if (!friendly.empty()) entry->friendlyName = friendly;
-  else if (!model.empty()) entry->friendlyName = model;
-  if (!manufacturer.empty()) entry->manufacturer = manufacturer;
-  if (!model.empty()) entry->description = model;
-  return true;
+// Opens the device for what it tells of itself; the session learns it all
+// (names and the table's facts, see MtpSession::RememberForTable) and is
+// kept after the close, so the table and the next open in this process
+// need no USB session of their own. False when it cannot be opened
+// (another program holds it).
+bool LearnByOpening(const std::string& pnpId, Learned* learned) {
+  std::shared_ptr<MtpSession> session;
+  if (FAILED(MtpSession::Open(pnpId, true, &session)) || !session) return false;
+  session->Close();
+  return Recall(pnpId, learned);
 }
 
 MtpDeviceEntry EntryFor(LIBMTP_raw_device_t* raw, const UsbPortInfo& usb) {
@@ -170,11 +161,7 @@ MtpDeviceEntry EntryFor(LIBMTP_raw_device_t* raw, const UsbPortInfo& usb) {
   // once it knows it: opening the device only for them costs a session
   // (every session that opens the device stores its names afresh).
   Learned learned;
-  if (!Recall(e.pnpId, &learned)) {
-    if (!ReadNames(raw, &e)) return e;
-    learned.names = e;
-    Remember(learned);
-  }
+  if (!Recall(e.pnpId, &learned) && !LearnByOpening(e.pnpId, &learned)) return e;
   e = learned.names;
   // A device that showed no storage (a locked phone) may show one now.
   if (learned.bus == usb.busNumber && learned.address == usb.deviceAddress && learned.bus != 0 &&
