@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include <cerrno>
 #include <chrono>
 
@@ -23,6 +25,13 @@ constexpr const char* kTagFlush = "M33@QuillboxFlushFileBuffers: ";
 constexpr const char* kTagAttr = "M34@QuillboxSetFileAttributes: ";
 constexpr const char* kTagTime = "M35@QuillboxSetFileTime: ";
 constexpr DWORD kDeviceAttributes = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM;
+// A write request's bytes go into the cache copy in pieces of this size. A
+// single 1 MiB write makes the kernel put the file's pages in large blocks
+// of memory; once memory is fragmented, getting each such block waits for
+// the kernel to compact memory, and a 256 MiB copy into the drive took
+// 1.0-1.6 s instead of 0.2 s (the device's own writes, in 256 KiB pieces,
+// were not slowed).
+constexpr size_t kCacheWritePiece = 256 * 1024;
 
 DWORD Win32Error(int err) {
   switch (err) {
@@ -111,8 +120,8 @@ NTSTATUS QuillboxWriteFile(LPCWSTR FileName, LPCVOID Buffer, DWORD Length, LPDWO
   }
   DWORD done = 0;
   while (done < Length) {
-    const ssize_t n = ::pwrite(fd, static_cast<const char*>(Buffer) + done, Length - done,
-                               static_cast<off_t>(start + done));
+    const size_t piece = std::min<size_t>(Length - done, kCacheWritePiece);
+    const ssize_t n = ::pwrite(fd, static_cast<const char*>(Buffer) + done, piece, static_cast<off_t>(start + done));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
     done += static_cast<DWORD>(n);
