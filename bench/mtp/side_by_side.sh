@@ -138,9 +138,9 @@ unmount_tool() {
 }
 
 declare -A result
-steps=(mount ls_many ls_lR read_big write_big copy_small change head_4k)
+steps=(mount ls_many ls_lR read_big write_big copy_small change head_4k mount_again)
 declare -A label=(
-  [mount]="mount and list the root"
+  [mount]="mount and list the root (first after plugging in)"
   [ls_many]="ls -l of a ${many}-file folder (cold)"
   [ls_lR]="ls -lR of the whole device"
   [read_big]="cold read of a ${big_mib} MiB file"
@@ -148,6 +148,7 @@ declare -A label=(
   [copy_small]="copy ${small} small files in (until on the device)"
   [change]="a file made on the device shows"
   [head_4k]="first 4 KiB of a ${big_mib} MiB file (cold)"
+  [mount_again]="mount and list the root again (device still plugged in)"
 )
 
 # step TOOL NAME COMMAND...: times the command, records seconds or "failed".
@@ -190,6 +191,15 @@ run_tool() {
   step "$tool" change "echo made > '$s/Documents/from-device.txt' &&
     until ls '$root/Documents' | grep -qx from-device.txt; do sleep 0.05; done"
   step "$tool" head_4k "head -c 4096 '$root/head.bin' | cmp - <(head -c 4096 '$s/head.bin')"
+  unmount_tool "$tool"
+  # Mounted again while the device stays plugged in (a tool may know it by now).
+  t="$(now)"
+  if mount_tool "$tool" && timeout "$limit" ls "$root" >/dev/null 2>&1; then
+    result[$tool,mount_again]="$(elapsed "$t") s"
+    mounted="$tool"
+  else
+    result[$tool,mount_again]="failed"
+  fi
   unmount_tool "$tool"
   stop_emulator
 }
