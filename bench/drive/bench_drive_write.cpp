@@ -77,6 +77,31 @@ const char* Same(const std::string& a, const std::string& b) {
   return Run("diff -r -q " + a + " " + b) == 0 ? "byte-identical" : "DIFFERENT";
 }
 
+// Runs `pairs` pairs of a probe run and a drive run, compared by their
+// medians: one run of either swings with what the machine's memory and disk
+// did a moment before. They take turns at going first (the second of two
+// large writes in a row may find the memory it needs slower to get), each
+// starts after a sync (none pays for the write-back of the one before), and
+// each drive run has a drive of its own, as a user's copy would, whose end
+// lets its cache copy go. False when a drive did not start.
+bool RunPairs(const std::string& device, int pairs, const std::function<void(int)>& probe,
+              const std::function<void(int)>& drive) {
+  for (int i = 0; i < pairs; ++i) {
+    const auto probeRun = [&] {
+      Run("sync");
+      probe(i);
+    };
+    if (i % 2 == 0) probeRun();
+    Server server;
+    if (!server.Start(device)) return false;
+    Run("sync");
+    drive(i);
+    server.Stop();
+    if (i % 2 == 1) probeRun();
+  }
+  return true;
+}
+
 }  // namespace
 
 void WriteBenchmarks(uint64_t size, int files) {
@@ -87,74 +112,55 @@ void WriteBenchmarks(uint64_t size, int files) {
   MakeFile(src + "/big.bin", size);
   const std::string list = MakeSmallFiles(src + "/small", files);
   const std::string root = StorageIdOf(dev);
-  // The large write in pairs, the probe and the drive in turn:
-  // one run of either swings with what the machine's memory and disk were
-  // doing a moment before. Each starts after a sync, so that none pays for
-  // the write-back of the one before, and each drive's run has a drive of
-  // its own, as a user's copy would, whose end lets its cache copy go. The
-  // medians are compared.
-  constexpr int kPairs = 5;
   const std::string d = Server::Drive();
+  constexpr int kPairs = 5;
   std::vector<double> probes, drives, copies;
   const char* probeBigSame = "byte-identical";
   const char* bigSame = "byte-identical";
-  for (int i = 0; i < kPairs; ++i) {
-    const std::string probeName = "probe" + std::to_string(i) + ".bin", driveName = "drive" + std::to_string(i) + ".bin";
-    const auto probe = [&] {
-      Run("sync");
-      probes.push_back(Timed(Probe(dev) + root + " " + src + "/big.bin --name " + probeName));
-    };
-    const auto drive = [&] {
-      Server server;
-      if (!server.Start(dev)) return false;
-      Run("sync");
-      double copy = 0;
-      drives.push_back(TimedUntil("cp " + src + "/big.bin " + d + "/" + driveName,
-                                  [&] { return HasSize(storage + "/" + driveName, size); }, &copy));
-      copies.push_back(copy);
-      server.Stop();
-      return true;
-    };
-    // Which goes first alternates: the second of two large writes in a row
-    // may find the memory it needs slower to get (on this virtual machine
-    // by far), and neither side is to pay for that every time.
-    if (i % 2 == 0) probe();
-    if (!drive()) return;
-    if (i % 2 == 1) probe();
-    if (std::string(Same(src + "/big.bin", storage + "/" + probeName)) != "byte-identical") probeBigSame = "DIFFERENT";
-    if (std::string(Same(src + "/big.bin", storage + "/" + driveName)) != "byte-identical") bigSame = "DIFFERENT";
-    // Leave room on a small temporary file system.
-    fs::remove(storage + "/" + probeName);
-    fs::remove(storage + "/" + driveName);
-  }
-  // The small files in pairs the same way (each run into a folder of its own).
+  // A file written is checked, then removed to leave room on a small
+  // temporary file system.
+  const auto checked = [&](const std::string& name, const char** same) {
+    if (std::string(Same(src + "/big.bin", storage + "/" + name)) != "byte-identical") *same = "DIFFERENT";
+    fs::remove(storage + "/" + name);
+  };
+  const bool bigDone = RunPairs(
+      dev, kPairs,
+      [&](int i) {
+        const std::string name = "probe" + std::to_string(i) + ".bin";
+        probes.push_back(Timed(Probe(dev) + root + " " + src + "/big.bin --name " + name));
+        checked(name, &probeBigSame);
+      },
+      [&](int i) {
+        const std::string name = "drive" + std::to_string(i) + ".bin";
+        double copy = 0;
+        drives.push_back(
+            TimedUntil("cp " + src + "/big.bin " + d + "/" + name, [&] { return HasSize(storage + "/" + name, size); },
+                       &copy));
+        copies.push_back(copy);
+        checked(name, &bigSame);
+      });
+  if (!bigDone) return;
+  // The small files the same way, each run into a folder of its own.
   constexpr int kSmallPairs = 3;
   std::vector<double> probeSmalls, smalls;
   const char* probeSame = "byte-identical";
   const char* smallSame = "byte-identical";
-  for (int i = 0; i < kSmallPairs; ++i) {
-    const std::string probeFolder = "psmall" + std::to_string(i), driveFolder = "small" + std::to_string(i);
-    fs::create_directories(storage + "/" + probeFolder);
-    const std::string folderId = FolderIdOf(dev, probeFolder);
-    const auto probe = [&] {
-      Run("sync");
-      probeSmalls.push_back(Timed(Probe(dev) + folderId + list));
-    };
-    const auto drive = [&] {
-      Server server;
-      if (!server.Start(dev)) return false;
-      Run("sync");
-      smalls.push_back(TimedUntil("cp -r " + src + "/small " + d + "/" + driveFolder,
-                                  [&] { return AllThere(storage + "/" + driveFolder, files); }));
-      server.Stop();
-      return true;
-    };
-    if (i % 2 == 0) probe();
-    if (!drive()) return;
-    if (i % 2 == 1) probe();
-    if (std::string(Same(src + "/small", storage + "/" + probeFolder)) != "byte-identical") probeSame = "DIFFERENT";
-    if (std::string(Same(src + "/small", storage + "/" + driveFolder)) != "byte-identical") smallSame = "DIFFERENT";
-  }
+  const bool smallDone = RunPairs(
+      dev, kSmallPairs,
+      [&](int i) {
+        const std::string folder = "psmall" + std::to_string(i);
+        fs::create_directories(storage + "/" + folder);
+        const std::string folderId = FolderIdOf(dev, folder);
+        probeSmalls.push_back(Timed(Probe(dev) + folderId + list));
+        if (std::string(Same(src + "/small", storage + "/" + folder)) != "byte-identical") probeSame = "DIFFERENT";
+      },
+      [&](int i) {
+        const std::string folder = "small" + std::to_string(i);
+        smalls.push_back(TimedUntil("cp -r " + src + "/small " + d + "/" + folder,
+                                    [&] { return AllThere(storage + "/" + folder, files); }));
+        if (std::string(Same(src + "/small", storage + "/" + folder)) != "byte-identical") smallSame = "DIFFERENT";
+      });
+  if (!smallDone) return;
   const double probeSmall = Median(probeSmalls), small = Median(smalls);
   const double mib = static_cast<double>(size) / (1 << 20);
   const double probeBig = Median(probes), big = Median(drives);

@@ -163,16 +163,25 @@ step() {
   fi
 }
 
-run_tool() {
-  local tool="$1" t
-  reset_device
-  start_emulator || { echo "emulator did not start" >&2; return; }
+# timed_mount TOOL STEP: mounts and lists the root, recording the time
+# under STEP; false when either failed.
+timed_mount() {
+  local tool="$1" name="$2" t
   t="$(now)"
   if mount_tool "$tool" && timeout "$limit" ls "$root" >/dev/null 2>&1; then
-    result[$tool,mount]="$(elapsed "$t") s"
+    result[$tool,$name]="$(elapsed "$t") s"
     mounted="$tool"
-  else
-    result[$tool,mount]="failed"
+    return 0
+  fi
+  result[$tool,$name]="failed"
+  return 1
+}
+
+run_tool() {
+  local tool="$1"
+  reset_device
+  start_emulator || { echo "emulator did not start" >&2; return; }
+  if ! timed_mount "$tool" mount; then
     for s in "${steps[@]}"; do [ "$s" = mount ] || result[$tool,$s]="not run"; done
     unmount_tool "$tool"
     stop_emulator
@@ -193,13 +202,7 @@ run_tool() {
   step "$tool" head_4k "head -c 4096 '$root/head.bin' | cmp - <(head -c 4096 '$s/head.bin')"
   unmount_tool "$tool"
   # Mounted again while the device stays plugged in (a tool may know it by now).
-  t="$(now)"
-  if mount_tool "$tool" && timeout "$limit" ls "$root" >/dev/null 2>&1; then
-    result[$tool,mount_again]="$(elapsed "$t") s"
-    mounted="$tool"
-  else
-    result[$tool,mount_again]="failed"
-  fi
+  timed_mount "$tool" mount_again
   unmount_tool "$tool"
   stop_emulator
 }
