@@ -10,6 +10,7 @@ cd "$(dirname "$0")/.."
 
 bin="$PWD/build/bin"
 export QUILLBOX_HOME="${QUILLBOX_HOME:-$(mktemp -d /tmp/quillbox-demo-XXXXXX)}"
+mkdir -p "$QUILLBOX_HOME"
 # The install folder: instances start their children from there.
 printf 'Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Quillbox]\n@="%s"\n' "$bin" \
   >"$QUILLBOX_HOME/machine.reg"
