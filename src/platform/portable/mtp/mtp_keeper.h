@@ -26,6 +26,23 @@ namespace qb::portable::mtp {
 
 inline constexpr std::chrono::milliseconds kKeepFor{1500};
 
+// A reading of the device that a session uses again for a moment (see
+// MtpSession::StoragesLocked).
+struct MtpReading {
+  bool known = false;
+  std::chrono::steady_clock::time_point at{};
+  uint64_t changes = 0;  // the session's count of changes when it was taken
+};
+
+// The storages and power level a session read, and when.
+struct MtpReadings {
+  std::vector<MtpStorageFacts> storages;
+  MtpReading storagesRead;
+  bool hasPowerLevel = false;
+  uint32_t powerLevel = 0;
+  MtpReading powerRead;
+};
+
 struct KeptDevice {
   std::string pnpId;
   LIBMTP_mtpdevice_t* handle = nullptr;
@@ -34,14 +51,8 @@ struct KeptDevice {
   uint16_t vendorId = 0;
   uint16_t productId = 0;
   MtpDeviceFacts facts;
-  // Readings of the closed session, used again while fresh.
-  std::vector<MtpStorageFacts> storages;
-  bool storagesKnown = false;
-  std::chrono::steady_clock::time_point storagesAt{};
-  bool powerKnown = false;
-  std::chrono::steady_clock::time_point powerAt{};
-  bool hasPowerLevel = false;
-  uint32_t powerLevel = 0;
+  // The closed session's readings; only those still fresh are known.
+  MtpReadings readings;
 };
 
 // Takes over `device.handle`; it is released after kKeepFor unless taken.

@@ -151,11 +151,8 @@ bool MtpSession::TakeOverKept() {
   canReadPartial_ = LIBMTP_Check_Capability(handle_, LIBMTP_DEVICECAP_GetPartialObject) != 0;
   {
     std::lock_guard<std::mutex> c(cacheMutex_);
-    storages_ = kept.storages;
-    if (kept.storagesKnown) storagesRead_ = {true, kept.storagesAt, changes_.load()};
-    hasPowerLevel_ = kept.hasPowerLevel;
-    powerLevel_ = kept.powerLevel;
-    if (kept.powerKnown) powerRead_ = {true, kept.powerAt, changes_.load()};
+    readings_ = kept.readings;
+    readings_.storagesRead.changes = readings_.powerRead.changes = changes_.load();
   }
   std::vector<MtpStorageFacts> storages;
   StoragesLocked(handle_, &storages);  // as a new open reads them, unless read a moment ago
@@ -180,13 +177,9 @@ bool MtpSession::KeepLocked() {
   kept.facts = facts_;
   {
     std::lock_guard<std::mutex> c(cacheMutex_);
-    kept.storages = storages_;
-    kept.storagesKnown = Fresh(storagesRead_);
-    kept.storagesAt = storagesRead_.at;
-    kept.powerKnown = Fresh(powerRead_);
-    kept.powerAt = powerRead_.at;
-    kept.hasPowerLevel = hasPowerLevel_;
-    kept.powerLevel = powerLevel_;
+    kept.readings = readings_;
+    kept.readings.storagesRead.known = Fresh(readings_.storagesRead);
+    kept.readings.powerRead.known = Fresh(readings_.powerRead);
   }
   KeepDevice(std::move(kept));
   handle_ = nullptr;
@@ -282,7 +275,7 @@ void MtpSession::ReadFacts(const std::string& usbProduct) {
   // Opening the device read its storages; a device that showed none then
   // (a locked phone) is asked again.
   std::vector<MtpStorageFacts> storages;
-  if (handle_->storage) TakeStoragesLocked(handle_, &storages);
+  if (handle_->storage) TakeStoragesLocked(handle_, ReadingNow(), &storages);
   else StoragesLocked(handle_, &storages);
 }
 
@@ -354,28 +347,27 @@ void MtpSession::MarkOffline() {
   if (pump_) pump_->Post(DeviceRemovedParameters(pnpId_));
 }
 
-bool MtpSession::Fresh(const Reading& r) const {
+bool MtpSession::Fresh(const MtpReading& r) const {
   return r.known && r.changes == changes_.load() && std::chrono::steady_clock::now() - r.at < kFreshFor;
 }
 
 HRESULT MtpSession::StoragesLocked(LIBMTP_mtpdevice_t* device, std::vector<MtpStorageFacts>* storages) {
   {
     std::lock_guard<std::mutex> c(cacheMutex_);
-    if (Fresh(storagesRead_)) {
-      *storages = storages_;
+    if (Fresh(readings_.storagesRead)) {
+      *storages = readings_.storages;
       return S_OK;
     }
   }
-  const Reading reading = ReadingNow();
+  const MtpReading reading = ReadingNow();
   if (LIBMTP_Get_Storage(device, LIBMTP_STORAGE_SORTBY_NOTSORTED) != 0)
     return FailedLocked(device, "MT5@MtpSession::StoragesLocked: ", "LIBMTP_Get_Storage");
-  TakeStoragesLocked(device, storages);
-  std::lock_guard<std::mutex> c(cacheMutex_);
-  storagesRead_ = reading;
+  TakeStoragesLocked(device, reading, storages);
   return S_OK;
 }
 
-void MtpSession::TakeStoragesLocked(LIBMTP_mtpdevice_t* device, std::vector<MtpStorageFacts>* storages) {
+void MtpSession::TakeStoragesLocked(LIBMTP_mtpdevice_t* device, const MtpReading& reading,
+                                    std::vector<MtpStorageFacts>* storages) {
   storages->clear();
   for (LIBMTP_devicestorage_t* s = device->storage; s; s = s->next) {
     MtpStorageFacts f;
@@ -391,27 +383,27 @@ void MtpSession::TakeStoragesLocked(LIBMTP_mtpdevice_t* device, std::vector<MtpS
     storages->push_back(std::move(f));
   }
   std::lock_guard<std::mutex> c(cacheMutex_);
-  storages_ = *storages;
-  if (!storagesRead_.known) storagesRead_ = ReadingNow();
+  readings_.storages = *storages;
+  readings_.storagesRead = reading;
 }
 
 void MtpSession::PowerLevelLocked(LIBMTP_mtpdevice_t* device, bool* hasLevel, uint32_t* percent) {
   {
     std::lock_guard<std::mutex> c(cacheMutex_);
-    if (Fresh(powerRead_)) {
-      *hasLevel = hasPowerLevel_;
-      *percent = powerLevel_;
+    if (Fresh(readings_.powerRead)) {
+      *hasLevel = readings_.hasPowerLevel;
+      *percent = readings_.powerLevel;
       return;
     }
   }
-  const Reading reading = ReadingNow();
+  const MtpReading reading = ReadingNow();
   uint8_t maximum = 0, current = 0;
   *hasLevel = LIBMTP_Get_Batterylevel(device, &maximum, &current) == 0 && PowerPercent(maximum, current, percent);
   LIBMTP_Clear_Errorstack(device);
   std::lock_guard<std::mutex> c(cacheMutex_);
-  hasPowerLevel_ = *hasLevel;
-  powerLevel_ = *percent;
-  powerRead_ = reading;
+  readings_.hasPowerLevel = *hasLevel;
+  readings_.powerLevel = *percent;
+  readings_.powerRead = reading;
 }
 
 HRESULT MtpSession::StorageLocked(LIBMTP_mtpdevice_t* device, uint32_t storageId, MtpStorageFacts* storage) {
@@ -433,19 +425,19 @@ void MtpSession::RememberForTable() {
 
 uint16_t MtpSession::StorageAccess(uint32_t storageId) {
   std::lock_guard<std::mutex> c(cacheMutex_);
-  for (const auto& s : storages_)
+  for (const auto& s : readings_.storages)
     if (s.id == storageId) return s.accessCapability;
   return 0;
 }
 
 std::vector<MtpStorageFacts> MtpSession::CachedStorages() {
   std::lock_guard<std::mutex> c(cacheMutex_);
-  return storages_;
+  return readings_.storages;
 }
 
 bool MtpSession::AnyStorageWritable() {
   std::lock_guard<std::mutex> c(cacheMutex_);
-  for (const auto& s : storages_)
+  for (const auto& s : readings_.storages)
     if (s.accessCapability == 0) return true;
   return false;
 }

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "platform/portable/mtp/mtp_ids.h"
+#include "platform/portable/mtp/mtp_keeper.h"
 #include "platform/portable/mtp/mtp_values.h"
 #include "platform/portable/portable.h"
 
@@ -158,17 +159,13 @@ class MtpSession {
   void PrimeObjectCopyLocked();
   void PrimeForListingLocked(uint32_t parentHandle);
   void ReadFacts(const std::string& usbProduct);
-  // The storages libmtp holds in `device->storage` become the session's.
-  void TakeStoragesLocked(LIBMTP_mtpdevice_t* device, std::vector<MtpStorageFacts>* storages);
+  // The storages libmtp holds in `device->storage` become the session's,
+  // as read at `reading`.
+  void TakeStoragesLocked(LIBMTP_mtpdevice_t* device, const MtpReading& reading,
+                          std::vector<MtpStorageFacts>* storages);
 
-  // A reading of the device that is used again for a moment.
-  struct Reading {
-    bool known = false;
-    std::chrono::steady_clock::time_point at{};
-    uint64_t changes = 0;
-  };
-  bool Fresh(const Reading& r) const;
-  Reading ReadingNow() const { return {true, std::chrono::steady_clock::now(), changes_.load()}; }
+  bool Fresh(const MtpReading& r) const;
+  MtpReading ReadingNow() const { return {true, std::chrono::steady_clock::now(), changes_.load()}; }
 
   // ---- set once ----
   std::string pnpId_;
@@ -202,11 +199,7 @@ class MtpSession {
   std::map<uint32_t, MtpObjectFacts> objects_;
   std::map<uint32_t, bool> extrasLoaded_;
   std::set<std::pair<uint32_t, uint32_t>> listedFolders_;  // (storage, parent handle) listed by ChildrenLocked
-  std::vector<MtpStorageFacts> storages_;
-  Reading storagesRead_;
-  Reading powerRead_;
-  bool hasPowerLevel_ = false;
-  uint32_t powerLevel_ = 0;
+  MtpReadings readings_;
   std::map<std::pair<uint32_t, uint32_t>, std::chrono::steady_clock::time_point> announced_;  // (kind, handle)
 
   // ---- changed under sinksMutex_ ----
