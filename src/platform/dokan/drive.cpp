@@ -164,10 +164,6 @@ void Drive::CloseRemainingOpens() {
 
 Open* Drive::Register(std::unique_ptr<Open> open) {
   std::lock_guard lock(opensMutex_);
-  return ListLocked(std::move(open));
-}
-
-Open* Drive::ListLocked(std::unique_ptr<Open> open) {
   Open* raw = open.release();
   opens_.insert(raw);
   opensOfNode_.emplace(raw->node, raw);
@@ -185,14 +181,14 @@ Open* Drive::ListLocked(std::unique_ptr<Open> open) {
 // earlier opens are dropped at the next open (no kept data).
 Open* Drive::RegisterFileOpen(std::unique_ptr<Open> open, int flags) {
   const uint64_t node = open->node;
-  Open* raw = nullptr;
+  bool direct = false;
   {
-    std::lock_guard lock(opensMutex_);  // the test and the entry are one step
-    open->directWrites = (flags & O_ACCMODE) == O_WRONLY && opensOfNode_.count(node) == 0;
-    raw = ListLocked(std::move(open));
+    std::lock_guard lock(opensMutex_);
+    direct = (flags & O_ACCMODE) == O_WRONLY && opensOfNode_.count(node) == 0;
+    open->directWrites = direct;
   }
-  if (raw->directWrites) nodes_.ForgetContent(node);
-  return raw;
+  if (direct) nodes_.ForgetContent(node);
+  return Register(std::move(open));
 }
 
 bool Drive::Unregister(Open* open) {
