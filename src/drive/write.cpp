@@ -6,13 +6,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-
 #include <cerrno>
 #include <chrono>
+#include <functional>
 
 #include "common/strings.h"
 #include "diag/trace.h"
 #include "drive/write_side.h"
+#include "platform/dokan/dokan_linux.h"
 
 using namespace qb::drive;
 
@@ -188,7 +189,9 @@ NTSTATUS QuillboxSetAllocationSize(LPCWSTR FileName, LONGLONG AllocSize, PDOKAN_
 }
 
 // fsync: the pending content goes to the device now, so that the program
-// learns whether it arrived.
+// learns whether it arrived. The close(2) of a descriptor that wrote: the
+// upload is queued now and runs while the program goes on (the drive
+// layer's closing thread), as at the end of an open; a failure is rescued.
 NTSTATUS QuillboxFlushFileBuffers(LPCWSTR, PDOKAN_FILE_INFO DokanFileInfo) {
   DriveState* state = GetDriveState();
   if (!state) return STATUS_UNSUCCESSFUL;
@@ -196,7 +199,16 @@ NTSTATUS QuillboxFlushFileBuffers(LPCWSTR, PDOKAN_FILE_INFO DokanFileInfo) {
   DirectoryItem* item = ContextItem(DokanFileInfo);
   // A file whose name went while open has no place on the device any more.
   if (!item || !item->bUploadPending || IsDetached(item)) return TraceStatus(kTagFlush, STATUS_SUCCESS, 1);
-  return TraceStatus(kTagFlush, UploadPending(state, item, PathOfItem(state, item)), 2);
+  const std::string path = PathOfItem(state, item);
+  // Sent as the end of an open sends it: the device's confirmation may
+  // come while the next file is sent.
+  const auto upload = [state, item, path] {
+    std::function<void()> rest;
+    UploadPending(state, item, path, &rest);
+    if (rest && !qb::dokan::DeferRestOfEnd(rest)) rest();
+  };
+  if (qb::dokan::DeferRestOfEnd(upload)) return TraceStatus(kTagFlush, STATUS_SUCCESS, 3);
+  return TraceStatus(kTagFlush, UploadPending(state, item, path), 2);
 }
 
 NTSTATUS QuillboxSetFileAttributes(LPCWSTR FileName, DWORD FileAttributes, PDOKAN_FILE_INFO DokanFileInfo) {

@@ -2,8 +2,13 @@
 // other processes: changes reach the device, limits and faults are refused
 // clearly, content that cannot reach the device is rescued, and changes
 // made on the device show without remounting.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -296,15 +301,16 @@ TEST_F(DriveWriteTest, FailedTransferKeepsTheContentInTheRescueFolderAndFsyncRep
 
 TEST_F(DriveWriteTest, ContentOfAnOfflineDeviceIsRescued) {
   ASSERT_TRUE(Mount());
-  std::string out;
   ASSERT_EQ(Sh("ls \"$D\" >/dev/null"), 0);
   // The file is written while the device is there and closed once it is
   // gone.
-  ASSERT_EQ(Sh("exec 3> \"$D/note.txt\" && echo 'written before' >&3 && " + Simdev() +
-                   " fault drivephone offline && exec 3>&-",
-               &out),
-            0)
-      << out;
+  const int fd = ::open((Drive() + "/note.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  ASSERT_GE(fd, 0) << std::strerror(errno);
+  ASSERT_EQ(::write(fd, "written before\n", 15), 15);
+  sim::Faults offline;
+  offline.offline = true;
+  SetFaults(offline);
+  EXPECT_EQ(::close(fd), 0) << std::strerror(errno);
   EXPECT_TRUE(WaitUntil([&] { return fs::exists(Rescued() / "note.txt"); }, kDeviceLimitMs));
   EXPECT_EQ(ReadText(Rescued() / "note.txt"), "written before\n");
 }
@@ -332,17 +338,16 @@ TEST_F(DriveWriteTest, DeviceRemovedDuringAnUploadKeepsTheContent) {
 TEST_F(DriveWriteTest, FileStillOpenWhenTheInstanceEndsIsRescued) {
   ASSERT_TRUE(Mount());
   ASSERT_EQ(Sh("ls \"$D\" >/dev/null"), 0);
-  const std::string pid = Quote((home_ / "pid").string());
-  // A program keeps the file open while the drive goes.
-  ASSERT_EQ(Sh("sh -c 'exec 3> \"$0/held.txt\"; echo \"still open\" >&3; echo $$ > \"$1.new\"; mv \"$1.new\" \"$1\"; "
-               "exec sleep 60' \"$D\" " + pid + " > /dev/null 2>&1 &"),
-            0);
-  ASSERT_TRUE(WaitUntil([&] { return fs::exists(home_ / "pid"); }, kDeviceLimitMs));
+  // A program keeps the file open, written and never closed, while the
+  // drive goes.
+  const int fd = ::open((Drive() + "/held.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  ASSERT_GE(fd, 0) << std::strerror(errno);
+  ASSERT_EQ(::write(fd, "still open\n", 11), 11);
   sim::Faults offline;
   offline.offline = true;
   SetFaults(offline);
   EXPECT_EQ(Unmount(), 0);
-  Sh("kill $(cat " + pid + ")");
+  ::close(fd);
   ASSERT_TRUE(fs::exists(Rescued() / "held.txt"));
   EXPECT_EQ(ReadText(Rescued() / "held.txt"), "still open\n");
 }

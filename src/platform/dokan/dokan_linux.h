@@ -71,9 +71,14 @@ bool InvalidatePath(char letter, std::string_view path, uint32_t waitMs = 0);
 // the Cleanup of the next released open can start meanwhile. Rests and
 // CloseFile run in release order; requests on the file, and those that
 // wait for every end (renames, deletes, listings, statfs), wait for the
-// rest too, and the ends of one file never overlap. False (the caller runs
-// `rest` itself) when no Cleanup of the drive layer runs on this thread or
-// it left a rest already.
+// rest too, and the ends of one file never overlap.
+// For a FlushFileBuffers called for a close(2) of a descriptor that wrote
+// (an fsync is not one): leaves `rest` (such as the upload) to the
+// drive's closing thread, in order with the ends of opens, where it may
+// leave a rest of its own in turn; close(2) returns meanwhile, and the
+// same requests wait for it.
+// False (the caller runs `rest` itself) when no such call of the drive
+// layer runs on this thread or it left a rest already.
 bool DeferRestOfEnd(std::function<void()> rest);
 
 }  // namespace qb::dokan

@@ -16,6 +16,7 @@
 #define FUSE_USE_VERSION 312
 #include <fuse3/fuse_lowlevel.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -46,6 +47,10 @@ struct Open {
   bool directory = false;
   // Folder snapshot, taken at offset 0; replies share it, never copy it.
   std::shared_ptr<const Listing> listing;
+  // Written since the opener's last close(2) of one of its descriptors:
+  // that close hands the data to the file system (FlushFileBuffers), so
+  // that the program learns whether it arrived.
+  std::atomic<bool> unflushed{false};
   // Held shared while another request of the node borrows this open; the
   // end of the open waits for it (a borrower makes one call).
   std::shared_mutex lent;
@@ -91,6 +96,9 @@ class Drive {
   int Write(fuse_req_t req, Open* open, const char* buffer, size_t size, off_t offset,
             size_t* written);
   int Flush(fuse_req_t req, Open* open);
+  // close(2) of one descriptor: the opener's close flushes what the open
+  // wrote since its last flush; other closes do nothing.
+  int CloseDescriptor(fuse_req_t req, Open* open);
   void Release(Open* open);
   int OpenDirectory(fuse_req_t req, uint64_t node, Open** out);
   // Fills `buffer` from `offset`; with `plus` every entry carries its
@@ -137,6 +145,12 @@ class Drive {
   void AwaitAllClosed();
   void CloserLoop();
   void FinisherLoop();
+  // Queues what the flush of a close(2) left on the node to the closing
+  // thread, behind the ends before it; runs it at once without one.
+  void CloseLater(uint64_t node, std::function<void()> work);
+  void AwaitRoomToClose();
+  // Runs queued work on the closing thread; the rest it deferred, if any.
+  std::function<void()> RunWork(const std::function<void()>& work);
   // Runs Cleanup (the open's lent lock held); the rest it deferred, if any.
   std::function<void()> CleanupOf(Open* open, const std::string& path);
   void CloseAfterCleanup(Open* open, const std::string& path, const std::function<void()>& rest);
@@ -199,12 +213,21 @@ class Drive {
   // Leaf lock: nothing is called while it is held.
   std::mutex closeMutex_;  // guards the fields below up to finisher_
   std::condition_variable closeWake_, closeDone_;
-  std::deque<std::pair<Open*, std::string>> closeQueue_;  // released, not yet closed; with their paths
+  struct Closing {
+    Open* open;  // null: work that the flush of a close(2) left
+    uint64_t node;
+    std::string path;  // the open's path at its release
+    std::function<void()> work;
+  };
+  std::deque<Closing> closeQueue_;  // released, not yet cleaned up; flushes' work
+  // The queued end or flush that may run now (closeQueue_.end(): none).
+  std::deque<Closing>::iterator NextReady();
   std::unordered_multiset<uint64_t> closingNodes_;  // nodes of the queued, running and finishing ends
   bool closeStop_ = false;
   std::thread closer_;
   struct Finishing {
-    Open* open;
+    Open* open;  // null: a rest that a close(2) left, no CloseFile
+    uint64_t node;
     std::string path;
     std::function<void()> rest;
   };

@@ -2,6 +2,7 @@
 // thread (what a Cleanup left for later, and CloseFile), and the waits of
 // the requests that must come after it.
 #include <chrono>
+#include <unordered_set>
 
 #include "diag/trace.h"
 #include "platform/dokan/dokan_linux.h"
@@ -16,8 +17,12 @@ constexpr auto kWaitSlice = std::chrono::milliseconds(100);
 // Ends cleaned up and not yet finished at most: the closing thread goes on
 // while the device confirms the earlier ones, but never far ahead of it.
 constexpr size_t kMaxFinishing = 2;
+// Flushes of closes waiting for the closing thread at most: a program that
+// writes files faster than the device takes them waits at its close.
+constexpr size_t kMaxQueuedWork = 16;
 
-// The rest of the end whose Cleanup runs on this thread (closing thread only).
+// The rest of the end whose Cleanup (closing thread) or close(2) flush
+// (request thread) runs on this thread.
 thread_local std::function<void()>* tDeferredRest = nullptr;
 
 }  // namespace
@@ -26,6 +31,49 @@ bool DeferRestOfEnd(std::function<void()> rest) {
   if (!tDeferredRest || *tDeferredRest || !rest) return false;
   *tDeferredRest = std::move(rest);
   return true;
+}
+
+int Drive::CloseDescriptor(fuse_req_t req, Open* open) {
+  if (!open || open->directory) return 0;
+  // Only the opener's closes: a child that inherited the descriptor
+  // (`{ cmd1; cmd2; } > file`) ends while the opener may still write; the
+  // content goes whole at the opener's close, or at the end of the open.
+  ULONG opener;
+  {
+    std::lock_guard lock(open->mutex);
+    opener = open->info.ProcessId;
+  }
+  if (req && static_cast<ULONG>(fuse_req_ctx(req)->pid) != opener) return 0;
+  if (!open->unflushed.exchange(false)) return 0;
+  AwaitRoomToClose();
+  std::function<void()> rest;
+  tDeferredRest = &rest;
+  const int err = Flush(req, open);
+  tDeferredRest = nullptr;
+  if (rest) CloseLater(open->node, std::move(rest));
+  return err;
+}
+
+void Drive::AwaitRoomToClose() {
+  std::unique_lock lock(closeMutex_);
+  while (!closeDone_.wait_for(lock, kWaitSlice, [&] { return closeQueue_.size() < kMaxQueuedWork; }))
+    Trace(kTag, "Waiting for %zu ends and flushes", closeQueue_.size());
+}
+
+void Drive::CloseLater(uint64_t node, std::function<void()> work) {
+  {
+    std::lock_guard lock(closeMutex_);
+    if (closer_.joinable() && !closeStop_) {
+      closeQueue_.push_back({nullptr, node, {}, std::move(work)});
+      closingNodes_.insert(node);
+      work = nullptr;
+    }
+  }
+  if (!work) {
+    closeWake_.notify_all();
+    return;
+  }
+  work();  // the drive is going: no closing thread to leave it to
 }
 
 void Drive::StartCloser() {
@@ -67,7 +115,7 @@ void Drive::QueueClose(Open* open) {
   {
     std::lock_guard lock(closeMutex_);
     if (closer_.joinable() && !closeStop_) {
-      closeQueue_.emplace_back(open, std::move(path));
+      closeQueue_.push_back({open, open->node, std::move(path), {}});
       closingNodes_.insert(open->node);
       open = nullptr;
     }
@@ -104,31 +152,55 @@ void Drive::CloserLoop() {
   for (;;) {
     closeWake_.wait(lock, [this] { return closeStop_ || !closeQueue_.empty(); });
     if (closeQueue_.empty()) return;  // stopped, and nothing left
-    const uint64_t node = closeQueue_.front().first->node;
     // The ends of one file run one after the other; and the closing thread
     // stays close behind the finishing one.
+    auto ready = closeQueue_.end();
     while (!closeDone_.wait_for(lock, kWaitSlice, [&] {
-      return finishingNodes_.count(node) == 0 && finishQueue_.size() < kMaxFinishing;
+      ready = NextReady();
+      return ready != closeQueue_.end() && finishQueue_.size() < kMaxFinishing;
     }))
       Trace(kTag, "Waiting for the finish of %zu ends", finishQueue_.size());
-    auto [open, path] = std::move(closeQueue_.front());
-    closeQueue_.pop_front();
+    Closing next = std::move(*ready);
+    closeQueue_.erase(ready);
+    const uint64_t node = next.node;
+    closeDone_.notify_all();  // room for the next flush
     lock.unlock();
-    std::function<void()> rest = CleanupOf(open, path);
+    std::function<void()> rest = next.open ? CleanupOf(next.open, next.path) : RunWork(next.work);
     lock.lock();
     if (!rest && finishQueue_.empty() && finishingNodes_.empty()) {
       lock.unlock();
-      CloseAfterCleanup(open, path, nullptr);
+      if (next.open) CloseAfterCleanup(next.open, next.path, nullptr);
       lock.lock();
       closingNodes_.erase(closingNodes_.find(node));
       closeDone_.notify_all();
       continue;
     }
     // CloseFile stays in release order behind the rests before it.
-    finishQueue_.push_back({open, std::move(path), std::move(rest)});
+    finishQueue_.push_back({next.open, node, std::move(next.path), std::move(rest)});
     finishingNodes_.insert(node);
     closeWake_.notify_all();
   }
+}
+
+std::deque<Drive::Closing>::iterator Drive::NextReady() {
+  if (closeQueue_.empty() || finishingNodes_.count(closeQueue_.front().node) == 0) return closeQueue_.begin();
+  // The first waits for its file's rest (a release right after the flush of
+  // its close): a flush of another file may go first, so that its upload
+  // is sent while the device confirms; ends of opens keep their order.
+  std::unordered_set<uint64_t> before;
+  for (auto it = closeQueue_.begin(); it != closeQueue_.end(); ++it) {
+    if (!it->open && finishingNodes_.count(it->node) == 0 && before.count(it->node) == 0) return it;
+    before.insert(it->node);
+  }
+  return closeQueue_.end();
+}
+
+std::function<void()> Drive::RunWork(const std::function<void()>& work) {
+  std::function<void()> rest;
+  tDeferredRest = &rest;
+  work();
+  tDeferredRest = nullptr;
+  return rest;
 }
 
 void Drive::FinisherLoop() {
@@ -138,9 +210,12 @@ void Drive::FinisherLoop() {
     if (finishQueue_.empty()) return;  // stopped after the closing thread, nothing left
     Finishing next = std::move(finishQueue_.front());
     finishQueue_.pop_front();
-    const uint64_t node = next.open->node;
+    const uint64_t node = next.node;
     lock.unlock();
-    CloseAfterCleanup(next.open, next.path, next.rest);
+    if (next.open)
+      CloseAfterCleanup(next.open, next.path, next.rest);
+    else if (next.rest)
+      next.rest();
     lock.lock();
     finishingNodes_.erase(finishingNodes_.find(node));
     closingNodes_.erase(closingNodes_.find(node));

@@ -104,6 +104,7 @@ int Drive::Write(fuse_req_t req, Open* open, const char* buffer, size_t size, of
   End(open, di);
   if (int err = ErrnoOfStatus(status)) return err;
   *written = std::min<size_t>(done, size);
+  if (done) open->unflushed.store(true);
   return 0;
 }
 

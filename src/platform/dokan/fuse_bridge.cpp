@@ -180,9 +180,18 @@ void OnWrite(fuse_req_t req, fuse_ino_t ino, const char* buf, size_t size, off_t
   });
 }
 
-// close(2) of one descriptor: Windows has no call for it; the handle ends
-// with the last descriptor (release).
-void OnFlush(fuse_req_t req, fuse_ino_t, fuse_file_info*) { fuse_reply_err(req, 0); }
+// close(2) of one descriptor: Windows has no call for it and ends the
+// handle with the last descriptor (release), which the kernel sends after
+// close(2) has returned. Data written through the descriptor is flushed
+// here, so that it is where it belongs when close(2) returns, and a failure
+// is close(2)'s result.
+void OnFlush(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
+  Serve(req, "flush", ino, [&](bool& replied) {
+    const int err = DriveOf(req).CloseDescriptor(req, OpenOf(fi));
+    replied = true;
+    fuse_reply_err(req, err);
+  });
+}
 
 void OnFsync(fuse_req_t req, fuse_ino_t ino, int, fuse_file_info* fi) {
   Serve(req, "fsync", ino, [&](bool& replied) {

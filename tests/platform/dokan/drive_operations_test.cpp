@@ -317,6 +317,71 @@ TEST_F(DriveOperations, EndsWhoseRestWaitsLetTheNextCleanupRunAndKeepTheirOrder)
   EXPECT_LT(lastOpen, calls.size()) << OpNames(calls);
 }
 
+// close(2) of a descriptor that wrote hands the data to the file system
+// (FlushFileBuffers) and returns what it says; a descriptor that only read,
+// or closed before writing, costs no flush.
+TEST_F(DriveOperations, CloseOfADescriptorThatWroteFlushesItAndReportsTheFlushesFailure) {
+  ClearCalls();
+  ASSERT_EQ(0, Sh("echo a > " + At("x.txt") + " && cat " + At("x.txt") + " >/dev/null"));
+  const auto calls = CallsFor(Fs().Calls(), "\\x.txt");
+  std::vector<std::string> ops;
+  for (const FsCall& c : calls)
+    if (c.op == "WriteFile" || c.op == "FlushFileBuffers" || c.op == "Cleanup") ops.push_back(c.op);
+  // The shell's close of its first descriptor came before the write.
+  EXPECT_EQ((std::vector<std::string>{"WriteFile", "FlushFileBuffers", "Cleanup", "Cleanup"}), ops)
+      << OpNames(calls);
+  // A child that inherited the descriptor ends while the opener still
+  // writes: only the opener's close flushes, once the content is whole.
+  ClearCalls();
+  ASSERT_EQ(0, Sh("{ sh -c 'echo one'; echo two; } > " + At("y.txt")));
+  ops.clear();
+  for (const FsCall& c : CallsFor(Fs().Calls(), "\\y.txt"))
+    if (c.op == "WriteFile" || c.op == "FlushFileBuffers") ops.push_back(c.op);
+  EXPECT_EQ((std::vector<std::string>{"WriteFile", "WriteFile", "FlushFileBuffers"}), ops) << OpNames(Fs().Calls());
+
+  Fs().FailFlushesOf("\\full.txt");
+  std::string out;
+  EXPECT_NE(0, Sh("echo data > " + At("src.txt") + " && cp " + At("src.txt") + " " + At("full.txt") + " 2>&1", &out));
+  EXPECT_NE(std::string::npos, out.find("failed to close")) << out;
+  EXPECT_NE(std::string::npos, out.find("No space left on device")) << out;
+}
+
+// What the flush of a close leaves for later runs while the program goes
+// on; the file's next open and its end wait for it.
+TEST_F(DriveOperations, RestOfACloseRunsWhileTheProgramGoesOn) {
+  Fs().HoldFlushesOf("\\a.txt");
+  ClearCalls();
+  qb::sys::ChildProcess writer;
+  ASSERT_TRUE(qb::sys::SpawnProcess({"/bin/sh", "-c",
+                                     "echo a > " + At("a.txt") + " && echo b > " + At("b.txt") + " && cat " +
+                                         At("a.txt") + " > " + At("seen.txt")},
+                                    {}, &writer));
+  ASSERT_TRUE(WaitForCalls("\\b.txt", {"FlushFileBuffers"}));
+  Fs().ReleaseEnds();
+  int code = -1;
+  ASSERT_TRUE(writer.Wait(15000, &code));
+  EXPECT_EQ(0, code);
+  Sh("stat -f " + root_ + " >/dev/null");  // every end has run
+  std::string seen;
+  ASSERT_TRUE(Fs().Read("\\seen.txt", &seen));
+  EXPECT_EQ("a\n", seen);
+  const auto calls = Fs().Calls();
+  auto at = [&](const std::string& op, const std::string& path) {
+    for (size_t i = 0; i < calls.size(); ++i)
+      if (calls[i].op == op && calls[i].path == path) return i;
+    return calls.size();
+  };
+  const size_t rest = at("Rest", "\\a.txt");
+  ASSERT_LT(rest, calls.size()) << OpNames(calls);
+  EXPECT_LT(at("FlushFileBuffers", "\\b.txt"), rest) << OpNames(calls);
+  EXPECT_LT(rest, at("Cleanup", "\\a.txt")) << OpNames(calls);
+  size_t lastOpen = calls.size();
+  for (size_t i = 0; i < calls.size(); ++i)
+    if (calls[i].op == "ZwCreateFile" && calls[i].path == "\\a.txt") lastOpen = i;
+  EXPECT_LT(rest, lastOpen) << OpNames(calls);
+  EXPECT_LT(lastOpen, calls.size()) << OpNames(calls);
+}
+
 TEST_F(DriveOperations, CreateThatFindsTheFileIsSuccessForAlwaysDispositions) {
   ASSERT_TRUE(Fs().PutFile("\\x.txt", "first\n"));
   Fs().HideFromOpens("\\x.txt");  // the lookup misses it; the create finds it

@@ -131,17 +131,19 @@ NTSTATUS Create(LPCWSTR FileName, PDOKAN_IO_SECURITY_CONTEXT, ACCESS_MASK Desire
   return status;
 }
 
+// A rest that waits until the test lets it go.
+void LeaveHeldRest(MemFs* fs, const std::string& path, PDOKAN_FILE_INFO info) {
+  auto rest = [fs, path, info] {
+    fs->WaitWhileEndHeld(path);
+    fs->Record("Rest", path.c_str(), "", info);
+  };
+  if (!qb::dokan::DeferRestOfEnd(rest)) rest();
+}
+
 void Cleanup(LPCWSTR FileName, PDOKAN_FILE_INFO info) {
   MemFs* fs = FsOf(info);
   fs->Record("Cleanup", FileName, "", info);
-  if (fs->EndHeld(FileName)) {
-    const std::string path = FileName;
-    auto rest = [fs, path, info] {
-      fs->WaitWhileEndHeld(path);
-      fs->Record("Rest", path.c_str(), "", info);
-    };
-    if (!qb::dokan::DeferRestOfEnd(rest)) rest();
-  }
+  if (fs->EndHeld(FileName)) LeaveHeldRest(fs, FileName, info);
   std::lock_guard lock(fs->mutex_);
   std::shared_ptr<Node> node = NodeOf(info);
   if (!node || !info->DeleteOnClose) return;
@@ -196,7 +198,10 @@ NTSTATUS WriteFile(LPCWSTR FileName, LPCVOID Buffer, DWORD Length, LPDWORD Writt
 }
 
 NTSTATUS Flush(LPCWSTR FileName, PDOKAN_FILE_INFO info) {
-  FsOf(info)->Record("FlushFileBuffers", FileName, "", info);
+  MemFs* fs = FsOf(info);
+  fs->Record("FlushFileBuffers", FileName, "", info);
+  if (fs->FlushFails(FileName)) return STATUS_DISK_FULL;
+  if (fs->FlushHeld(FileName)) LeaveHeldRest(fs, FileName, info);
   return STATUS_SUCCESS;
 }
 
@@ -537,6 +542,28 @@ void MemFs::WaitWhileEndHeld(const std::string& path) {
 void MemFs::HoldEndsOf(const std::string& path) {
   std::lock_guard lock(gateMutex_);
   held_ = path;
+  holdFlushes_ = false;
+}
+
+void MemFs::HoldFlushesOf(const std::string& path) {
+  std::lock_guard lock(gateMutex_);
+  held_ = path;
+  holdFlushes_ = true;
+}
+
+bool MemFs::FlushHeld(const std::string& path) {
+  std::lock_guard lock(gateMutex_);
+  return holdFlushes_ && held_ == path;
+}
+
+void MemFs::FailFlushesOf(const std::string& path) {
+  std::lock_guard lock(gateMutex_);
+  failingFlush_ = path;
+}
+
+bool MemFs::FlushFails(const std::string& path) {
+  std::lock_guard lock(gateMutex_);
+  return failingFlush_ == path;
 }
 
 void MemFs::ReleaseEnds() {
@@ -549,7 +576,7 @@ void MemFs::ReleaseEnds() {
 
 bool MemFs::EndHeld(const std::string& path) {
   std::lock_guard lock(gateMutex_);
-  return held_ == path;
+  return !holdFlushes_ && held_ == path;
 }
 
 std::string CallLine(const FsCall& c) {

@@ -57,8 +57,14 @@ class MemFs {
   // (DeferRestOfEnd): a rest, recorded as "Rest", that waits (at most 10 s)
   // until ReleaseEnds.
   void HoldEndsOf(const std::string& path);
+  // The same for the FlushFileBuffers of a close(2) of `path`.
+  void HoldFlushesOf(const std::string& path);
   void ReleaseEnds();
   bool EndHeld(const std::string& path);
+  bool FlushHeld(const std::string& path);
+  // FlushFileBuffers of `path` fails with STATUS_DISK_FULL.
+  void FailFlushesOf(const std::string& path);
+  bool FlushFails(const std::string& path);
   void WaitWhileEndHeld(const std::string& path);
 
   struct Node;
@@ -77,6 +83,8 @@ class MemFs {
   std::condition_variable gateOpen_;
   std::string blocked_;
   std::string held_;  // under gateMutex_
+  bool holdFlushes_ = false;  // under gateMutex_: held_ names flushes, not Cleanups
+  std::string failingFlush_;  // under gateMutex_
 };
 
 // Parses a line written by the sink ("op|path|detail|deleteOnClose").
