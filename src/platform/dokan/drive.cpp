@@ -1,5 +1,6 @@
 #include "platform/dokan/drive.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -163,9 +164,34 @@ void Drive::CloseRemainingOpens() {
 
 Open* Drive::Register(std::unique_ptr<Open> open) {
   std::lock_guard lock(opensMutex_);
+  return ListLocked(std::move(open));
+}
+
+Open* Drive::ListLocked(std::unique_ptr<Open> open) {
   Open* raw = open.release();
   opens_.insert(raw);
   opensOfNode_.emplace(raw->node, raw);
+  return raw;
+}
+
+// A program that only writes a file (cp, tar, a shell's redirection) has
+// its data copied once into pages of the kernel's cache of the drive's
+// file and once more out of them to this process: half the kernel's work
+// of such a write, for pages nobody reads. Without the cache (FUSE
+// direct_io) the data comes straight from the writer's buffer. Only for
+// the node's only open: a reader that holds the file open keeps seeing
+// every write through the cache, on any kernel (kernels before 6.6 do not
+// drop the cached pages that a direct write changes). Pages cached by
+// earlier opens are dropped at the next open (no kept data).
+Open* Drive::RegisterFileOpen(std::unique_ptr<Open> open, int flags) {
+  const uint64_t node = open->node;
+  Open* raw = nullptr;
+  {
+    std::lock_guard lock(opensMutex_);  // the test and the entry are one step
+    open->directWrites = (flags & O_ACCMODE) == O_WRONLY && opensOfNode_.count(node) == 0;
+    raw = ListLocked(std::move(open));
+  }
+  if (raw->directWrites) nodes_.ForgetContent(node);
   return raw;
 }
 

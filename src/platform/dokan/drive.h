@@ -45,6 +45,9 @@ struct Open {
   DOKAN_FILE_INFO info;  // Context and flags of the open
   uint64_t node = 0;
   bool directory = false;
+  // Set at the open: its writes go to WriteFile without passing through
+  // the kernel's page cache of the file (see RegisterFileOpen).
+  bool directWrites = false;
   // Folder snapshot, taken at offset 0; replies share it, never copy it.
   std::shared_ptr<const Listing> listing;
   // Written since the opener's last close(2) of one of its descriptors:
@@ -165,6 +168,11 @@ class Drive {
   DOKAN_FILE_INFO Begin(fuse_req_t req, Open* open) const;
   void End(Open* open, const DOKAN_FILE_INFO& info) const;
   Open* Register(std::unique_ptr<Open> open);
+  Open* ListLocked(std::unique_ptr<Open> open);  // opensMutex_ held
+  // Register for an open of a file: a write-only open that is the node's
+  // only one writes past the kernel's page cache (directWrites), and the
+  // node's next open does not keep cached data.
+  Open* RegisterFileOpen(std::unique_ptr<Open> open, int flags);
   // Withdraws an open from the drive's lists; false when it was not there.
   bool Unregister(Open* open);
   void CloseOpen(Open* open);

@@ -44,7 +44,7 @@ int Drive::OpenFile(fuse_req_t req, uint64_t node, int flags, Open** out, bool* 
   *keepData = !(flags & O_TRUNC) && table_.GetInformation(path, &info, &open->info) == STATUS_SUCCESS &&
               nodes_.SameContent(node, StampOf(info));
   if (flags & O_TRUNC) nodes_.ForgetContent(node);
-  *out = Register(std::move(open));
+  *out = RegisterFileOpen(std::move(open), flags);
   return 0;
 }
 
@@ -75,7 +75,7 @@ int Drive::CreateFile(fuse_req_t req, uint64_t parent, const char* name, mode_t 
   nodes_.ForgetContent(node);
   open->node = node;
   EntryOf(node, info, e);
-  *out = Register(std::move(open));
+  *out = RegisterFileOpen(std::move(open), flags);
   return 0;
 }
 

@@ -140,6 +140,7 @@ void OnOpen(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
     }
     fi->fh = reinterpret_cast<uint64_t>(open);
     fi->keep_cache = keepData ? 1 : 0;
+    fi->direct_io = open->directWrites ? 1 : 0;
     if (fuse_reply_open(req, fi) != 0) drive.Abandon(open, false);
   });
 }
@@ -157,6 +158,7 @@ void OnCreate(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t mode, 
     }
     fi->fh = reinterpret_cast<uint64_t>(open);
     fi->keep_cache = 0;
+    fi->direct_io = open->directWrites ? 1 : 0;
     if (fuse_reply_create(req, &e, fi) != 0) drive.Abandon(open, true);
   });
 }

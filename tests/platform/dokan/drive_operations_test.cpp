@@ -234,6 +234,45 @@ TEST_F(DriveOperations, AppendsWriteToTheEndOfFile) {
                          {"ZwCreateFile", "WriteFile", "FlushFileBuffers"}));
 }
 
+// Lengths of the WriteFile calls of `path` since the last ClearCalls.
+std::vector<std::string> WriteLengths(MemFs& fs, const std::string& path) {
+  std::vector<std::string> lengths;
+  for (const FsCall& c : CallsFor(fs.Calls(), path))
+    if (c.op == "WriteFile") lengths.push_back(DetailValue(c, "len"));
+  return lengths;
+}
+
+// A write-only open that is the file's only one bypasses the kernel's page
+// cache: a 1 MiB write(2) from a page-aligned buffer at an offset inside a
+// page reaches WriteFile whole (through the page cache it would span 257
+// pages and come in two parts). With a reader holding the file open the
+// writes go through the cache, and the reader, a new open and the device
+// side all see every byte.
+TEST_F(DriveOperations, AWriteOnlyOpenAloneWritesPastThePageCacheAndReadersSeeEveryWrite) {
+  const std::string src = Quote((home_ / "src.bin").string()), src2 = Quote((home_ / "src2.bin").string());
+  const std::string want = Quote((home_ / "want.bin").string()), want2 = Quote((home_ / "want2.bin").string());
+  ASSERT_EQ(0, Sh("head -c 2097152 /dev/urandom > " + src + " && head -c 2097152 /dev/urandom > " + src2));
+  ASSERT_TRUE(Fs().PutFile("\\w.bin", std::string(100, 'a')));
+  ASSERT_EQ(0, Sh("{ printf %0100d 0 | tr 0 a; cat " + src + "; } > " + want + " && { printf %0100d 0 | tr 0 a; cat " +
+                  src2 + "; } > " + want2));
+  const std::string dd = " of=" + At("w.bin") + " bs=1M count=2 oflag=seek_bytes seek=100 conv=notrunc status=none";
+  ClearCalls();
+  ASSERT_EQ(0, Sh("dd if=" + src + dd + " && cmp " + want + " " + At("w.bin")));
+  EXPECT_EQ((std::vector<std::string>{"1048576", "1048576"}), WriteLengths(Fs(), "\\w.bin"));
+
+  ClearCalls();
+  // Both readers open before the write; the first fills the page cache.
+  ASSERT_EQ(0, Sh("exec 3< " + At("w.bin") + " 4< " + At("w.bin") + " && cmp " + want + " - <&3 && dd if=" + src2 + dd +
+                  " && cmp " + want2 + " - <&4 && cmp " + want2 + " " + At("w.bin")));
+  const auto lengths = WriteLengths(Fs(), "\\w.bin");
+  EXPECT_GT(lengths.size(), 2u) << "the reader's open must keep the writes in the page cache";
+  std::string content;
+  ASSERT_TRUE(Fs().Read("\\w.bin", &content));
+  std::string expected;
+  ASSERT_EQ(0, Sh("cat " + want2, &expected));
+  EXPECT_TRUE(content == expected);
+}
+
 TEST_F(DriveOperations, ChangesBehindTheKernelsBackShowAtOnceAfterInvalidation) {
   ASSERT_TRUE(Fs().PutFile("\\news.txt", "old\n"));
   std::string out;
