@@ -17,9 +17,10 @@ constexpr auto kWaitSlice = std::chrono::milliseconds(100);
 // Ends cleaned up and not yet finished at most: the closing thread goes on
 // while the device confirms the earlier ones, but never far ahead of it.
 constexpr size_t kMaxFinishing = 2;
-// Flushes of closes waiting for the closing thread at most: a program that
-// writes files faster than the device takes them waits at its close.
-constexpr size_t kMaxQueuedWork = 16;
+// Ends and flushes queued for the closing thread at most before a flush
+// queues its work: a program that writes files faster than the device
+// takes them waits at its close.
+constexpr size_t kMaxQueuedWork = 8;
 
 // The rest of the end whose Cleanup (closing thread) or close(2) flush
 // (request thread) runs on this thread.
