@@ -23,6 +23,7 @@ constexpr uint16_t kOpenSession = 0x1002;
 constexpr uint16_t kGetStorageInfo = 0x1005;
 constexpr uint16_t kGetObjectInfo = 0x1008;
 constexpr uint16_t kGetDevicePropValue = 0x1015;
+constexpr uint16_t kGetObjectPropsSupported = 0x9801;
 
 uint64_t CountOf(const std::map<uint16_t, uint64_t>& counts, uint16_t code) {
   auto it = counts.find(code);
@@ -187,6 +188,48 @@ TEST_F(EmulatedMtpDevice, StoragesAndPowerLevelReadAMomentAgoAreAskedAgainAfterA
   std::string newId;
   ASSERT_EQ(Upload(content_.get(), storages_[0], "space.bin", std::string(1 << 20, 'x'), &newId), S_OK);
   EXPECT_LT(freeSpace(), freeBefore) << "the free space read before the upload was used after it";
+}
+
+// Which properties a format's objects support is the device's own fixed
+// answer: asked in one session, then remembered beside the device's names
+// while its firmware stays the same. A file that does not read as written
+// is asked anew, and written again.
+TEST_F(EmulatedMtpDevice, WhichPropertiesAFormatSupportsIsAskedInOneSessionOnly) {
+  ASSERT_NO_FATAL_FAILURE(StartAndOpen());
+  // The questions that reading every property of the top level cost.
+  const auto questionsOfAFullRead = [this] {
+    const auto before = OperationCounts();
+    std::shared_ptr<qp::IPortableDeviceProperties> props;
+    EXPECT_EQ(content_->Properties(&props), S_OK);
+    std::vector<std::string> ids;
+    EXPECT_FALSE(ChildNames(content_.get(), storages_[0], &ids).empty());
+    for (const auto& id : ids) {
+      qp::PortableDeviceValues v;
+      EXPECT_EQ(props->GetValues(id, nullptr, &v), S_OK);
+    }
+    return CountOf(OperationCounts(), kGetObjectPropsSupported) - CountOf(before, kGetObjectPropsSupported);
+  };
+  const auto reopen = [this] {
+    content_.reset();
+    mtp_->Close();
+    qp::ReleaseIdleDevices();  // no session kept: a new one, as in a new process
+    mtp_ = OpenDevice();
+    ASSERT_TRUE(mtp_);
+    ASSERT_EQ(mtp_->Content(&content_), S_OK);
+  };
+  EXPECT_GT(questionsOfAFullRead(), 0u);
+  ASSERT_NO_FATAL_FAILURE(reopen());
+  EXPECT_EQ(questionsOfAFullRead(), 0u) << "a new session asked again";
+
+  fs::path remembered;
+  for (const auto& entry : fs::directory_iterator(home_->Path() / "local" / "Quillbox" / "MtpNames"))
+    if (entry.path().extension() == ".properties") remembered = entry.path();
+  ASSERT_FALSE(remembered.empty());
+  const std::string good = FileBytes(remembered);
+  std::ofstream(remembered, std::ios::app) << "12 not-a-format 1\n";
+  ASSERT_NO_FATAL_FAILURE(reopen());
+  EXPECT_GT(questionsOfAFullRead(), 0u) << "a file that does not read as written was used";
+  EXPECT_EQ(FileBytes(remembered), good);
 }
 
 // The storage's top level is read object by object (a phone has few

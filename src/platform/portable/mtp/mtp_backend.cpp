@@ -66,22 +66,29 @@ std::string OneLine(std::string s) {
   return s;
 }
 
-void Store(const Learned& d) {
-  const std::filesystem::path file = NamesFile(d.names.pnpId);
+// Replaces the file with `text` at once (another process reads it whole
+// or not at all).
+void ReplaceFile(const std::filesystem::path& file, const std::string& text) {
   std::error_code ec;
   std::filesystem::create_directories(file.parent_path(), ec);
   const std::filesystem::path temporary = file.string() + "." + std::to_string(getpid());
   {
     std::ofstream out(temporary, std::ios::trunc);
-    out << OneLine(d.names.friendlyName) << "\n" << OneLine(d.names.manufacturer) << "\n"
-        << OneLine(d.names.description) << "\n";
-    if (d.bus != 0)
-      out << "usb=" << d.bus << ":" << d.address << "\nstorages=" << d.storages << "\nprotocol="
-          << OneLine(d.protocol) << "\nserial=" << OneLine(d.serial) << "\n";
+    out << text;
     if (!out) return;
   }
   std::filesystem::rename(temporary, file, ec);
   if (ec) std::filesystem::remove(temporary, ec);
+}
+
+void Store(const Learned& d) {
+  std::ostringstream out;
+  out << OneLine(d.names.friendlyName) << "\n" << OneLine(d.names.manufacturer) << "\n"
+      << OneLine(d.names.description) << "\n";
+  if (d.bus != 0)
+    out << "usb=" << d.bus << ":" << d.address << "\nstorages=" << d.storages << "\nprotocol="
+        << OneLine(d.protocol) << "\nserial=" << OneLine(d.serial) << "\n";
+  ReplaceFile(NamesFile(d.names.pnpId), out.str());
 }
 
 // The table's facts after the names: all four lines, or none of them.
@@ -206,18 +213,41 @@ void RememberDevice(const std::string& pnpId, const MtpDeviceFacts& facts, uint3
   Remember(d);
 }
 
-void RecordDeviceHolder(const std::string& pnpId) {
-  const std::filesystem::path file = HolderFile(pnpId);
-  std::error_code ec;
-  std::filesystem::create_directories(file.parent_path(), ec);
-  const std::filesystem::path temporary = file.string() + "." + std::to_string(getpid());
-  {
-    std::ofstream out(temporary, std::ios::trunc);
-    out << getpid() << "\n";
-    if (!out) return;
+void RecordDeviceHolder(const std::string& pnpId) { ReplaceFile(HolderFile(pnpId), std::to_string(getpid()) + "\n"); }
+
+namespace {
+
+// "firmware=<version>", then a line "<property> <format> <0|1>" per answer.
+std::filesystem::path PropertiesFile(const std::string& pnpId) { return NamesFile(pnpId).string() + ".properties"; }
+
+}  // namespace
+
+PropertySupport RecallPropertySupport(const std::string& pnpId, const std::string& firmware) {
+  std::ifstream in(PropertiesFile(pnpId));
+  std::string line;
+  if (!in || !std::getline(in, line)) return {};
+  if (line != "firmware=" + OneLine(firmware)) return {};  // another firmware may support others
+  PropertySupport support;
+  while (std::getline(in, line)) {
+    std::istringstream fields(line);
+    int property = 0;
+    unsigned format = 0, supported = 2;
+    std::string rest;
+    if (!(fields >> property >> format >> supported) || supported > 1 || format > 0xFFFF || (fields >> rest)) {
+      Trace("MB3@RecallPropertySupport: ", "ignored: \"%s\" of %s does not read as written", line.c_str(),
+            PropertiesFile(pnpId).c_str());
+      return {};
+    }
+    support[{property, static_cast<uint16_t>(format)}] = supported == 1;
   }
-  std::filesystem::rename(temporary, file, ec);
-  if (ec) std::filesystem::remove(temporary, ec);
+  return support;
+}
+
+void RememberPropertySupport(const std::string& pnpId, const std::string& firmware, const PropertySupport& support) {
+  std::ostringstream out;
+  out << "firmware=" << OneLine(firmware) << "\n";
+  for (const auto& [key, supported] : support) out << key.first << " " << key.second << " " << (supported ? 1 : 0) << "\n";
+  ReplaceFile(PropertiesFile(pnpId), out.str());
 }
 
 void ForgetDeviceHolder(const std::string& pnpId) {

@@ -3,7 +3,9 @@
 #ifdef QUILLBOX_HAVE_LIBMTP
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
+#include <utility>
 
 #include "platform/portable/mtp/mtp_values.h"
 
@@ -18,6 +20,14 @@ void RememberDevice(const std::string& pnpId, const MtpDeviceFacts& facts, uint3
 // not help. Written when a session opens, removed when it closes; a holder
 // that died counts as none.
 void RecordDeviceHolder(const std::string& pnpId);
+// Whether the device's objects of a format support a property (keyed by
+// property and format code), as the device answered in earlier sessions:
+// kept beside its names while its firmware version stays the same, so that
+// a session need not ask again. A file that does not read as written is
+// ignored (and written anew with the next answer).
+using PropertySupport = std::map<std::pair<int, uint16_t>, bool>;
+PropertySupport RecallPropertySupport(const std::string& pnpId, const std::string& firmware);
+void RememberPropertySupport(const std::string& pnpId, const std::string& firmware, const PropertySupport& support);
 void ForgetDeviceHolder(const std::string& pnpId);
 bool HeldByAnotherProcess(const std::string& pnpId);
 }  // namespace qb::portable::mtp

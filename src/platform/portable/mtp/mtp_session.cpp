@@ -491,11 +491,18 @@ HRESULT MtpSession::ObjectLocked(LIBMTP_mtpdevice_t* device, uint32_t handle, Mt
 
 bool MtpSession::PropertySupportedLocked(LIBMTP_mtpdevice_t* device, LIBMTP_property_t property, uint16_t formatCode) {
   auto key = std::make_pair(static_cast<int>(property), formatCode);
+  if (!propertySupportRecalled_) {
+    // Each answer costs the device a round trip, every session anew.
+    propertySupportRecalled_ = true;
+    for (const auto& [k, v] : RecallPropertySupport(pnpId_, facts_.firmwareVersion)) propertySupport_.emplace(k, v);
+  }
   auto it = propertySupport_.find(key);
   if (it != propertySupport_.end()) return it->second;
   bool ok = LIBMTP_Is_Property_Supported(device, property, FiletypeOfFormatCode(formatCode)) > 0;
+  const bool answered = LIBMTP_Get_Errorstack(device) == nullptr;
   LIBMTP_Clear_Errorstack(device);
   propertySupport_[key] = ok;
+  if (answered) RememberPropertySupport(pnpId_, facts_.firmwareVersion, propertySupport_);
   return ok;
 }
 

@@ -183,6 +183,7 @@ class MtpSession {
   std::timed_mutex device_;
   LIBMTP_mtpdevice_t* handle_ = nullptr;
   std::map<std::pair<int, uint16_t>, bool> propertySupport_;
+  bool propertySupportRecalled_ = false;  // what earlier sessions learned is in propertySupport_
   bool puoidWorks_ = true;  // cleared when the device answers without one
   bool primeTried_ = false;  // PrimeObjectCopyLocked ran in this libmtp session
   bool primed_ = false;      // and libmtp's copy came from one whole-device list
