@@ -58,8 +58,8 @@ void ReadValues(const Key& key, ProfileRequest* r, bool placeholders) {
   ReadTrimmed(key, "IgnoredStoragesList", r->sIgnoredStoragesList, r->nIgnoredStoragesListCapacity);
 }
 
-void WriteDword(Key& key, const char* name, const DWORD* value) {
-  if (value) key.SetDword(name, *value);
+void AddDword(std::vector<Key::NewValue>* values, const char* name, const DWORD* value) {
+  if (value) values->push_back(Key::DwordValue(name, *value));
 }
 
 }  // namespace
@@ -102,19 +102,24 @@ bool WriteProfile(const ProfileRequest* request, bool forceLetters) {
   const std::string path = ProfileKeyPath(request->sFriendlyName, request->sSerialNumber);
   if (key.Create(HKEY_CURRENT_USER, path, KEY_READ | KEY_WRITE, &created) != ERROR_SUCCESS)
     return Returned(tag, "RETURN[2]: ", false);
+  // One write of the settings file for the whole profile (each value on
+  // its own rewrote and synced the file).
+  std::vector<Key::NewValue> values;
   if (request->sFormatString && !request->sFormatString->empty())
-    key.SetString("FormatString", *request->sFormatString);
+    values.push_back(Key::StringValue("FormatString", *request->sFormatString));
   if (created || forceLetters) {
     for (int card = 1; card <= 4; ++card) {
       const char* letter = request->pDriveLetter[card - 1];
-      if (letter && *letter) key.SetString(DriveLetterValueName(card), std::string(1, qb::ToUpperAZ(*letter)));
+      if (letter && *letter)
+        values.push_back(Key::StringValue(DriveLetterValueName(card), std::string(1, qb::ToUpperAZ(*letter))));
     }
   }
-  WriteDword(key, "IfDriveLetterUnavailable", request->pdwIfDriveLetterUnavailable);
-  WriteDword(key, "FileSystem", request->pdwFileSystem);
-  WriteDword(key, "AutoMap", request->pdwAutoMap);
-  WriteDword(key, "Ignore", request->pdwIgnore);
-  WriteDword(key, "MultiCardSupport", request->pdwMultiCardSupport);
-  if (request->sAlias && !request->sAlias->empty()) key.SetString("Alias", *request->sAlias);
+  AddDword(&values, "IfDriveLetterUnavailable", request->pdwIfDriveLetterUnavailable);
+  AddDword(&values, "FileSystem", request->pdwFileSystem);
+  AddDword(&values, "AutoMap", request->pdwAutoMap);
+  AddDword(&values, "Ignore", request->pdwIgnore);
+  AddDword(&values, "MultiCardSupport", request->pdwMultiCardSupport);
+  if (request->sAlias && !request->sAlias->empty()) values.push_back(Key::StringValue("Alias", *request->sAlias));
+  if (key.SetValues(std::move(values)) != ERROR_SUCCESS) return Returned(tag, "RETURN[4]: ", false);
   return Returned(tag, "RETURN[3]: ", true);
 }

@@ -96,6 +96,16 @@ class Key {
   DWORD SetString(std::string_view name, std::string_view text);
   DWORD SetDword(std::string_view name, DWORD value);
   DWORD SetQword(std::string_view name, uint64_t value);
+  // Several RegSetValueEx as one change of the hive, which is written once:
+  // all of them are set, or none when one is refused.
+  struct NewValue {
+    std::string name;
+    DWORD type;
+    std::vector<uint8_t> data;
+  };
+  DWORD SetValues(std::vector<NewValue> values);
+  static NewValue StringValue(std::string name, std::string_view text);
+  static NewValue DwordValue(std::string name, DWORD value);
   // RegDeleteValue.
   DWORD DeleteValue(std::string_view name);
 

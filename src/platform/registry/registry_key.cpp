@@ -225,26 +225,40 @@ DWORD Key::GetQword(std::string_view name, uint64_t* value) const {
 }
 
 DWORD Key::SetValue(std::string_view name, DWORD type, const void* data, size_t size) {
+  if (size && !data) return ERROR_INVALID_PARAMETER;
+  return SetValues({NewValue{std::string(name), type, Bytes(data, size)}});
+}
+
+DWORD Key::SetValues(std::vector<NewValue> values) {
   if (DWORD rc = RequireWrite(KEY_SET_VALUE)) return rc;
-  if (!ValidValueName(name) || (size && !data)) return ERROR_INVALID_PARAMETER;
-  std::vector<uint8_t> bytes = Bytes(data, size);
-  if (type == REG_SZ || type == REG_EXPAND_SZ)
-    while (!bytes.empty() && bytes.back() == 0) bytes.pop_back();  // callers may pass the terminator
+  for (NewValue& v : values) {
+    if (!ValidValueName(v.name)) return ERROR_INVALID_PARAMETER;
+    if (v.type == REG_SZ || v.type == REG_EXPAND_SZ)
+      while (!v.data.empty() && v.data.back() == 0) v.data.pop_back();  // callers may pass the terminator
+  }
   return ChangeHive(hive_, [&](HiveKey& tree, bool* changed) {
     HiveKey* key = Resolve(tree, path_);
     if (!key) return ERROR_KEY_DELETED;
-    HiveValue* value = key->FindValue(name);
-    if (!value) {
-      key->values.push_back(HiveValue{std::string(name), type, std::move(bytes)});
-      *changed = true;
-    } else if (value->type != type || value->data != bytes) {
-      value->type = type;
-      value->data = std::move(bytes);
-      *changed = true;
+    for (NewValue& v : values) {
+      HiveValue* value = key->FindValue(v.name);
+      if (!value) {
+        key->values.push_back(HiveValue{v.name, v.type, std::move(v.data)});
+        *changed = true;
+      } else if (value->type != v.type || value->data != v.data) {
+        value->type = v.type;
+        value->data = std::move(v.data);
+        *changed = true;
+      }
     }
     return ERROR_SUCCESS;
   });
 }
+
+Key::NewValue Key::StringValue(std::string name, std::string_view text) {
+  return {std::move(name), REG_SZ, std::vector<uint8_t>(text.begin(), text.end())};
+}
+
+Key::NewValue Key::DwordValue(std::string name, DWORD value) { return {std::move(name), REG_DWORD, LittleEndian(value, 4)}; }
 
 DWORD Key::SetString(std::string_view name, std::string_view text) {
   return SetValue(name, REG_SZ, text.data(), text.size());

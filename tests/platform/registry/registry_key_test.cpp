@@ -73,6 +73,33 @@ TEST_F(RegistryKey, ValuesOfEveryTypeSurviveInTheFile) {
   EXPECT_EQ(again.GetDword("Missing", &d), ERROR_FILE_NOT_FOUND);
 }
 
+// Several values set at once land together or not at all.
+TEST_F(RegistryKey, ValuesSetTogetherAreAllSetOrNoneIs) {
+  Key key;
+  ASSERT_EQ(key.Create(HKEY_CURRENT_USER, "SOFTWARE\\Quillbox\\Profiles\\Phone", KEY_ALL_ACCESS), ERROR_SUCCESS);
+  ASSERT_EQ(key.SetDword("AutoMap", 1), ERROR_SUCCESS);
+  const std::string before = qbtest::ReadText(qb::sys::UserHivePath());
+  EXPECT_EQ(key.SetValues({Key::StringValue("FormatString", "<P><O>"), Key::DwordValue("Bad\nName", 2),
+                           Key::DwordValue("AutoMap", 0)}),
+            ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(qbtest::ReadText(qb::sys::UserHivePath()), before);
+
+  EXPECT_EQ(key.SetValues({Key::StringValue("FormatString", "<P><O>"), Key::DwordValue("AutoMap", 0),
+                           Key::StringValue("Alias", std::string("x\0", 2))}),
+            ERROR_SUCCESS);
+  Key again;
+  ASSERT_EQ(again.Open(HKEY_CURRENT_USER, "SOFTWARE\\Quillbox\\Profiles\\Phone", KEY_READ), ERROR_SUCCESS);
+  std::string text;
+  DWORD value = 9;
+  EXPECT_EQ(again.GetString("FormatString", &text), ERROR_SUCCESS);
+  EXPECT_EQ(text, "<P><O>");
+  EXPECT_EQ(again.GetDword("AutoMap", &value), ERROR_SUCCESS);
+  EXPECT_EQ(value, 0u);
+  EXPECT_EQ(again.GetString("Alias", &text), ERROR_SUCCESS);
+  EXPECT_EQ(text, "x");  // a terminator passed along is not part of the text
+  EXPECT_EQ(again.SetValues({Key::DwordValue("AutoMap", 1)}), ERROR_ACCESS_DENIED);
+}
+
 TEST_F(RegistryKey, MissingKeysAndHandlesAnswerWin32Codes) {
   Key key;
   EXPECT_EQ(key.Open(HKEY_CURRENT_USER, "SOFTWARE\\Nothing", KEY_READ), ERROR_FILE_NOT_FOUND);
