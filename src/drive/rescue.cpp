@@ -54,6 +54,19 @@ fs::path FreeName(const fs::path& wanted) {
   return {};
 }
 
+// Copies under a hidden name beside `to` first: the rescued file appears
+// whole or not at all (a full disk leaves no half of it).
+bool CopyWhole(const fs::path& from, const fs::path& to, std::error_code* ec) {
+  const fs::path copying = to.parent_path() / ("." + to.filename().string() + ".rescuing");
+  if (fs::copy_file(from, copying, fs::copy_options::overwrite_existing, *ec)) {
+    fs::rename(copying, to, *ec);
+    if (!*ec) return true;
+  }
+  std::error_code ignored;
+  fs::remove(copying, ignored);
+  return false;
+}
+
 void TellUser(DriveState* state, const std::string& text) {
   if (state->hooks.fnShowMessage)
     state->hooks.fnShowMessage(text);
@@ -74,7 +87,7 @@ std::string RescueContent(DriveState* state, const std::string& localPath, const
   fs::path target = RescueTarget(state, drivePath);
   fs::create_directories(target.parent_path(), ec);
   target = FreeName(target);
-  if (target.empty() || !fs::copy_file(localPath, target, fs::copy_options::none, ec)) {
+  if (target.empty() || !CopyWhole(localPath, target, &ec)) {
     Trace(kTag, "Cannot rescue \"%s\" (%s): %s", drivePath.c_str(), reason, ec.message().c_str());
     TellUser(state, "Quillbox: the content of \"" + drivePath + "\" did not reach the device (" + reason +
                         ") and could not be rescued: " + ec.message() + ". The copy stays at \"" + localPath +
