@@ -51,8 +51,8 @@ struct Open {
   // Folder snapshot, taken at offset 0; replies share it, never copy it.
   std::shared_ptr<const Listing> listing;
   // Written since the opener's last close(2) of one of its descriptors:
-  // that close hands the data to the file system (FlushFileBuffers), so
-  // that the program learns whether it arrived.
+  // that close hands the data to the file system (FlushFileBuffers)
+  // before it returns.
   std::atomic<bool> unflushed{false};
   // Held shared while another request of the node borrows this open; the
   // end of the open waits for it (a borrower makes one call).

@@ -184,9 +184,9 @@ void OnWrite(fuse_req_t req, fuse_ino_t ino, const char* buf, size_t size, off_t
 
 // close(2) of one descriptor: Windows has no call for it and ends the
 // handle with the last descriptor (release), which the kernel sends after
-// close(2) has returned. Data written through the descriptor is flushed
-// here, so that it is where it belongs when close(2) returns, and a failure
-// is close(2)'s result.
+// close(2) has returned. The opener's close of an open that wrote hands
+// the data to the file system here (FlushFileBuffers), before close(2)
+// returns; what it answers is close(2)'s result.
 void OnFlush(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
   Serve(req, "flush", ino, [&](bool& replied) {
     const int err = DriveOf(req).CloseDescriptor(req, OpenOf(fi));
