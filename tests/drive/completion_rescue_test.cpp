@@ -61,8 +61,12 @@ TEST_F(WriteSideTest, RescuedContentNeverReplacesAnEarlierRescue) {
   EXPECT_EQ(fs::path(two).parent_path(), folder);
   EXPECT_EQ(fs::path(two).extension(), ".jpg");
   EXPECT_EQ(fs::path(two).filename().string().rfind("a (", 0), 0u) << two;
-  // A copy that cannot be read is reported, not invented.
+  // A copy that cannot be read is reported, not invented, and leaves
+  // nothing half-made behind.
   EXPECT_EQ(qb::drive::RescueContent(&state_, (home_ / "missing").string(), "\\x.txt", "test"), "");
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder), {}), 3);
+  for (const auto& entry : fs::directory_iterator(folder.parent_path()))
+    EXPECT_NE(entry.path().filename().string()[0], '.') << entry.path();
 }
 
 // The device's reports of added objects change the tree without asking the

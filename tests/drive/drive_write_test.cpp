@@ -288,9 +288,16 @@ TEST_F(DriveWriteTest, FailedTransferKeepsTheContentInTheRescueFolderAndFsyncRep
   // Without fsync the close succeeds; the content is rescued all the same,
   // next to the earlier one, with the time in its name.
   ASSERT_EQ(Sh("cp " + Quote(src) + " \"$D/doc/synced.bin\" 2>&1", &out), 0) << out;
-  EXPECT_TRUE(WaitUntil([&] { return std::distance(fs::directory_iterator(Rescued() / "doc"), {}) == 2; },
-                        kDeviceLimitMs));
-  for (const auto& entry : fs::directory_iterator(Rescued() / "doc")) EXPECT_TRUE(ReadText(entry.path()) == ReadText(src)) << entry.path();
+  // A rescue is copied under a hidden name and shows once whole.
+  const auto shown = [&] {
+    std::vector<fs::path> files;
+    for (const auto& entry : fs::directory_iterator(Rescued() / "doc"))
+      if (entry.path().filename().string()[0] != '.') files.push_back(entry.path());
+    return files;
+  };
+  EXPECT_TRUE(WaitUntil([&] { return shown().size() == 2; }, kDeviceLimitMs));
+  for (const auto& file : shown()) EXPECT_TRUE(ReadText(file) == ReadText(src)) << file;
+  EXPECT_EQ(std::distance(fs::directory_iterator(Rescued() / "doc"), {}), 2) << "a copy was left half-made";
   EXPECT_FALSE(fs::exists(Storage() / "doc" / "synced.bin"));
   EXPECT_TRUE(fs::is_empty(device_ / ".partial") || !fs::exists(device_ / ".partial"));
   // The rescue folder outlives the unmount; the trace names it.
