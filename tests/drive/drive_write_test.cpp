@@ -41,6 +41,19 @@ class DriveWriteTest : public DriveTest {
     spec.storages[0].freeSpace = freeBytes;
     ASSERT_TRUE(sim::WriteDevice(spec, &error)) << error;
   }
+  // Mounts, writes `text` into a new file of the drive through a
+  // descriptor of this process that stays open (*fd), then takes the
+  // device offline.
+  void WriteThenGoOffline(const std::string& name, const std::string& text, int* fd) {
+    ASSERT_TRUE(Mount());
+    ASSERT_EQ(Sh("ls \"$D\" >/dev/null"), 0);
+    *fd = ::open((Drive() + "/" + name).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ASSERT_GE(*fd, 0) << std::strerror(errno);
+    ASSERT_EQ(::write(*fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    sim::Faults offline;
+    offline.offline = true;
+    SetFaults(offline);
+  }
   std::string Sums(const std::string& folder) {
     std::string out;
     EXPECT_EQ(Sh("cd " + folder + " && " + kSums, &out), 0) << out;
@@ -307,16 +320,10 @@ TEST_F(DriveWriteTest, FailedTransferKeepsTheContentInTheRescueFolderAndFsyncRep
 }
 
 TEST_F(DriveWriteTest, ContentOfAnOfflineDeviceIsRescued) {
-  ASSERT_TRUE(Mount());
-  ASSERT_EQ(Sh("ls \"$D\" >/dev/null"), 0);
   // The file is written while the device is there and closed once it is
   // gone.
-  const int fd = ::open((Drive() + "/note.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  ASSERT_GE(fd, 0) << std::strerror(errno);
-  ASSERT_EQ(::write(fd, "written before\n", 15), 15);
-  sim::Faults offline;
-  offline.offline = true;
-  SetFaults(offline);
+  int fd = -1;
+  ASSERT_NO_FATAL_FAILURE(WriteThenGoOffline("note.txt", "written before\n", &fd));
   EXPECT_EQ(::close(fd), 0) << std::strerror(errno);
   EXPECT_TRUE(WaitUntil([&] { return fs::exists(Rescued() / "note.txt"); }, kDeviceLimitMs));
   EXPECT_EQ(ReadText(Rescued() / "note.txt"), "written before\n");
@@ -343,16 +350,10 @@ TEST_F(DriveWriteTest, DeviceRemovedDuringAnUploadKeepsTheContent) {
 }
 
 TEST_F(DriveWriteTest, FileStillOpenWhenTheInstanceEndsIsRescued) {
-  ASSERT_TRUE(Mount());
-  ASSERT_EQ(Sh("ls \"$D\" >/dev/null"), 0);
   // A program keeps the file open, written and never closed, while the
   // drive goes.
-  const int fd = ::open((Drive() + "/held.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  ASSERT_GE(fd, 0) << std::strerror(errno);
-  ASSERT_EQ(::write(fd, "still open\n", 11), 11);
-  sim::Faults offline;
-  offline.offline = true;
-  SetFaults(offline);
+  int fd = -1;
+  ASSERT_NO_FATAL_FAILURE(WriteThenGoOffline("held.txt", "still open\n", &fd));
   EXPECT_EQ(Unmount(), 0);
   ::close(fd);
   ASSERT_TRUE(fs::exists(Rescued() / "held.txt"));

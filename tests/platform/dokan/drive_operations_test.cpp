@@ -8,7 +8,45 @@
 namespace qbtest {
 namespace {
 
-class DriveOperations : public MountedDriveTest {};
+class DriveOperations : public MountedDriveTest {
+ protected:
+  // One shell writes a.txt, then b.txt, then copies a.txt to seen.txt,
+  // while what was held of a.txt waits; it is let go once b.txt's `op`
+  // reached the table. The calls, after every end has run.
+  void WriteTwoWhileTheFirstIsHeld(const std::string& op, std::vector<FsCall>* calls) {
+    ClearCalls();
+    qb::sys::ChildProcess writer;
+    ASSERT_TRUE(qb::sys::SpawnProcess({"/bin/sh", "-c",
+                                       "echo a > " + At("a.txt") + " && echo b > " + At("b.txt") + " && cat " +
+                                           At("a.txt") + " > " + At("seen.txt")},
+                                      {}, &writer));
+    ASSERT_TRUE(WaitForCalls("\\b.txt", {op}));
+    Fs().ReleaseEnds();
+    int code = -1;
+    ASSERT_TRUE(writer.Wait(15000, &code));
+    EXPECT_EQ(0, code);
+    Sh("stat -f " + root_ + " >/dev/null");  // every end has run
+    std::string seen;
+    ASSERT_TRUE(Fs().Read("\\seen.txt", &seen));
+    EXPECT_EQ("a\n", seen);
+    *calls = Fs().Calls();
+  }
+};
+
+// Position of the first call `op` of `path` (calls.size() when missing).
+size_t PositionOf(const std::vector<FsCall>& calls, const std::string& op, const std::string& path) {
+  for (size_t i = 0; i < calls.size(); ++i)
+    if (calls[i].op == op && calls[i].path == path) return i;
+  return calls.size();
+}
+
+// Position of the last open of `path` (calls.size() when none).
+size_t LastOpenOf(const std::vector<FsCall>& calls, const std::string& path) {
+  size_t last = calls.size();
+  for (size_t i = 0; i < calls.size(); ++i)
+    if (calls[i].op == "ZwCreateFile" && calls[i].path == path) last = i;
+  return last;
+}
 
 TEST_F(DriveOperations, CopyInAndOutKeepsTheBytesAndOpensAsWindowsWould) {
   const std::string local = (home_ / "src.bin").string();
@@ -321,37 +359,16 @@ TEST_F(DriveOperations, RequestsRunOnSeveralThreadsWithoutSingleThread) {
 // for its rest.
 TEST_F(DriveOperations, EndsWhoseRestWaitsLetTheNextCleanupRunAndKeepTheirOrder) {
   Fs().HoldEndsOf("\\a.txt");
-  ClearCalls();
-  qb::sys::ChildProcess writer;
-  ASSERT_TRUE(qb::sys::SpawnProcess({"/bin/sh", "-c",
-                                     "echo a > " + At("a.txt") + " && echo b > " + At("b.txt") + " && cat " +
-                                         At("a.txt") + " > " + At("seen.txt")},
-                                    {}, &writer));
-  ASSERT_TRUE(WaitForCalls("\\b.txt", {"Cleanup"}));
-  Fs().ReleaseEnds();
-  int code = -1;
-  ASSERT_TRUE(writer.Wait(15000, &code));
-  EXPECT_EQ(0, code);
-  Sh("stat -f " + root_ + " >/dev/null");  // every end has run
-  std::string seen;
-  ASSERT_TRUE(Fs().Read("\\seen.txt", &seen));
-  EXPECT_EQ("a\n", seen);
-  const auto calls = Fs().Calls();
-  // Position of the n-th call `op` of `path` (calls.size() when missing).
-  auto at = [&](const std::string& op, const std::string& path, int n = 1) {
-    for (size_t i = 0; i < calls.size(); ++i)
-      if (calls[i].op == op && calls[i].path == path && --n == 0) return i;
-    return calls.size();
-  };
+  std::vector<FsCall> calls;
+  ASSERT_NO_FATAL_FAILURE(WriteTwoWhileTheFirstIsHeld("Cleanup", &calls));
+  auto at = [&](const std::string& op, const std::string& path) { return PositionOf(calls, op, path); };
   const size_t rest = at("Rest", "\\a.txt");
   ASSERT_LT(rest, calls.size()) << OpNames(calls);
   EXPECT_LT(at("Cleanup", "\\b.txt"), rest) << OpNames(calls);
   EXPECT_LT(rest, at("CloseFile", "\\a.txt")) << OpNames(calls);
   EXPECT_LT(at("CloseFile", "\\a.txt"), at("CloseFile", "\\b.txt")) << OpNames(calls);
   // cat's open of a.txt (its last open) came after the rest of the end before.
-  size_t lastOpen = calls.size();
-  for (size_t i = 0; i < calls.size(); ++i)
-    if (calls[i].op == "ZwCreateFile" && calls[i].path == "\\a.txt") lastOpen = i;
+  const size_t lastOpen = LastOpenOf(calls, "\\a.txt");
   EXPECT_LT(rest, lastOpen) << OpNames(calls);
   EXPECT_LT(lastOpen, calls.size()) << OpNames(calls);
 }
@@ -395,34 +412,14 @@ TEST_F(DriveOperations, CloseOfADescriptorThatWroteFlushesItAndReportsTheFlushes
 // on; the file's next open and its end wait for it.
 TEST_F(DriveOperations, RestOfACloseRunsWhileTheProgramGoesOn) {
   Fs().HoldFlushesOf("\\a.txt");
-  ClearCalls();
-  qb::sys::ChildProcess writer;
-  ASSERT_TRUE(qb::sys::SpawnProcess({"/bin/sh", "-c",
-                                     "echo a > " + At("a.txt") + " && echo b > " + At("b.txt") + " && cat " +
-                                         At("a.txt") + " > " + At("seen.txt")},
-                                    {}, &writer));
-  ASSERT_TRUE(WaitForCalls("\\b.txt", {"FlushFileBuffers"}));
-  Fs().ReleaseEnds();
-  int code = -1;
-  ASSERT_TRUE(writer.Wait(15000, &code));
-  EXPECT_EQ(0, code);
-  Sh("stat -f " + root_ + " >/dev/null");  // every end has run
-  std::string seen;
-  ASSERT_TRUE(Fs().Read("\\seen.txt", &seen));
-  EXPECT_EQ("a\n", seen);
-  const auto calls = Fs().Calls();
-  auto at = [&](const std::string& op, const std::string& path) {
-    for (size_t i = 0; i < calls.size(); ++i)
-      if (calls[i].op == op && calls[i].path == path) return i;
-    return calls.size();
-  };
+  std::vector<FsCall> calls;
+  ASSERT_NO_FATAL_FAILURE(WriteTwoWhileTheFirstIsHeld("FlushFileBuffers", &calls));
+  auto at = [&](const std::string& op, const std::string& path) { return PositionOf(calls, op, path); };
   const size_t rest = at("Rest", "\\a.txt");
   ASSERT_LT(rest, calls.size()) << OpNames(calls);
   EXPECT_LT(at("FlushFileBuffers", "\\b.txt"), rest) << OpNames(calls);
   EXPECT_LT(rest, at("Cleanup", "\\a.txt")) << OpNames(calls);
-  size_t lastOpen = calls.size();
-  for (size_t i = 0; i < calls.size(); ++i)
-    if (calls[i].op == "ZwCreateFile" && calls[i].path == "\\a.txt") lastOpen = i;
+  const size_t lastOpen = LastOpenOf(calls, "\\a.txt");
   EXPECT_LT(rest, lastOpen) << OpNames(calls);
   EXPECT_LT(lastOpen, calls.size()) << OpNames(calls);
 }
