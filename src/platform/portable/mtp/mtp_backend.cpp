@@ -24,6 +24,7 @@
 #include "platform/portable/mtp/mtp_keeper.h"
 #include "platform/portable/mtp/mtp_session.h"
 #include "platform/portable/mtp/mtp_usb.h"
+#include "platform/portable/sim_ini.h"
 #endif
 
 namespace qb::portable::mtp {
@@ -67,18 +68,11 @@ std::string OneLine(std::string s) {
 }
 
 // Replaces the file with `text` at once (another process reads it whole
-// or not at all).
+// or not at all), making its folder first.
 void ReplaceFile(const std::filesystem::path& file, const std::string& text) {
   std::error_code ec;
   std::filesystem::create_directories(file.parent_path(), ec);
-  const std::filesystem::path temporary = file.string() + "." + std::to_string(getpid());
-  {
-    std::ofstream out(temporary, std::ios::trunc);
-    out << text;
-    if (!out) return;
-  }
-  std::filesystem::rename(temporary, file, ec);
-  if (ec) std::filesystem::remove(temporary, ec);
+  sim::WriteFileAtomic(file, text, nullptr);
 }
 
 void Store(const Learned& d) {
@@ -185,6 +179,9 @@ MtpDeviceEntry EntryFor(LIBMTP_raw_device_t* raw, const UsbPortInfo& usb) {
 // a drive: its pid, beside the device's names.
 std::filesystem::path HolderFile(const std::string& pnpId) { return NamesFile(pnpId).string() + ".holder"; }
 
+// "firmware=<version>", then a line "<property> <format> <0|1>" per answer.
+std::filesystem::path PropertiesFile(const std::string& pnpId) { return NamesFile(pnpId).string() + ".properties"; }
+
 long HolderPid(const std::string& pnpId) {
   std::ifstream in(HolderFile(pnpId));
   long pid = 0;
@@ -214,13 +211,6 @@ void RememberDevice(const std::string& pnpId, const MtpDeviceFacts& facts, uint3
 }
 
 void RecordDeviceHolder(const std::string& pnpId) { ReplaceFile(HolderFile(pnpId), std::to_string(getpid()) + "\n"); }
-
-namespace {
-
-// "firmware=<version>", then a line "<property> <format> <0|1>" per answer.
-std::filesystem::path PropertiesFile(const std::string& pnpId) { return NamesFile(pnpId).string() + ".properties"; }
-
-}  // namespace
 
 PropertySupport RecallPropertySupport(const std::string& pnpId, const std::string& firmware) {
   std::ifstream in(PropertiesFile(pnpId));

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "platform/portable/mtp/mtp_ids.h"
+#include "platform/portable/mtp/mtp_init.h"
 #include "platform/portable/mtp/mtp_keeper.h"
 #include "platform/portable/mtp/mtp_values.h"
 #include "platform/portable/portable.h"
@@ -182,7 +183,7 @@ class MtpSession {
   // ---- changed under device_ ----
   std::timed_mutex device_;
   LIBMTP_mtpdevice_t* handle_ = nullptr;
-  std::map<std::pair<int, uint16_t>, bool> propertySupport_;
+  PropertySupport propertySupport_;  // keyed by property and format code
   bool propertySupportRecalled_ = false;  // what earlier sessions learned is in propertySupport_
   bool puoidWorks_ = true;  // cleared when the device answers without one
   bool primeTried_ = false;  // PrimeObjectCopyLocked ran in this libmtp session
