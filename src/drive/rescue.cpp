@@ -1,9 +1,13 @@
 // Content that could not reach the device is kept outside the cache, where
 // no unmount or purge deletes it, and the user is told where.
+#include <unistd.h>
+
+#include <atomic>
 #include <cstdio>
 #include <filesystem>
 #include <mutex>
 #include <set>
+#include <string>
 #include <system_error>
 
 #include "diag/trace.h"
@@ -55,9 +59,12 @@ fs::path FreeName(const fs::path& wanted) {
 }
 
 // Copies under a hidden name beside `to` first: the rescued file appears
-// whole or not at all (a full disk leaves no half of it).
+// whole or not at all (a full disk leaves no half of it). The hidden name
+// is short, so that a name at the length limit can be rescued too.
 bool CopyWhole(const fs::path& from, const fs::path& to, std::error_code* ec) {
-  const fs::path copying = to.parent_path() / ("." + to.filename().string() + ".rescuing");
+  static std::atomic<unsigned> copies{0};
+  const fs::path copying =
+      to.parent_path() / (".rescuing-" + std::to_string(getpid()) + "-" + std::to_string(++copies));
   if (fs::copy_file(from, copying, fs::copy_options::overwrite_existing, *ec)) {
     fs::rename(copying, to, *ec);
     if (!*ec) return true;

@@ -61,10 +61,16 @@ TEST_F(WriteSideTest, RescuedContentNeverReplacesAnEarlierRescue) {
   EXPECT_EQ(fs::path(two).parent_path(), folder);
   EXPECT_EQ(fs::path(two).extension(), ".jpg");
   EXPECT_EQ(fs::path(two).filename().string().rfind("a (", 0), 0u) << two;
+  // A name at the length limit is rescued too (the copy in the making
+  // has a short name of its own).
+  const std::string longName(251, 'n');
+  const std::string four = qb::drive::RescueContent(&state_, copy.string(), "\\DCIM\\" + longName + ".jpg", "test");
+  EXPECT_EQ(fs::path(four), folder / (longName + ".jpg"));
+  EXPECT_EQ(qbtest::ReadText(four), "third");
   // A copy that cannot be read is reported, not invented, and leaves
   // nothing half-made behind.
   EXPECT_EQ(qb::drive::RescueContent(&state_, (home_ / "missing").string(), "\\x.txt", "test"), "");
-  EXPECT_EQ(std::distance(fs::directory_iterator(folder), {}), 3);
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder), {}), 4);
   for (const auto& entry : fs::directory_iterator(folder.parent_path()))
     EXPECT_NE(entry.path().filename().string()[0], '.') << entry.path();
 }
