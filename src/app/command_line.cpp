@@ -308,6 +308,19 @@ bool IsValidPipe(int fd) {
 
 }  // namespace
 
+bool ServesNoDevice(int argc, char** argv) {
+  std::string stiDevice;
+  bool connected = false;
+  if (IsStiEvent(argc, argv, &stiDevice, &connected)) return false;
+  for (int i = 1; i < argc; ++i) {
+    const char* arg = argv[i];
+    if (!arg || (arg[0] != '/' && arg[0] != '-')) continue;
+    const char sw = static_cast<char>(ToUpperAZ(arg[1]) | 0x20);
+    if (sw == 'l' || sw == 'b') return false;
+  }
+  return true;
+}
+
 bool ParseSwitches(int argc, char** argv, Invocation* inv, int32_t* code) {
   *code = ParseSwitchesOrEnd(argc, argv, inv);
   return *code == kWalkCompleted;

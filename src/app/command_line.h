@@ -10,6 +10,11 @@ namespace qb::app {
 
 int32_t QuillboxMain(int argc, char** argv);
 
+// True when this command line maps no device in this process (no `/l`, no
+// `/b`, no 'Device Connected' launch): it only looks devices up for the
+// instances it starts, or maps none at all.
+bool ServesNoDevice(int argc, char** argv);
+
 // The switch walk alone: fills `inv`; true when the walk went through every
 // argument, else false with the code `main` returns in `code` (33 for
 // "/?", 0 after a relaunch, ...).

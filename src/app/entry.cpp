@@ -11,6 +11,7 @@
 #include "app/super_globals.h"
 #include "app/unmount.h"
 #include "diag/trace.h"
+#include "platform/portable/portable.h"
 #include "platform/system/session_signals.h"
 #include "ui/message_box.h"
 
@@ -43,6 +44,9 @@ int QuillboxEntry(int argc, char** argv) {
   Trace(kTag, "ENTER argc=%d", argc);
   ProcessStorageLists().Clear();
   nb::RemoveStalePlaces();
+  // A device looked up for a child is opened by the child: learning its
+  // name here needs no session of ours.
+  if (ServesNoDevice(argc, argv)) qb::portable::LookUpDevicesForOthers();
   nb::StartDeviceAccess();
   // The session-end watcher stands for the hidden event-handler window, so
   // that each role ends cleanly on SIGTERM, SIGHUP and SIGINT. The

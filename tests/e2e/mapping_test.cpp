@@ -261,7 +261,10 @@ TEST_P(MappingE2e, TheServingInstanceFindsTheDeviceFreeAtOnce) {
   EXPECT_NE(log.find("ChooseDevice: ENTER"), std::string::npos) << "no trace log";
   EXPECT_EQ(log.find("ChooseDevice: Busy, retrying"), std::string::npos) << "an instance waited for the device";
   if (GetParam() != Backend::kMtp) return;
-  EXPECT_EQ(usbOpens(log), 2u) << "the command and the serving instance each open the device once";
+  // The command only asks the never-seen device for its names, in a few
+  // requests without a session of libmtp's; the serving instance opens it.
+  EXPECT_NE(log.find(" answered: \""), std::string::npos) << "the command did not ask the device for its names";
+  EXPECT_EQ(usbOpens(log), 1u) << "the device was opened for more than serving it";
 
   // Mapped again while it stays plugged in: the command finds the device in
   // the table from what the serving instance learned, without opening it.

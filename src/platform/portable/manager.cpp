@@ -145,4 +145,6 @@ std::unique_ptr<IPortableDevice> CreatePortableDevice() { return std::make_uniqu
 // Simulated devices are shared between processes and hold nothing.
 void ReleaseIdleDevices() { mtp::ReleaseIdleMtpDevices(); }
 
+void LookUpDevicesForOthers() { mtp::AskNamesOnly(true); }
+
 }  // namespace qb::portable

@@ -253,6 +253,11 @@ std::unique_ptr<IPortableDevice> CreatePortableDevice();
 // devices now: call it before starting another process that will open a
 // device (over USB one program at a time can hold it).
 void ReleaseIdleDevices();
+// This process looks devices up for the instances it starts, which open
+// them; it serves none itself. A device whose names are not known yet is
+// then asked for them in a few requests, instead of being opened for a
+// session that would only be let go before the instance starts.
+void LookUpDevicesForOthers();
 
 // A PnP id in the system's form:
 // \\?\<bus>#<product>#<serial>#{6ac27878-a6fa-4155-ba85-f98f491d4f33}.

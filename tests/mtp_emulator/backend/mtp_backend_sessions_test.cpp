@@ -10,6 +10,7 @@
 #include <fstream>
 
 #include "emulated_fixture.h"
+#include "platform/portable/mtp/mtp_backend.h"
 #include "platform/portable/sim_devices.h"
 #include "platform/portable/sim_fixture.h"
 
@@ -24,6 +25,7 @@ constexpr uint16_t kGetStorageInfo = 0x1005;
 constexpr uint16_t kGetObjectInfo = 0x1008;
 constexpr uint16_t kGetDevicePropValue = 0x1015;
 constexpr uint16_t kGetObjectPropsSupported = 0x9801;
+constexpr uint16_t kGetObjectPropDesc = 0x9802;
 
 uint64_t CountOf(const std::map<uint16_t, uint64_t>& counts, uint16_t code) {
   auto it = counts.find(code);
@@ -91,6 +93,46 @@ TEST_F(EmulatedMtpDevice, TheDeviceTableAndTheServingOpenOpenTheDeviceOnce) {
   mtp_->Close();
   mtp_.reset();
   EXPECT_TRUE(AnotherProgramCanOpen()) << "the device stays held after its serving session closed";
+}
+
+// A process that looks the device up for another one (the command that
+// starts the serving instance) learns its names and the table's facts in a
+// handful of requests, the same that an opened session tells, and leaves
+// the device free for the instance.
+TEST_F(EmulatedMtpDevice, ADeviceLookedUpForAnotherProcessIsAskedOnlyForWhatNamesIt) {
+  ASSERT_TRUE(StartEmulator());
+  struct NamesOnly {
+    NamesOnly() { qp::mtp::AskNamesOnly(true); }
+    ~NamesOnly() { qp::mtp::AskNamesOnly(false); }
+  } namesOnly;
+  const auto before = OperationCounts();
+  const std::string id = FindMtpDevice();
+  ASSERT_FALSE(id.empty());
+  const auto after = OperationCounts();
+  EXPECT_LE(OperationsBetween(before, after), 5u) << "the device was asked more than for its names";
+  EXPECT_EQ(CountOf(after, kGetObjectPropDesc), CountOf(before, kGetObjectPropDesc)) << "opened with libmtp";
+  EXPECT_TRUE(AnotherProgramCanOpen()) << "the device stays held after it was asked for its names";
+
+  auto manager = qp::CreatePortableDeviceManager();
+  std::string name, manufacturer;
+  ASSERT_EQ(manager->GetDeviceFriendlyName(id, &name), S_OK);
+  ASSERT_EQ(manager->GetDeviceManufacturer(id, &manufacturer), S_OK);
+  qp::DeviceTableFacts asked;
+  ASSERT_EQ(manager->GetDeviceTableFacts(id, &asked), S_OK) << "the table would open the device";
+
+  qp::PortableDeviceValues opened;
+  ASSERT_NO_FATAL_FAILURE(ReadAsTheDeviceTableDoes(id, &opened));
+  qp::ReleaseIdleDevices();
+  std::string openedName, openedManufacturer, serial, protocol;
+  opened.GetStringValue(WPD_DEVICE_FRIENDLY_NAME, &openedName);
+  opened.GetStringValue(WPD_DEVICE_MANUFACTURER, &openedManufacturer);
+  opened.GetStringValue(WPD_DEVICE_SERIAL_NUMBER, &serial);
+  opened.GetStringValue(WPD_DEVICE_PROTOCOL, &protocol);
+  EXPECT_EQ(name, openedName);
+  EXPECT_EQ(manufacturer, openedManufacturer);
+  EXPECT_TRUE(asked.hasStorage);
+  EXPECT_EQ(asked.serialNumber, serial);
+  EXPECT_EQ(asked.protocol, protocol);
 }
 
 // A session kept after a close holds the device for this process only until

@@ -9,6 +9,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
@@ -22,6 +23,7 @@
 #include "platform/system/paths.h"
 #include "platform/portable/mtp/mtp_init.h"
 #include "platform/portable/mtp/mtp_keeper.h"
+#include "platform/portable/mtp/mtp_probe.h"
 #include "platform/portable/mtp/mtp_session.h"
 #include "platform/portable/mtp/mtp_usb.h"
 #include "platform/portable/sim_ini.h"
@@ -151,6 +153,33 @@ bool LearnByOpening(const std::string& pnpId, Learned* learned) {
   return Recall(pnpId, learned);
 }
 
+std::atomic<bool> g_askNamesOnly{false};
+
+// Asks the device for its names and the table's facts in a few requests of
+// a session of its own, which ends at once. False when it does not answer
+// so (another program holds it, or it speaks PTP in a way we do not follow).
+bool LearnByAsking(const std::string& pnpId, const UsbPortInfo& usb, Learned* learned) {
+  ProbedDevice probed;
+  if (!ProbeDevice(usb.busNumber, usb.deviceAddress, &probed)) return false;
+  MtpDeviceFacts facts;
+  // Named as an opened session names it (MtpSession::ReadFacts).
+  facts.friendlyName = !probed.friendlyName.empty() ? probed.friendlyName
+                       : !probed.model.empty()      ? probed.model
+                                                    : usb.product;
+  facts.manufacturer = probed.manufacturer;
+  facts.model = probed.model;
+  facts.serialNumber = probed.serialNumber;
+  facts.firmwareVersion = probed.firmwareVersion;
+  facts.protocol = ProtocolText(probed.speaksMtp);
+  RememberDevice(pnpId, facts, usb.busNumber, usb.deviceAddress, probed.storages);
+  return Recall(pnpId, learned);
+}
+
+bool Learn(const std::string& pnpId, const UsbPortInfo& usb, Learned* learned) {
+  if (g_askNamesOnly && LearnByAsking(pnpId, usb, learned)) return true;
+  return LearnByOpening(pnpId, learned);
+}
+
 MtpDeviceEntry EntryFor(LIBMTP_raw_device_t* raw, const UsbPortInfo& usb) {
   MtpDeviceEntry e;
   e.pnpId = MakeMtpPnpId(usb.vendorId, usb.productId, PnpSerialPart(usb.serial, usb.busNumber, usb.deviceAddress));
@@ -162,7 +191,7 @@ MtpDeviceEntry EntryFor(LIBMTP_raw_device_t* raw, const UsbPortInfo& usb) {
   // once it knows it: opening the device only for them costs a session
   // (every session that opens the device stores its names afresh).
   Learned learned;
-  if (!Recall(e.pnpId, &learned) && !LearnByOpening(e.pnpId, &learned)) return e;
+  if (!Recall(e.pnpId, &learned) && !Learn(e.pnpId, usb, &learned)) return e;
   e = learned.names;
   // A device that showed no storage (a locked phone) may show one now.
   if (learned.bus == usb.busNumber && learned.address == usb.deviceAddress && learned.bus != 0 &&
@@ -256,6 +285,8 @@ bool MtpBackendAvailable() { return true; }
 
 void ReleaseIdleMtpDevices() { ReleaseKeptDevices(); }
 
+void AskNamesOnly(bool namesOnly) { g_askNamesOnly = namesOnly; }
+
 HRESULT ListMtpDevices(std::vector<MtpDeviceEntry>* devices) {
   if (!devices) return E_POINTER;
   devices->clear();
@@ -305,6 +336,8 @@ class NoMtpDevice : public IPortableDevice {
 bool MtpBackendAvailable() { return false; }
 
 void ReleaseIdleMtpDevices() {}
+
+void AskNamesOnly(bool) {}
 
 HRESULT ListMtpDevices(std::vector<MtpDeviceEntry>* devices) {
   if (!devices) return E_POINTER;

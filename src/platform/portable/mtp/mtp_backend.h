@@ -36,5 +36,9 @@ HRESULT ListMtpDevices(std::vector<MtpDeviceEntry>* devices);
 std::unique_ptr<IPortableDevice> CreateMtpPortableDevice();
 // Releases the libmtp sessions kept after a close (mtp_keeper.h) now.
 void ReleaseIdleMtpDevices();
+// With `namesOnly` a device whose names are not known yet is asked for them
+// in a few requests (mtp_probe.h) instead of being opened with libmtp: for
+// a process that serves no device itself.
+void AskNamesOnly(bool namesOnly);
 
 }  // namespace qb::portable::mtp
