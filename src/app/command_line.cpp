@@ -321,6 +321,19 @@ bool ServesNoDevice(int argc, char** argv) {
   return true;
 }
 
+std::string DeviceServedHere(int argc, char** argv) {
+  std::string device;
+  bool letter = false;
+  for (int i = 1; i < argc; ++i) {
+    const char* arg = argv[i];
+    if (!arg || (arg[0] != '/' && arg[0] != '-')) continue;
+    const char sw = static_cast<char>(ToUpperAZ(arg[1]) | 0x20);
+    if (sw == 'l') letter = true;
+    if (sw == 'i' && i + 1 < argc) device = argv[i + 1];
+  }
+  return letter ? device : std::string();
+}
+
 bool ParseSwitches(int argc, char** argv, Invocation* inv, int32_t* code) {
   *code = ParseSwitchesOrEnd(argc, argv, inv);
   return *code == kWalkCompleted;

@@ -3,6 +3,7 @@
 // switches and the decision after the walk. Returns the signed code that
 // ProcessError turns into the exit code.
 #include <cstdint>
+#include <string>
 
 #include "app/invocation.h"
 
@@ -14,6 +15,9 @@ int32_t QuillboxMain(int argc, char** argv);
 // `/b`, no 'Device Connected' launch): it only looks devices up for the
 // instances it starts, or maps none at all.
 bool ServesNoDevice(int argc, char** argv);
+// The device (`/i`) of a command line that maps it in this process (a
+// child instance, `/l`); empty otherwise.
+std::string DeviceServedHere(int argc, char** argv);
 
 // The switch walk alone: fills `inv`; true when the walk went through every
 // argument, else false with the code `main` returns in `code` (33 for

@@ -31,18 +31,6 @@ std::string InstallFolder() {
 
 std::string LetterKey(char letter) { return std::string(1, static_cast<char>(ToUpperAZ(letter))); }
 
-// Creates a subkey and sets its default value; false on failure (traced).
-bool SetDefault(const qb::reg::Key& parent, const std::string& sub, const std::string& value, qb::reg::Key* out) {
-  DWORD rc = out->Create(parent, sub, KEY_ALL_ACCESS);
-  if (rc == ERROR_SUCCESS) rc = out->SetString("", value);
-  if (rc != ERROR_SUCCESS) {
-    Trace(kTagSet, "Error creating registry key \"%s\\%s\", error=%d", parent.Path().c_str(), sub.c_str(),
-          static_cast<int>(rc));
-    return false;
-  }
-  return true;
-}
-
 }  // namespace
 
 std::string DriveIconLocation(uint32_t deviceType, const std::string& installFolder,
@@ -58,19 +46,21 @@ HRESULT SetDriveIcon(char letter, const char* label, uint32_t deviceType, const 
                      bool useDeviceIcon) {
   Trace(kTagSet, "Drive=%c", letter);
   Trace(kTagSet, "Type=%u, device=\"%s\", device icon=%d", deviceType, pnpId.c_str(), useDeviceIcon ? 1 : 0);
-  qb::reg::Key container, drive, icon;
-  DWORD rc = container.Create(HKEY_CURRENT_USER, kDrivesKey, KEY_ALL_ACCESS);
+  // One change of the user's settings (one write to disk): this runs while
+  // the mapping's starter waits.
+  const std::string drive = std::string(kDrivesKey) + "\\" + LetterKey(letter);
+  const std::string location = DriveIconLocation(deviceType, InstallFolder(), sys::ExecutableDir().string());
+  std::vector<qb::reg::Key::NewKey> keys{{drive, {qb::reg::Key::StringValue("", kOwnerMark)}},
+                                         {drive + "\\DefaultIcon", {qb::reg::Key::StringValue("", location)}}};
+  if (label) keys.push_back({drive + "\\DefaultLabel", {qb::reg::Key::StringValue("", label)}});
+  qb::reg::Key user;
+  DWORD rc = user.Open(HKEY_CURRENT_USER, "", KEY_ALL_ACCESS);
+  if (rc == ERROR_SUCCESS) rc = user.CreateKeysWithValues(std::move(keys));
   if (rc != ERROR_SUCCESS) {
-    Trace(kTagSet, "Error creating registry key \"%s\", error=%d", kDrivesKey, static_cast<int>(rc));
+    Trace(kTagSet, "Error creating registry key \"%s\", error=%d", drive.c_str(), static_cast<int>(rc));
     return E_UNEXPECTED;
   }
-  if (!SetDefault(container, LetterKey(letter), kOwnerMark, &drive)) return E_UNEXPECTED;
-  HRESULT result = E_UNEXPECTED;
-  std::string location = DriveIconLocation(deviceType, InstallFolder(), sys::ExecutableDir().string());
-  if (SetDefault(drive, "DefaultIcon", location, &icon)) result = S_OK;
-  qb::reg::Key labelKey;
-  if (label && SetDefault(drive, "DefaultLabel", label, &labelKey)) result = S_OK;
-  return result;
+  return S_OK;
 }
 
 HRESULT RemoveDriveIcon(char letter) {

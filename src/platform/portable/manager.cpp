@@ -147,4 +147,6 @@ void ReleaseIdleDevices() { mtp::ReleaseIdleMtpDevices(); }
 
 void LookUpDevicesForOthers() { mtp::AskNamesOnly(true); }
 
+void OpenDeviceAhead(const std::string& pnpId) { mtp::OpenMtpDeviceAhead(pnpId); }
+
 }  // namespace qb::portable

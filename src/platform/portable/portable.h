@@ -258,6 +258,11 @@ void ReleaseIdleDevices();
 // then asked for them in a few requests, instead of being opened for a
 // session that would only be let go before the instance starts.
 void LookUpDevicesForOthers();
+// This process is about to open the device to serve it: a device that
+// takes long to open (over USB, some twenty requests) starts opening now,
+// while the process prepares, and the Open that follows takes that
+// session over.
+void OpenDeviceAhead(const std::string& pnpId);
 
 // A PnP id in the system's form:
 // \\?\<bus>#<product>#<serial>#{6ac27878-a6fa-4155-ba85-f98f491d4f33}.

@@ -104,6 +104,14 @@ class Key {
     std::vector<uint8_t> data;
   };
   DWORD SetValues(std::vector<NewValue> values);
+  // Subkeys of this key (paths below it) with their values, as one change
+  // of the hive, written once: every key is created with its missing
+  // parents and its values set, or nothing is when one is refused.
+  struct NewKey {
+    std::string subKey;
+    std::vector<NewValue> values;
+  };
+  DWORD CreateKeysWithValues(std::vector<NewKey> keys);
   static NewValue StringValue(std::string name, std::string_view text);
   static NewValue DwordValue(std::string name, DWORD value);
   // RegDeleteValue.

@@ -229,26 +229,66 @@ DWORD Key::SetValue(std::string_view name, DWORD type, const void* data, size_t 
   return SetValues({NewValue{std::string(name), type, Bytes(data, size)}});
 }
 
-DWORD Key::SetValues(std::vector<NewValue> values) {
-  if (DWORD rc = RequireWrite(KEY_SET_VALUE)) return rc;
-  for (NewValue& v : values) {
+namespace {
+
+// Checks the names and drops the zero that callers may pass after a text.
+DWORD PrepareValues(std::vector<Key::NewValue>* values) {
+  for (Key::NewValue& v : *values) {
     if (!ValidValueName(v.name)) return ERROR_INVALID_PARAMETER;
     if (v.type == REG_SZ || v.type == REG_EXPAND_SZ)
-      while (!v.data.empty() && v.data.back() == 0) v.data.pop_back();  // callers may pass the terminator
+      while (!v.data.empty() && v.data.back() == 0) v.data.pop_back();
   }
+  return ERROR_SUCCESS;
+}
+
+// Sets the values on `key`; true when any of them changed.
+bool PutValues(HiveKey* key, std::vector<Key::NewValue>* values) {
+  bool changed = false;
+  for (Key::NewValue& v : *values) {
+    HiveValue* value = key->FindValue(v.name);
+    if (!value) {
+      key->values.push_back(HiveValue{v.name, v.type, std::move(v.data)});
+      changed = true;
+    } else if (value->type != v.type || value->data != v.data) {
+      value->type = v.type;
+      value->data = std::move(v.data);
+      changed = true;
+    }
+  }
+  return changed;
+}
+
+}  // namespace
+
+DWORD Key::SetValues(std::vector<NewValue> values) {
+  if (DWORD rc = RequireWrite(KEY_SET_VALUE)) return rc;
+  if (DWORD rc = PrepareValues(&values)) return rc;
   return ChangeHive(hive_, [&](HiveKey& tree, bool* changed) {
     HiveKey* key = Resolve(tree, path_);
     if (!key) return ERROR_KEY_DELETED;
-    for (NewValue& v : values) {
-      HiveValue* value = key->FindValue(v.name);
-      if (!value) {
-        key->values.push_back(HiveValue{v.name, v.type, std::move(v.data)});
-        *changed = true;
-      } else if (value->type != v.type || value->data != v.data) {
-        value->type = v.type;
-        value->data = std::move(v.data);
-        *changed = true;
+    *changed = PutValues(key, &values);
+    return ERROR_SUCCESS;
+  });
+}
+
+DWORD Key::CreateKeysWithValues(std::vector<NewKey> keys) {
+  if (DWORD rc = RequireWrite(KEY_CREATE_SUB_KEY)) return rc;
+  std::vector<std::vector<std::string>> paths(keys.size());
+  for (size_t i = 0; i < keys.size(); ++i) {
+    if (DWORD rc = SplitPath(keys[i].subKey, &paths[i])) return rc;
+    if (DWORD rc = PrepareValues(&keys[i].values)) return rc;
+  }
+  return ChangeHive(hive_, [&](HiveKey& tree, bool* changed) {
+    HiveKey* base = Resolve(tree, path_);
+    if (!base) return ERROR_KEY_DELETED;
+    for (size_t i = 0; i < keys.size(); ++i) {
+      HiveKey* key = base;
+      for (const std::string& part : paths[i]) {
+        bool added = false;
+        key = key->AddSubkey(part, &added);
+        *changed = *changed || added;
       }
+      *changed = PutValues(key, &keys[i].values) || *changed;
     }
     return ERROR_SUCCESS;
   });

@@ -100,6 +100,41 @@ TEST_F(RegistryKey, ValuesSetTogetherAreAllSetOrNoneIs) {
   EXPECT_EQ(again.SetValues({Key::DwordValue("AutoMap", 1)}), ERROR_ACCESS_DENIED);
 }
 
+TEST_F(RegistryKey, KeysCreatedTogetherWithTheirValuesAreAllMadeOrNoneIs) {
+  Key user;
+  ASSERT_EQ(user.Open(HKEY_CURRENT_USER, "", KEY_ALL_ACCESS), ERROR_SUCCESS);
+  Key kept;
+  ASSERT_EQ(kept.Create(HKEY_CURRENT_USER, "Keep", KEY_ALL_ACCESS), ERROR_SUCCESS);
+  const std::string before = qbtest::ReadText(qb::sys::UserHivePath());
+  EXPECT_EQ(user.CreateKeysWithValues({{"Drives\\Q", {Key::StringValue("", "Quillbox")}},
+                                       {"Drives\\Q\\DefaultIcon", {Key::DwordValue("Bad\nName", 1)}}}),
+            ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(user.CreateKeysWithValues({{"Drives\\Q", {Key::StringValue("", "Quillbox")}},
+                                       {"Drives\\Bad\tKey", {}}}),
+            ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(qbtest::ReadText(qb::sys::UserHivePath()), before) << "a refused change left part of itself";
+  Key none;
+  EXPECT_EQ(none.Open(HKEY_CURRENT_USER, "Drives", KEY_READ), ERROR_FILE_NOT_FOUND);
+
+  ASSERT_EQ(user.CreateKeysWithValues({{"Drives\\Q", {Key::StringValue("", "Quillbox")}},
+                                       {"Drives\\Q\\DefaultIcon",
+                                        {Key::StringValue("", "icon,2"), Key::DwordValue("Index", 2)}}}),
+            ERROR_SUCCESS);
+  Key icon;
+  ASSERT_EQ(icon.Open(HKEY_CURRENT_USER, "Drives\\Q\\DefaultIcon", KEY_READ), ERROR_SUCCESS);
+  std::string text;
+  DWORD index = 0;
+  EXPECT_EQ(icon.GetString("", &text), ERROR_SUCCESS);
+  EXPECT_EQ(text, "icon,2");
+  EXPECT_EQ(icon.GetDword("Index", &index), ERROR_SUCCESS);
+  EXPECT_EQ(index, 2u);
+  Key drive;
+  ASSERT_EQ(drive.Open(HKEY_CURRENT_USER, "Drives\\Q", KEY_READ), ERROR_SUCCESS);
+  EXPECT_EQ(drive.GetString("", &text), ERROR_SUCCESS);
+  EXPECT_EQ(text, "Quillbox");
+  EXPECT_EQ(drive.CreateKeysWithValues({{"Label", {}}}), ERROR_ACCESS_DENIED);
+}
+
 TEST_F(RegistryKey, MissingKeysAndHandlesAnswerWin32Codes) {
   Key key;
   EXPECT_EQ(key.Open(HKEY_CURRENT_USER, "SOFTWARE\\Nothing", KEY_READ), ERROR_FILE_NOT_FOUND);

@@ -224,6 +224,12 @@ void EnsureLibmtp() {
   std::call_once(once, [] { LIBMTP_Init(); });
 }
 
+LIBMTP_error_number_t DetectMtpDevices(LIBMTP_raw_device_t** devices, int* count) {
+  static std::mutex one;
+  std::lock_guard<std::mutex> l(one);
+  return LIBMTP_Detect_Raw_Devices(devices, count);
+}
+
 void RememberDevice(const std::string& pnpId, const MtpDeviceFacts& facts, uint32_t bus, uint32_t address,
                     size_t storageCount) {
   Learned d;
@@ -287,13 +293,19 @@ void ReleaseIdleMtpDevices() { ReleaseKeptDevices(); }
 
 void AskNamesOnly(bool namesOnly) { g_askNamesOnly = namesOnly; }
 
+void OpenMtpDeviceAhead(const std::string& pnpId) {
+  if (!IsMtpPnpId(pnpId)) return;
+  EnsureLibmtp();
+  OpenAhead(pnpId, [pnpId] { MtpSession::OpenToKeep(pnpId); });
+}
+
 HRESULT ListMtpDevices(std::vector<MtpDeviceEntry>* devices) {
   if (!devices) return E_POINTER;
   devices->clear();
   EnsureLibmtp();
   LIBMTP_raw_device_t* raw = nullptr;
   int count = 0;
-  LIBMTP_error_number_t err = LIBMTP_Detect_Raw_Devices(&raw, &count);
+  LIBMTP_error_number_t err = DetectMtpDevices(&raw, &count);
   if (err == LIBMTP_ERROR_NO_DEVICE_ATTACHED) {
     std::free(raw);
     return S_OK;
@@ -338,6 +350,8 @@ bool MtpBackendAvailable() { return false; }
 void ReleaseIdleMtpDevices() {}
 
 void AskNamesOnly(bool) {}
+
+void OpenMtpDeviceAhead(const std::string&) {}
 
 HRESULT ListMtpDevices(std::vector<MtpDeviceEntry>* devices) {
   if (!devices) return E_POINTER;

@@ -40,5 +40,8 @@ void ReleaseIdleMtpDevices();
 // in a few requests (mtp_probe.h) instead of being opened with libmtp: for
 // a process that serves no device itself.
 void AskNamesOnly(bool namesOnly);
+// Starts opening an MTP device on a thread of its own; the next Open of it
+// in this process takes that session over (mtp_keeper.h).
+void OpenMtpDeviceAhead(const std::string& pnpId);
 
 }  // namespace qb::portable::mtp

@@ -9,8 +9,14 @@
 
 #include "platform/portable/mtp/mtp_values.h"
 
+#include <libmtp.h>
+
 namespace qb::portable::mtp {
 void EnsureLibmtp();
+// LIBMTP_Detect_Raw_Devices, one call at a time: libmtp starts its USB
+// library on the first call without a lock, and a device may be opened
+// ahead on a thread of its own while the device list is read.
+LIBMTP_error_number_t DetectMtpDevices(LIBMTP_raw_device_t** devices, int* count);
 // Keeps what an opened device told of itself, for the device list: its
 // names, and the table's facts for as long as it stays at `bus`/`address`.
 void RememberDevice(const std::string& pnpId, const MtpDeviceFacts& facts, uint32_t bus, uint32_t address,

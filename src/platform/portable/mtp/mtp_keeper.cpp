@@ -3,6 +3,7 @@
 
 #ifdef QUILLBOX_HAVE_LIBMTP
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -20,6 +21,7 @@ namespace {
 class Keeper {
  public:
   ~Keeper() {
+    AwaitOpenings();
     ReleaseAll(false);  // the trace may be gone by now
     std::thread t;
     {
@@ -45,7 +47,24 @@ class Keeper {
     Release(replaced, "replaced");
   }
 
+  // Opens the device on a thread of its own with `open` (which keeps the
+  // session it opened), unless it is kept or being opened already.
+  void Open(const std::string& pnpId, std::function<void()> open) {
+    std::lock_guard<std::mutex> l(m_);
+    if (stop_ || kept_.count(pnpId) || opening_.count(pnpId)) return;
+    Opening& o = opening_[pnpId];
+    o.thread = std::thread([this, pnpId, open = std::move(open)] {
+      open();
+      {
+        std::lock_guard<std::mutex> done(m_);
+        opening_[pnpId].done = true;
+      }
+      cv_.notify_all();
+    });
+  }
+
   bool Take(const std::string& pnpId, KeptDevice* device) {
+    AwaitOpening(pnpId);
     std::vector<KeptDevice> gone;
     {
       std::lock_guard<std::mutex> l(m_);
@@ -66,6 +85,7 @@ class Keeper {
   }
 
   void ReleaseAll(bool trace) {
+    AwaitOpenings();
     std::vector<KeptDevice> all;
     {
       std::lock_guard<std::mutex> l(m_);
@@ -80,6 +100,39 @@ class Keeper {
     KeptDevice device;
     std::chrono::steady_clock::time_point until;
   };
+  struct Opening {
+    std::thread thread;
+    bool done = false;
+  };
+
+  // Waits for an opening of the device under way to end, at most
+  // kAwaitOpening (libusb's own time-outs end a silent device sooner). One
+  // that does not end is left to run: its session is then kept, or let go
+  // at the end of the process.
+  void AwaitOpening(const std::string& pnpId) {
+    std::thread ended;
+    {
+      std::unique_lock<std::mutex> l(m_);
+      auto it = opening_.find(pnpId);
+      if (it == opening_.end()) return;
+      if (!cv_.wait_for(l, kAwaitOpening, [&] { return opening_[pnpId].done; })) {
+        Trace("MT12@TakeKeptDevice: ", "the opening of %s did not end in time", pnpId.c_str());
+        return;
+      }
+      ended.swap(opening_[pnpId].thread);
+      opening_.erase(pnpId);
+    }
+    ended.join();
+  }
+
+  void AwaitOpenings() {
+    std::vector<std::string> ids;
+    {
+      std::lock_guard<std::mutex> l(m_);
+      for (const auto& [id, o] : opening_) ids.push_back(id);
+    }
+    for (const auto& id : ids) AwaitOpening(id);
+  }
 
   void Run() {
     std::unique_lock<std::mutex> l(m_);
@@ -119,6 +172,7 @@ class Keeper {
   std::mutex m_;
   std::condition_variable cv_;
   std::map<std::string, Entry> kept_;
+  std::map<std::string, Opening> opening_;
   std::thread thread_;
   bool stop_ = false;
 };
@@ -133,6 +187,8 @@ Keeper& TheKeeper() {
 void KeepDevice(KeptDevice device) { TheKeeper().Keep(std::move(device)); }
 
 bool TakeKeptDevice(const std::string& pnpId, KeptDevice* device) { return TheKeeper().Take(pnpId, device); }
+
+void OpenAhead(const std::string& pnpId, std::function<void()> open) { TheKeeper().Open(pnpId, std::move(open)); }
 
 void ReleaseKeptDevices() { TheKeeper().ReleaseAll(true); }
 

@@ -16,6 +16,7 @@
 #include <libmtp.h>
 
 #include <chrono>
+#include <functional>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -25,6 +26,7 @@
 namespace qb::portable::mtp {
 
 inline constexpr std::chrono::milliseconds kKeepFor{1500};
+inline constexpr std::chrono::seconds kAwaitOpening{30};
 
 // A reading of the device that a session uses again for a moment (see
 // MtpSession::StoragesLocked).
@@ -60,8 +62,13 @@ void KeepDevice(KeptDevice device);
 // The kept session of `pnpId`, when there is one and its device still sits
 // where it was opened (a kept session of a device that went is released).
 bool TakeKeptDevice(const std::string& pnpId, KeptDevice* device);
-// Releases every kept session now.
+// Releases every kept session now (after the openings under way ended).
 void ReleaseKeptDevices();
+// Runs `open`, which opens the device `pnpId` and keeps its session, on a
+// thread of its own, so that the device opens while the process prepares
+// for it; TakeKeptDevice waits for it. Nothing is done when a session of
+// the device is kept or being opened already.
+void OpenAhead(const std::string& pnpId, std::function<void()> open);
 
 }  // namespace qb::portable::mtp
 #endif  // QUILLBOX_HAVE_LIBMTP

@@ -66,9 +66,7 @@ MtpSession::~MtpSession() { Close(); }
 
 HRESULT MtpSession::Open(const std::string& pnpId, bool readOnly, std::shared_ptr<MtpSession>* out) {
   Trace("MT1@MtpSession::Open: ", "ENTER %s", pnpId.c_str());
-  uint16_t vid = 0, pid = 0;
-  std::string serialPart;
-  if (!ParseMtpPnpId(pnpId, &vid, &pid, &serialPart)) return E_ERROR_NOT_FOUND;
+  if (!ParseMtpPnpId(pnpId, nullptr, nullptr, nullptr)) return E_ERROR_NOT_FOUND;
   EnsureLibmtp();
   {
     std::shared_ptr<MtpSession> s(new MtpSession());
@@ -81,12 +79,31 @@ HRESULT MtpSession::Open(const std::string& pnpId, bool readOnly, std::shared_pt
       return S_OK;
     }
   }
+  const HRESULT hr = OpenOnUsb(pnpId, readOnly, true, out);
+  Trace("MT1@MtpSession::Open: ", "RETURN: RC=0x%08X (%s)", static_cast<uint32_t>(hr), CodeToName(hr));
+  return hr;
+}
+
+void MtpSession::OpenToKeep(const std::string& pnpId) {
+  Trace("MT1@MtpSession::OpenToKeep: ", "ENTER %s", pnpId.c_str());
+  EnsureLibmtp();
+  std::shared_ptr<MtpSession> session;
+  const HRESULT hr = OpenOnUsb(pnpId, false, false, &session);
+  if (SUCCEEDED(hr)) session->Close();  // kept: nothing was read into it
+  Trace("MT1@MtpSession::OpenToKeep: ", "RETURN: RC=0x%08X (%s)", static_cast<uint32_t>(hr), CodeToName(hr));
+}
+
+HRESULT MtpSession::OpenOnUsb(const std::string& pnpId, bool readOnly, bool listen,
+                              std::shared_ptr<MtpSession>* out) {
+  uint16_t vid = 0, pid = 0;
+  std::string serialPart;
+  if (!ParseMtpPnpId(pnpId, &vid, &pid, &serialPart)) return E_ERROR_NOT_FOUND;
   LIBMTP_raw_device_t* raw = nullptr;
   int count = 0;
-  LIBMTP_error_number_t err = LIBMTP_Detect_Raw_Devices(&raw, &count);
+  LIBMTP_error_number_t err = DetectMtpDevices(&raw, &count);
   if (err != LIBMTP_ERROR_NONE) {
     std::free(raw);
-    Trace("MT1@MtpSession::Open: ", "RETURN[1]: no MTP device (%d)", static_cast<int>(err));
+    Trace("MT1@MtpSession::Open: ", "no MTP device (%d)", static_cast<int>(err));
     return E_ERROR_NOT_FOUND;
   }
   HRESULT hr = E_ERROR_NOT_FOUND;
@@ -107,14 +124,15 @@ HRESULT MtpSession::Open(const std::string& pnpId, bool readOnly, std::shared_pt
     if (SUCCEEDED(hr)) {
       s->ReadFacts(usb.product);
       s->RememberForTable();
-      s->pump_ = std::make_unique<MtpEventPump>(s.get());
-      s->pump_->Start();
+      if (listen) {
+        s->pump_ = std::make_unique<MtpEventPump>(s.get());
+        s->pump_->Start();
+      }
       *out = std::move(s);
     }
     break;
   }
   std::free(raw);
-  Trace("MT1@MtpSession::Open: ", "RETURN: RC=0x%08X (%s)", static_cast<uint32_t>(hr), CodeToName(hr));
   return hr;
 }
 
@@ -202,7 +220,7 @@ HRESULT MtpSession::ReopenLocked() {
   } endHold{pump_.get()};
   LIBMTP_raw_device_t* raw = nullptr;
   int count = 0;
-  if (LIBMTP_Detect_Raw_Devices(&raw, &count) != LIBMTP_ERROR_NONE) count = 0;
+  if (DetectMtpDevices(&raw, &count) != LIBMTP_ERROR_NONE) count = 0;
   LIBMTP_raw_device_t* same = nullptr;
   for (int i = 0; i < count; ++i) {
     const LIBMTP_raw_device_t& r = raw[i];

@@ -44,6 +44,9 @@ class MtpSession {
   // Finds the device on USB and opens it. E_ERROR_NOT_FOUND when it is not
   // there, E_ERROR_BUSY when another program holds it.
   static HRESULT Open(const std::string& pnpId, bool readOnly, std::shared_ptr<MtpSession>* out);
+  // Opens the device on USB and keeps the session (mtp_keeper.h) for the
+  // Open that follows; nothing is listened to or read meanwhile.
+  static void OpenToKeep(const std::string& pnpId);
   // Stops the event pump and releases the device; later calls fail offline.
   void Close();
 
@@ -146,6 +149,8 @@ class MtpSession {
  private:
   MtpSession() = default;
   HRESULT OpenRaw(LIBMTP_raw_device_t* raw);
+  // Finds the device on USB and opens a session of its own.
+  static HRESULT OpenOnUsb(const std::string& pnpId, bool readOnly, bool listen, std::shared_ptr<MtpSession>* out);
   // Takes over the session kept from an earlier close of the device.
   bool TakeOverKept();
   // Hands the libmtp session to the keeper when it is as good as fresh
