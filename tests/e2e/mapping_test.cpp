@@ -241,16 +241,17 @@ TEST_P(MappingE2e, TheServingInstanceFindsTheDeviceFreeAtOnce) {
     }
     return text;
   };
-  // Opens of the device on USB (a session taken over from an earlier
-  // close in the same process says so in its line).
+  // Opens of the device on USB, for a caller or ahead of one (a session
+  // taken over from an earlier close or an open ahead says so in its line).
   const auto usbOpens = [](const std::string& log) {
-    const std::string opened = "MtpSession::Open: RETURN: RC=0x00000000 (S_OK)";
     std::istringstream lines(log);
     size_t count = 0;
     for (std::string line; std::getline(lines, line);) {
       if (!line.empty() && line.back() == '\r') line.pop_back();
-      if (line.size() >= opened.size() && line.compare(line.size() - opened.size(), opened.size(), opened) == 0)
-        ++count;
+      for (const std::string opened : {"MtpSession::Open: RETURN: RC=0x00000000 (S_OK)",
+                                       "MtpSession::OpenToKeep: RETURN: RC=0x00000000 (S_OK)"})
+        if (line.size() >= opened.size() && line.compare(line.size() - opened.size(), opened.size(), opened) == 0)
+          ++count;
     }
     return count;
   };
@@ -265,6 +266,8 @@ TEST_P(MappingE2e, TheServingInstanceFindsTheDeviceFreeAtOnce) {
   // requests without a session of libmtp's; the serving instance opens it.
   EXPECT_NE(log.find(" answered: \""), std::string::npos) << "the command did not ask the device for its names";
   EXPECT_EQ(usbOpens(log), 1u) << "the device was opened for more than serving it";
+  EXPECT_NE(log.find("a session kept open a moment ago"), std::string::npos)
+      << "the serving instance did not take over the session opened while it prepared";
 
   // Mapped again while it stays plugged in: the command finds the device in
   // the table from what the serving instance learned, without opening it.

@@ -135,6 +135,31 @@ TEST_F(EmulatedMtpDevice, ADeviceLookedUpForAnotherProcessIsAskedOnlyForWhatName
   EXPECT_EQ(asked.protocol, protocol);
 }
 
+// A device opened ahead (while the serving instance prepares) is taken over
+// by the Open that follows, which waits for the opening under way rather
+// than find the device busy.
+TEST_F(EmulatedMtpDevice, TheOpenThatFollowsAnOpenAheadTakesItsSessionOver) {
+  ASSERT_TRUE(StartEmulator());
+  const std::string id = FindMtpDevice();
+  ASSERT_FALSE(id.empty());
+  qp::ReleaseIdleDevices();  // the list's session: the open ahead is to be the only one
+  const uint64_t before = CountOf(OperationCounts(), kOpenSession);
+  qp::OpenDeviceAhead(id);
+  auto device = qp::CreatePortableDevice();
+  qp::PortableDeviceValues client;
+  ASSERT_EQ(device->Open(id, client), S_OK);
+  std::shared_ptr<qp::IPortableDeviceContent> content;
+  ASSERT_EQ(device->Content(&content), S_OK);
+  std::vector<std::string> storages;
+  ChildNames(content.get(), WPD_DEVICE_OBJECT_ID, &storages);
+  EXPECT_FALSE(storages.empty());
+  EXPECT_EQ(CountOf(OperationCounts(), kOpenSession) - before, 1u) << "the device was opened twice";
+  content.reset();
+  device->Close();
+  qp::ReleaseIdleDevices();
+  EXPECT_TRUE(AnotherProgramCanOpen());
+}
+
 // A session kept after a close holds the device for this process only until
 // it is released (before another instance is started); a device unplugged
 // while kept is not handed out again.

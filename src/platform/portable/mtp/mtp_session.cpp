@@ -74,7 +74,7 @@ HRESULT MtpSession::Open(const std::string& pnpId, bool readOnly, std::shared_pt
     s->readOnly_ = readOnly;
     if (s->TakeOverKept()) {
       *out = std::move(s);
-      Trace("MT1@MtpSession::Open: ", "RETURN: RC=0x%08X (%s), the session kept from the last close",
+      Trace("MT1@MtpSession::Open: ", "RETURN: RC=0x%08X (%s), a session kept open a moment ago",
             static_cast<uint32_t>(S_OK), CodeToName(S_OK));
       return S_OK;
     }
