@@ -1,7 +1,8 @@
-// The start-up of the new drive: the mapping's Mounted slot makes the first
-// request come at once; that request (SetupIconAndSignalParent) records the
-// drive in the shared state, registers its icon, signals the instance that
-// started this one, and opens the drive or runs the user's program.
+// The start-up of the new drive: its first request once it is mounted (the
+// volume query that answers the kernel's first request, or any other)
+// runs SetupIconAndSignalParent, which records the drive in the shared
+// state, registers its icon, signals the instance that started this one,
+// and opens the drive or runs the user's program.
 #include <atomic>
 #include <future>
 #include <mutex>
@@ -19,7 +20,6 @@
 #include "settings/settings.h"
 #include "shell/drive_icon.h"
 #include "shell/places.h"
-#include "shell/refresh.h"
 
 namespace qb::app {
 namespace {
@@ -31,17 +31,11 @@ constexpr const char* kTag = "M70@SetupIconAndSignalParent: ";
 std::atomic<bool> g_mounted{false};
 std::mutex g_setupMutex;
 
-// One listing of the drive's root by another process: the kernel holds it
-// until the drive serves, and this process must never wait for its own
-// drive (it could not end while such a request is pending).
-void TouchRoot(char letter) { shell::TouchFolder(dokan::MountPointOf(letter).string()); }
-
 NTSTATUS MappingMounted(LPCWSTR mountPoint, PDOKAN_FILE_INFO info) {
   NTSTATUS status = STATUS_SUCCESS;
   if (const DOKAN_OPERATIONS* drive = QuillboxOperations(); drive && drive->Mounted)
     status = drive->Mounted(mountPoint, info);
   g_mounted = true;
-  TouchRoot(Mapping().letter);
   return status;
 }
 

@@ -110,6 +110,9 @@ class Drive {
                     std::vector<char>* buffer);
   // Figures of the volume; the name limit is the one of folder `node`.
   int StatFs(fuse_req_t req, uint64_t node, struct statvfs* st);
+  // The kernel's first request to the new mount: the file system is asked
+  // for its volume's facts, as a system asks a volume it just mounted.
+  void Started();
   // Drops an open whose reply did not reach the kernel.
   void Abandon(Open* open, bool countedLookup);
 

@@ -110,6 +110,13 @@ int Drive::ReadDirectory(fuse_req_t req, Open* open, size_t size, off_t offset, 
   return 0;
 }
 
+void Drive::Started() {
+  DOKAN_FILE_INFO info{};
+  info.DokanOptions = options_;
+  VolumeInfo volume;
+  table_.Volume(&volume, &info);
+}
+
 int Drive::StatFs(fuse_req_t req, uint64_t node, struct statvfs* st) {
   AwaitAllClosed();  // the free space after the uploads of earlier closes
   DOKAN_FILE_INFO di = NewInfo(req);

@@ -31,7 +31,7 @@ void Serve(fuse_req_t req, const char* what, uint64_t node, F&& body) {
   tInsideRequest = false;
 }
 
-void OnInit(void*, fuse_conn_info* conn) {
+void OnInit(void* drive, fuse_conn_info* conn) {
   conn->want |= FUSE_CAP_ATOMIC_O_TRUNC;
   if (conn->capable & FUSE_CAP_READDIRPLUS) {
     conn->want |= FUSE_CAP_READDIRPLUS;
@@ -43,6 +43,7 @@ void OnInit(void*, fuse_conn_info* conn) {
   if (conn->capable & FUSE_CAP_AUTO_INVAL_DATA) conn->want |= FUSE_CAP_AUTO_INVAL_DATA;
   Trace("K2@Init: ", "max_write=%u max_read=%u max_readahead=%u", conn->max_write, conn->max_read,
         conn->max_readahead);
+  static_cast<Drive*>(drive)->Started();
 }
 
 void OnLookup(fuse_req_t req, fuse_ino_t parent, const char* name) {

@@ -9,10 +9,8 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cctype>
-#include <chrono>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -20,7 +18,6 @@
 #include <map>
 #include <mutex>
 #include <sstream>
-#include <vector>
 
 #include "diag/trace.h"
 #include "platform/system/paths.h"
@@ -228,32 +225,9 @@ void EnsureLibmtp() {
 }
 
 LIBMTP_error_number_t DetectMtpDevices(LIBMTP_raw_device_t** devices, int* count) {
-  // A process that starts to serve a device reads the device list and opens
-  // the device within a few milliseconds, on two threads: the second asks
-  // what the first found (each search costs USB requests of every device).
-  constexpr std::chrono::milliseconds kFreshFor{100};
   static std::mutex one;
-  static std::vector<LIBMTP_raw_device_t> found;
-  static LIBMTP_error_number_t result = LIBMTP_ERROR_GENERAL;
-  static std::chrono::steady_clock::time_point at{};
   std::lock_guard<std::mutex> l(one);
-  const auto now = std::chrono::steady_clock::now();
-  if (at == std::chrono::steady_clock::time_point{} || now - at >= kFreshFor) {
-    LIBMTP_raw_device_t* raw = nullptr;
-    int n = 0;
-    result = LIBMTP_Detect_Raw_Devices(&raw, &n);
-    found.assign(raw, raw + (raw && n > 0 ? n : 0));
-    std::free(raw);
-    at = now;
-  }
-  *count = static_cast<int>(found.size());
-  *devices = static_cast<LIBMTP_raw_device_t*>(std::malloc(std::max<size_t>(1, found.size()) * sizeof(LIBMTP_raw_device_t)));
-  if (!*devices) {
-    *count = 0;
-    return LIBMTP_ERROR_MEMORY_ALLOCATION;
-  }
-  std::copy(found.begin(), found.end(), *devices);
-  return result;
+  return LIBMTP_Detect_Raw_Devices(devices, count);
 }
 
 void RememberDevice(const std::string& pnpId, const MtpDeviceFacts& facts, uint32_t bus, uint32_t address,
