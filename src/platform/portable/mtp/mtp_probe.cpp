@@ -98,7 +98,7 @@ constexpr size_t kHeaderSize = 12;
 constexpr size_t kLargestAnswer = 1 << 20;  // a device's names and storage ids fit many times over
 constexpr uint16_t kCommandBlock = 1, kDataBlock = 2, kResponseBlock = 3;
 constexpr uint16_t kGetDeviceInfo = 0x1001, kOpenSession = 0x1002, kCloseSession = 0x1003,
-                   kGetStorageIds = 0x1004, kGetDevicePropValue = 0x1015;
+                   kGetStorageIds = 0x1004, kGetDevicePropValue = 0x1015, kGetObjectPropsSupported = 0x9801;
 constexpr uint16_t kResponseOk = 0x2001, kSessionAlreadyOpen = 0x201E;
 constexpr uint16_t kDeviceFriendlyName = 0xD402;
 
@@ -240,8 +240,18 @@ class PtpLink {
   uint32_t transaction_ = 0;
 };
 
+// A list of 16-bit codes as datasets carry them; false when cut short.
+bool ReadCodes(const std::vector<uint8_t>& data, std::vector<uint16_t>* codes) {
+  if (data.size() < 4) return false;
+  const size_t count = U32(data.data());
+  if ((data.size() - 4) / 2 < count) return false;
+  codes->clear();
+  for (size_t i = 0; i < count; ++i) codes->push_back(U16(data.data() + 4 + 2 * i));
+  return true;
+}
+
 // The device's answers within one session of its own.
-bool AskInSession(PtpLink* link, ProbedDevice* device) {
+bool AskInSession(PtpLink* link, const std::vector<uint16_t>& formats, ProbedDevice* device) {
   std::vector<uint8_t> data;
   uint16_t response = 0;
   PtpDeviceInfo info;
@@ -269,12 +279,20 @@ bool AskInSession(PtpLink* link, ProbedDevice* device) {
     // A storage id with a zero low half is a slot without media.
     if ((U32(data.data() + 4 + 4 * i) & 0xFFFFu) != 0) ++device->storages;
   }
+  const auto& ops = info.operations;
+  if (std::find(ops.begin(), ops.end(), kGetObjectPropsSupported) == ops.end()) return true;
+  for (uint16_t format : formats) {
+    std::vector<uint16_t> properties;
+    if (!link->Transact(kGetObjectPropsSupported, {format}, &data, &response)) return false;
+    if (response == kResponseOk && ReadCodes(data, &properties))
+      device->propertiesOfFormat[format] = std::move(properties);
+  }
   return true;
 }
 
 }  // namespace
 
-bool ProbeDevice(uint32_t bus, uint32_t address, ProbedDevice* device) {
+bool ProbeDevice(uint32_t bus, uint32_t address, const std::vector<uint16_t>& formats, ProbedDevice* device) {
   libusb_context* context = nullptr;
   if (libusb_init(&context) != 0) return false;
   bool ok = false;
@@ -283,7 +301,7 @@ bool ProbeDevice(uint32_t bus, uint32_t address, ProbedDevice* device) {
     uint16_t response = 0;
     if (link.Open(bus, address) && link.Transact(kOpenSession, {1}, nullptr, &response) &&
         (response == kResponseOk || response == kSessionAlreadyOpen)) {
-      ok = AskInSession(&link, device);
+      ok = AskInSession(&link, formats, device);
       if (response == kResponseOk) link.Transact(kCloseSession, {}, nullptr, &response);
     }
   }
@@ -295,7 +313,7 @@ bool ProbeDevice(uint32_t bus, uint32_t address, ProbedDevice* device) {
 
 #else  // !QUILLBOX_HAVE_LIBMTP
 
-bool ProbeDevice(uint32_t, uint32_t, ProbedDevice*) { return false; }
+bool ProbeDevice(uint32_t, uint32_t, const std::vector<uint16_t>&, ProbedDevice*) { return false; }
 
 #endif  // QUILLBOX_HAVE_LIBMTP
 
