@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "platform/system/named_mutex.h"
 #include "platform/system/paths.h"
 
 namespace qbtest {
@@ -26,6 +27,8 @@ ScopedHome::~ScopedHome() {
   // lock files, so it leaves the home's shared section behind; the name
   // belongs to this home alone.
   shm_unlink(qb::sys::SharedSectionName().c_str());
+  // So do the named mutexes of an instance that was killed.
+  qb::sys::NamedMutex::RemoveAllWithPrefix(qb::sys::SharedSectionName().substr(1));
   if (hadPrevious_)
     setenv("QUILLBOX_HOME", previous_.c_str(), 1);
   else
