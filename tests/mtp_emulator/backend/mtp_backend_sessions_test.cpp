@@ -32,6 +32,19 @@ uint64_t CountOf(const std::map<uint16_t, uint64_t>& counts, uint16_t code) {
   return it == counts.end() ? 0 : it->second;
 }
 
+// Reads every property of the objects at a storage's top level, as the
+// drive does when it lists them.
+void ReadEveryPropertyOfTheTopLevel(qp::IPortableDeviceContent* content, const std::string& storage) {
+  std::shared_ptr<qp::IPortableDeviceProperties> props;
+  ASSERT_EQ(content->Properties(&props), S_OK);
+  std::vector<std::string> ids;
+  ASSERT_FALSE(ChildNames(content, storage, &ids).empty());
+  for (const auto& id : ids) {
+    qp::PortableDeviceValues v;
+    EXPECT_EQ(props->GetValues(id, nullptr, &v), S_OK);
+  }
+}
+
 // What the device table reads of one device: open, read the device's
 // properties (into *deviceValues) and its storages, close.
 void ReadAsTheDeviceTableDoes(const std::string& pnpId, qp::PortableDeviceValues* deviceValues = nullptr) {
@@ -143,14 +156,7 @@ TEST_F(EmulatedMtpDevice, ADeviceLookedUpForAnotherProcessIsAskedOnlyForWhatName
   ChildNames(content_.get(), WPD_DEVICE_OBJECT_ID, &storages_);
   ASSERT_FALSE(storages_.empty());
   const auto beforeRead = OperationCounts();
-  std::shared_ptr<qp::IPortableDeviceProperties> props;
-  ASSERT_EQ(content_->Properties(&props), S_OK);
-  std::vector<std::string> ids;
-  ASSERT_FALSE(ChildNames(content_.get(), storages_[0], &ids).empty());
-  for (const auto& child : ids) {
-    qp::PortableDeviceValues v;
-    EXPECT_EQ(props->GetValues(child, nullptr, &v), S_OK);
-  }
+  ASSERT_NO_FATAL_FAILURE(ReadEveryPropertyOfTheTopLevel(content_.get(), storages_[0]));
   EXPECT_EQ(CountOf(OperationCounts(), kGetObjectPropsSupported), CountOf(beforeRead, kGetObjectPropsSupported))
       << "what the top level's folders support was asked again";
 }
@@ -286,14 +292,7 @@ TEST_F(EmulatedMtpDevice, WhichPropertiesAFormatSupportsIsAskedInOneSessionOnly)
   // The questions that reading every property of the top level cost.
   const auto questionsOfAFullRead = [this] {
     const auto before = OperationCounts();
-    std::shared_ptr<qp::IPortableDeviceProperties> props;
-    EXPECT_EQ(content_->Properties(&props), S_OK);
-    std::vector<std::string> ids;
-    EXPECT_FALSE(ChildNames(content_.get(), storages_[0], &ids).empty());
-    for (const auto& id : ids) {
-      qp::PortableDeviceValues v;
-      EXPECT_EQ(props->GetValues(id, nullptr, &v), S_OK);
-    }
+    ReadEveryPropertyOfTheTopLevel(content_.get(), storages_[0]);
     return CountOf(OperationCounts(), kGetObjectPropsSupported) - CountOf(before, kGetObjectPropsSupported);
   };
   const auto reopen = [this] {
