@@ -21,7 +21,9 @@ namespace {
 class Keeper {
  public:
   ~Keeper() {
-    AwaitOpenings();
+    // Every thread must have ended before the keeper goes; libusb's own
+    // time-outs end an opening of a silent device.
+    AwaitOpenings(std::chrono::hours::max());
     ReleaseAll(false);  // the trace may be gone by now
     std::thread t;
     {
@@ -64,7 +66,7 @@ class Keeper {
   }
 
   bool Take(const std::string& pnpId, KeptDevice* device) {
-    AwaitOpening(pnpId);
+    AwaitOpening(pnpId, kAwaitOpening);
     std::vector<KeptDevice> gone;
     {
       std::lock_guard<std::mutex> l(m_);
@@ -85,7 +87,7 @@ class Keeper {
   }
 
   void ReleaseAll(bool trace) {
-    AwaitOpenings();
+    AwaitOpenings(kAwaitOpening);
     std::vector<KeptDevice> all;
     {
       std::lock_guard<std::mutex> l(m_);
@@ -105,17 +107,20 @@ class Keeper {
     bool done = false;
   };
 
-  // Waits for an opening of the device under way to end, at most
-  // kAwaitOpening (libusb's own time-outs end a silent device sooner). One
+  // Waits for an opening of the device under way to end, at most `limit`
+  // (kAwaitOpening: libusb's own time-outs end a silent device sooner). One
   // that does not end is left to run: its session is then kept, or let go
   // at the end of the process.
-  void AwaitOpening(const std::string& pnpId) {
+  template <typename Duration>
+  void AwaitOpening(const std::string& pnpId, Duration limit) {
     std::thread ended;
     {
       std::unique_lock<std::mutex> l(m_);
-      auto it = opening_.find(pnpId);
-      if (it == opening_.end()) return;
-      if (!cv_.wait_for(l, kAwaitOpening, [&] { return opening_[pnpId].done; })) {
+      if (!opening_.count(pnpId)) return;
+      const auto done = [&] { return opening_[pnpId].done; };
+      if (limit == Duration::max()) {
+        cv_.wait(l, done);
+      } else if (!cv_.wait_for(l, limit, done)) {
         Trace("MT12@TakeKeptDevice: ", "the opening of %s did not end in time", pnpId.c_str());
         return;
       }
@@ -125,13 +130,14 @@ class Keeper {
     ended.join();
   }
 
-  void AwaitOpenings() {
+  template <typename Duration>
+  void AwaitOpenings(Duration limit) {
     std::vector<std::string> ids;
     {
       std::lock_guard<std::mutex> l(m_);
       for (const auto& [id, o] : opening_) ids.push_back(id);
     }
-    for (const auto& id : ids) AwaitOpening(id);
+    for (const auto& id : ids) AwaitOpening(id, limit);
   }
 
   void Run() {
