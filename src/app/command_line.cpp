@@ -308,14 +308,22 @@ bool IsValidPipe(int fd) {
 
 }  // namespace
 
+namespace {
+
+// The letter of a switch ('/x' or '-x', either case); 0 for any other word.
+char SwitchLetter(const char* arg) {
+  if (!arg || (arg[0] != '/' && arg[0] != '-')) return 0;
+  return static_cast<char>(ToUpperAZ(arg[1]) | 0x20);
+}
+
+}  // namespace
+
 bool ServesNoDevice(int argc, char** argv) {
   std::string stiDevice;
   bool connected = false;
   if (IsStiEvent(argc, argv, &stiDevice, &connected)) return false;
   for (int i = 1; i < argc; ++i) {
-    const char* arg = argv[i];
-    if (!arg || (arg[0] != '/' && arg[0] != '-')) continue;
-    const char sw = static_cast<char>(ToUpperAZ(arg[1]) | 0x20);
+    const char sw = SwitchLetter(argv[i]);
     if (sw == 'l' || sw == 'b') return false;
   }
   return true;
@@ -325,9 +333,7 @@ std::string DeviceServedHere(int argc, char** argv) {
   std::string device;
   bool letter = false;
   for (int i = 1; i < argc; ++i) {
-    const char* arg = argv[i];
-    if (!arg || (arg[0] != '/' && arg[0] != '-')) continue;
-    const char sw = static_cast<char>(ToUpperAZ(arg[1]) | 0x20);
+    const char sw = SwitchLetter(argv[i]);
     if (sw == 'l') letter = true;
     if (sw == 'i' && i + 1 < argc) device = argv[i + 1];
   }

@@ -47,7 +47,7 @@ int QuillboxEntry(int argc, char** argv) {
   // A device looked up for a child is opened by the child: learning its
   // name here needs no session of ours.
   if (ServesNoDevice(argc, argv)) qb::portable::LookUpDevicesForOthers();
-  // The device opens meanwhile the instance prepares to serve it.
+  // The device opens while the instance prepares to serve it.
   if (const std::string device = DeviceServedHere(argc, argv); !device.empty()) qb::portable::OpenDeviceAhead(device);
   nb::StartDeviceAccess();
   // The session-end watcher stands for the hidden event-handler window, so
