@@ -8,13 +8,15 @@
 namespace qb::portable {
 namespace {
 
-// Lock: m_ guards ids_ and mtp_ only.
+// The list is read when it is first asked for, not when the manager is
+// made: a process makes one as it starts and a new one each time it reads
+// the device list, and each reading searches USB. Lock: m_ guards ids_,
+// mtp_ and listed_ only.
 class PortableDeviceManager : public IPortableDeviceManager {
  public:
-  PortableDeviceManager() { RefreshDeviceList(); }
-
   HRESULT GetDevices(std::vector<std::string>* pnpDeviceIds) override {
     if (!pnpDeviceIds) return E_POINTER;
+    EnsureListed();
     std::lock_guard<std::mutex> lock(m_);
     *pnpDeviceIds = ids_;
     return S_OK;
@@ -29,6 +31,7 @@ class PortableDeviceManager : public IPortableDeviceManager {
     std::lock_guard<std::mutex> lock(m_);
     ids_ = std::move(ids);
     mtp_ = std::move(usb);
+    listed_ = true;
     return S_OK;
   }
 
@@ -44,6 +47,7 @@ class PortableDeviceManager : public IPortableDeviceManager {
   // A simulated device opens in no time, and its faults show at the open.
   HRESULT GetDeviceTableFacts(const std::string& pnpDeviceId, DeviceTableFacts* facts) override {
     if (pnpDeviceId.empty() || !facts) return E_INVALIDARG;
+    EnsureListed();
     std::lock_guard<std::mutex> lock(m_);
     for (const auto& d : mtp_) {
       if (d.pnpId != pnpDeviceId || !d.tableFactsKnown) continue;
@@ -59,6 +63,7 @@ class PortableDeviceManager : public IPortableDeviceManager {
   HRESULT Text(const std::string& pnpDeviceId, int which, std::string* out) {
     if (pnpDeviceId.empty() || !out) return E_INVALIDARG;
     if (sim::IsSimPnpId(pnpDeviceId)) return sim::SimDeviceText(pnpDeviceId, which, out);
+    EnsureListed();
     std::lock_guard<std::mutex> lock(m_);
     for (const auto& d : mtp_) {
       if (d.pnpId != pnpDeviceId) continue;
@@ -70,9 +75,18 @@ class PortableDeviceManager : public IPortableDeviceManager {
     return E_ERROR_NOT_FOUND;
   }
 
+  void EnsureListed() {
+    {
+      std::lock_guard<std::mutex> lock(m_);
+      if (listed_) return;
+    }
+    RefreshDeviceList();
+  }
+
   std::mutex m_;
   std::vector<std::string> ids_;
   std::vector<mtp::MtpDeviceEntry> mtp_;
+  bool listed_ = false;
 };
 
 // Picks the back end when the device is opened.

@@ -231,7 +231,8 @@ struct DeviceTableFacts {
 class IPortableDeviceManager {
  public:
   virtual ~IPortableDeviceManager() = default;
-  // PnP ids of the devices present (as of the last refresh).
+  // PnP ids of the devices present (as of the last refresh; the first
+  // question to a new manager reads the list).
   virtual HRESULT GetDevices(std::vector<std::string>* pnpDeviceIds) = 0;
   virtual HRESULT RefreshDeviceList() = 0;
   virtual HRESULT GetDeviceFriendlyName(const std::string& pnpDeviceId, std::string* name) = 0;
