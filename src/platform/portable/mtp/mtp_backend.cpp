@@ -185,10 +185,7 @@ bool LearnByAsking(const std::string& pnpId, const UsbPortInfo& usb, Learned* le
   if (!ProbeDevice(usb.busNumber, usb.deviceAddress, {kFolder, kUndefined}, &probed)) return false;
   RememberFormatProperties(pnpId, probed);
   MtpDeviceFacts facts;
-  // Named as an opened session names it (MtpSession::ReadFacts).
-  facts.friendlyName = !probed.friendlyName.empty() ? probed.friendlyName
-                       : !probed.model.empty()      ? probed.model
-                                                    : usb.product;
+  facts.friendlyName = DeviceName(probed.friendlyName, probed.model, usb.product);
   facts.manufacturer = probed.manufacturer;
   facts.model = probed.model;
   facts.serialNumber = probed.serialNumber;

@@ -50,15 +50,20 @@ class DatasetReader {
     pos_ += used;
     return true;
   }
-  bool ReadArray16(std::vector<uint16_t>* values) {
+  bool ReadArray16(std::vector<uint16_t>* values) { return ReadArray(values, &DatasetReader::Read16); }
+  bool ReadArray32(std::vector<uint32_t>* values) { return ReadArray(values, &DatasetReader::Read32); }
+
+ private:
+  // A count, then that many values.
+  template <typename T>
+  bool ReadArray(std::vector<T>* values, bool (DatasetReader::*read)(T*)) {
     uint32_t count = 0;
-    if (!Read32(&count) || (size_ - pos_) / 2 < count) return false;
+    if (!Read32(&count) || (size_ - pos_) / sizeof(T) < count) return false;
     values->resize(count);
-    for (uint16_t& v : *values) Read16(&v);
+    for (T& v : *values) (this->*read)(&v);
     return true;
   }
 
- private:
   const uint8_t* data_;
   size_t size_;
   size_t pos_ = 0;
@@ -240,16 +245,6 @@ class PtpLink {
   uint32_t transaction_ = 0;
 };
 
-// A list of 16-bit codes as datasets carry them; false when cut short.
-bool ReadCodes(const std::vector<uint8_t>& data, std::vector<uint16_t>* codes) {
-  if (data.size() < 4) return false;
-  const size_t count = U32(data.data());
-  if ((data.size() - 4) / 2 < count) return false;
-  codes->clear();
-  for (size_t i = 0; i < count; ++i) codes->push_back(U16(data.data() + 4 + 2 * i));
-  return true;
-}
-
 // The device's answers within one session of its own.
 bool AskInSession(PtpLink* link, const std::vector<uint16_t>& formats, ProbedDevice* device) {
   std::vector<uint8_t> data;
@@ -270,21 +265,19 @@ bool AskInSession(PtpLink* link, const std::vector<uint16_t>& formats, ProbedDev
     if (!link->Transact(kGetDevicePropValue, {kDeviceFriendlyName}, &data, &response)) return false;
     if (response == kResponseOk) ParsePtpString(data.data(), data.size(), &device->friendlyName, &used);
   }
-  if (!link->Transact(kGetStorageIds, {}, &data, &response) || response != kResponseOk || data.size() < 4)
+  std::vector<uint32_t> storages;
+  if (!link->Transact(kGetStorageIds, {}, &data, &response) || response != kResponseOk ||
+      !DatasetReader(data.data(), data.size()).ReadArray32(&storages))
     return false;
-  const size_t count = U32(data.data());
-  if ((data.size() - 4) / 4 < count) return false;
-  device->storages = 0;
-  for (size_t i = 0; i < count; ++i) {
-    // A storage id with a zero low half is a slot without media.
-    if ((U32(data.data() + 4 + 4 * i) & 0xFFFFu) != 0) ++device->storages;
-  }
+  // A storage id with a zero low half is a slot without media.
+  device->storages = static_cast<size_t>(
+      std::count_if(storages.begin(), storages.end(), [](uint32_t id) { return (id & 0xFFFFu) != 0; }));
   const auto& ops = info.operations;
   if (std::find(ops.begin(), ops.end(), kGetObjectPropsSupported) == ops.end()) return true;
   for (uint16_t format : formats) {
     std::vector<uint16_t> properties;
     if (!link->Transact(kGetObjectPropsSupported, {format}, &data, &response)) return false;
-    if (response == kResponseOk && ReadCodes(data, &properties))
+    if (response == kResponseOk && DatasetReader(data.data(), data.size()).ReadArray16(&properties))
       device->propertiesOfFormat[format] = std::move(properties);
   }
   return true;

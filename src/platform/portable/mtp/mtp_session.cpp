@@ -285,7 +285,7 @@ void MtpSession::ReadFacts(const std::string& usbProduct) {
   facts_.model = TakeString(LIBMTP_Get_Modelname(handle_));
   facts_.serialNumber = TakeString(LIBMTP_Get_Serialnumber(handle_));
   facts_.firmwareVersion = TakeString(LIBMTP_Get_Deviceversion(handle_));
-  if (facts_.friendlyName.empty()) facts_.friendlyName = !facts_.model.empty() ? facts_.model : usbProduct;
+  facts_.friendlyName = DeviceName(facts_.friendlyName, facts_.model, usbProduct);
   const Extensions x = ExtensionsOf(handle_);
   facts_.protocol = ProtocolText(x.SpeaksMtp());
   facts_.deviceType = DeviceTypeFor(x.SpeaksMtp(), x.android);

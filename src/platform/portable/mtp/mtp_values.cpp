@@ -28,6 +28,10 @@ void CopyIfPresent(const PortableDeviceValues& from, const PROPERTYKEY& key, Por
 
 std::string ProtocolText(bool hasMtpExtension) { return hasMtpExtension ? "MTP: 1.00" : "PTP: 1.00"; }
 
+std::string DeviceName(const std::string& friendlyName, const std::string& model, const std::string& usbProduct) {
+  return !friendlyName.empty() ? friendlyName : !model.empty() ? model : usbProduct;
+}
+
 uint32_t DeviceTypeFor(bool hasMtpExtension, bool hasAndroidExtension) {
   if (hasAndroidExtension) return WPD_DEVICE_TYPE_PHONE;
   return hasMtpExtension ? WPD_DEVICE_TYPE_MEDIA_PLAYER : WPD_DEVICE_TYPE_CAMERA;

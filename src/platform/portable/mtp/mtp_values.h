@@ -53,6 +53,9 @@ struct MtpObjectFacts {
 
 // "MTP: 1.00" for a device with an MTP vendor extension, else "PTP: 1.00".
 std::string ProtocolText(bool hasMtpExtension);
+// The name a device is shown by: its own friendly name, else its model,
+// else the USB product string.
+std::string DeviceName(const std::string& friendlyName, const std::string& model, const std::string& usbProduct);
 // A phone when the device names the Android extension, a camera for a plain
 // PTP device, else a media player (MTP's first use).
 uint32_t DeviceTypeFor(bool hasMtpExtension, bool hasAndroidExtension);
