@@ -378,14 +378,17 @@ TEST_F(DriveOperations, EndsWhoseRestWaitsLetTheNextCleanupRunAndKeepTheirOrder)
 // or closed before writing, costs no flush.
 TEST_F(DriveOperations, CloseOfADescriptorThatWroteFlushesItAndReportsTheFlushesFailure) {
   ClearCalls();
+  const auto writesAndFlushes = [](const std::vector<FsCall>& calls) {
+    std::vector<std::string> ops;
+    for (const FsCall& c : calls)
+      if (c.op == "WriteFile" || c.op == "FlushFileBuffers") ops.push_back(c.op);
+    return ops;
+  };
   ASSERT_EQ(0, Sh("echo a > " + At("x.txt") + " && cat " + At("x.txt") + " >/dev/null"));
   const auto calls = CallsFor(Fs().Calls(), "\\x.txt");
-  std::vector<std::string> ops;
-  for (const FsCall& c : calls)
-    if (c.op == "WriteFile" || c.op == "FlushFileBuffers") ops.push_back(c.op);
   // The shell's close of its first descriptor came before the write, and
   // cat only read.
-  EXPECT_EQ((std::vector<std::string>{"WriteFile", "FlushFileBuffers"}), ops) << OpNames(calls);
+  EXPECT_EQ((std::vector<std::string>{"WriteFile", "FlushFileBuffers"}), writesAndFlushes(calls)) << OpNames(calls);
   // The flush is the close's own; the end of the open (a release, which
   // the kernel sends after close(2) returned) comes after it.
   for (const FsCall& c : calls) {
@@ -396,10 +399,9 @@ TEST_F(DriveOperations, CloseOfADescriptorThatWroteFlushesItAndReportsTheFlushes
   // writes: only the opener's close flushes, once the content is whole.
   ClearCalls();
   ASSERT_EQ(0, Sh("{ sh -c 'echo one'; echo two; } > " + At("y.txt")));
-  ops.clear();
-  for (const FsCall& c : CallsFor(Fs().Calls(), "\\y.txt"))
-    if (c.op == "WriteFile" || c.op == "FlushFileBuffers") ops.push_back(c.op);
-  EXPECT_EQ((std::vector<std::string>{"WriteFile", "WriteFile", "FlushFileBuffers"}), ops) << OpNames(Fs().Calls());
+  EXPECT_EQ((std::vector<std::string>{"WriteFile", "WriteFile", "FlushFileBuffers"}),
+            writesAndFlushes(CallsFor(Fs().Calls(), "\\y.txt")))
+      << OpNames(Fs().Calls());
 
   Fs().FailFlushesOf("\\full.txt");
   std::string out;
