@@ -315,7 +315,6 @@ void AskNamesOnly(bool namesOnly) { g_askNamesOnly = namesOnly; }
 
 void OpenMtpDeviceAhead(const std::string& pnpId) {
   if (!IsMtpPnpId(pnpId)) return;
-  EnsureLibmtp();
   OpenAhead(pnpId, [pnpId] { MtpSession::OpenToKeep(pnpId); });
 }
 
