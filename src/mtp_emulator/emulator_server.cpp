@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -205,8 +206,8 @@ void EmulatorServer::Serve(int fd) {
         break;
     }
     if (trace_)
-      std::fprintf(stderr, "usb op %u ep 0x%02x len %u timeout %u setup %02x %02x -> status %d in %zu out %zu\n",
-                   request.op, request.endpoint, request.length, request.timeoutMs, request.setup[0], request.setup[1],
+      std::fprintf(stderr, "%.6f usb op %u ep 0x%02x len %u timeout %u setup %02x %02x -> status %d in %zu out %zu\n",
+                   std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count(), request.op, request.endpoint, request.length, request.timeoutMs, request.setup[0], request.setup[1],
                    status, in.size(), out.size());
     if (trace_ && !in.empty()) {
       for (size_t i = 0; i < in.size() && i < 24; ++i) std::fprintf(stderr, "%02x ", in[i]);
