@@ -45,9 +45,7 @@ mtp::MtpObjectFacts ObjectFacts(qbfuzz::Input& in, const std::string& serial) {
   o.hasModified = in.Bool();
   o.modified = static_cast<int64_t>(in.U64());
 #endif
-  const uint64_t puoid = in.U64();
-  o.persistentId = puoid ? mtp::PersistentIdFromDevice(puoid)
-                         : mtp::PersistentIdFallback(serial, o.storageId, o.handle);
+  o.persistentId = mtp::PersistentIdFallback(serial, o.storageId, o.handle);
   o.hasCreated = mtp::ParseMtpDate(in.Str(), &o.created);
   o.hasProtection = in.Bool();
   o.protectionStatus = in.U16();

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 #include "emulated_fixture.h"
 #include "platform/portable/mtp/mtp_backend.h"
@@ -21,6 +22,9 @@ namespace fs = std::filesystem;
 namespace qp = qb::portable;
 
 constexpr uint16_t kOpenSession = 0x1002;
+// libmtp asks it once as it opens the device (the top level read ahead and
+// a look-up for names each open a short session of their own as well).
+constexpr uint16_t kGetDeviceInfo = 0x1001;
 constexpr uint16_t kGetStorageInfo = 0x1005;
 constexpr uint16_t kGetObjectInfo = 0x1008;
 constexpr uint16_t kGetDevicePropValue = 0x1015;
@@ -62,6 +66,42 @@ void ReadAsTheDeviceTableDoes(const std::string& pnpId, qp::PortableDeviceValues
   ChildNames(content.get(), WPD_DEVICE_OBJECT_ID, &storages);
   EXPECT_FALSE(storages.empty());
   device->Close();
+}
+
+// Every property of every object of the first storage's top level, by
+// object id, as a drive reads them after opening the device.
+using ObjectValues = std::map<std::string, std::vector<std::pair<PROPERTYKEY, PROPVARIANT>>>;
+void ReadTopLevelValues(const std::string& pnpId, ObjectValues* out) {
+  auto device = qp::CreatePortableDevice();
+  qp::PortableDeviceValues client;
+  ASSERT_EQ(device->Open(pnpId, client), S_OK);
+  std::shared_ptr<qp::IPortableDeviceContent> content;
+  ASSERT_EQ(device->Content(&content), S_OK);
+  std::vector<std::string> storages, ids;
+  ChildNames(content.get(), WPD_DEVICE_OBJECT_ID, &storages);
+  ASSERT_FALSE(storages.empty());
+  ChildNames(content.get(), storages[0], &ids);
+  std::shared_ptr<qp::IPortableDeviceProperties> props;
+  content->Properties(&props);
+  for (const auto& id : ids) {
+    qp::PortableDeviceValues v;
+    EXPECT_EQ(props->GetValues(id, nullptr, &v), S_OK);
+    (*out)[id] = v.Items();
+  }
+  device->Close();
+}
+
+std::string Text(const PROPVARIANT& v) {
+  if (auto* t = std::get_if<std::string>(&v.value)) return *t;
+  if (auto* n = std::get_if<uint64_t>(&v.value)) return std::to_string(*n);
+  if (auto* n = std::get_if<int64_t>(&v.value)) return std::to_string(*n);
+  if (auto* d = std::get_if<double>(&v.value)) return std::to_string(*d);
+  if (auto* b = std::get_if<bool>(&v.value)) return *b ? "true" : "false";
+  return "(vt " + std::to_string(v.vt) + ")";
+}
+
+bool SameValue(const PROPVARIANT& a, const PROPVARIANT& b) {
+  return a.vt == b.vt && a.value == b.value && a.elements.size() == b.elements.size();
 }
 
 // The device opened by another program, as the serving instance opens it:
@@ -169,12 +209,50 @@ TEST_F(EmulatedMtpDevice, TheOpenThatFollowsAnOpenAheadTakesItsSessionOver) {
   const std::string id = FindMtpDevice();
   ASSERT_FALSE(id.empty());
   qp::ReleaseIdleDevices();  // the list's session: the open ahead is to be the only one
-  const uint64_t before = CountOf(OperationCounts(), kOpenSession);
+  const uint64_t before = CountOf(OperationCounts(), kGetDeviceInfo);
   qp::OpenDeviceAhead(id);
   ASSERT_NO_FATAL_FAILURE(ReadAsTheDeviceTableDoes(id));
-  EXPECT_EQ(CountOf(OperationCounts(), kOpenSession) - before, 1u) << "the device was opened twice";
+  EXPECT_EQ(CountOf(OperationCounts(), kGetDeviceInfo) - before, 1u) << "the device was opened twice";
   qp::ReleaseIdleDevices();
   EXPECT_TRUE(AnotherProgramCanOpen());
+}
+
+// The top level read in one list before libmtp opens the device (as the
+// serving instance's opening ahead does) gives every object of it with the
+// very properties libmtp's listing gives, object by object: names, kinds,
+// sizes (one over 4 GiB), dates, persistent ids. And it asks the device
+// nothing per object.
+TEST_F(EmulatedMtpDevice, TheTopLevelReadAheadInOneListIsWhatLibmtpListsObjectByObject) {
+  std::ofstream(Storage("notes.txt")) << "notes";
+  std::ofstream(Storage("photo.jpg")) << "not much of a picture";
+  { std::ofstream(Storage("huge.bin")); }
+  fs::resize_file(Storage("huge.bin"), (5ull << 30) + 3);  // sparse: no disk space taken
+  ASSERT_TRUE(StartEmulator());
+  const std::string id = FindMtpDevice();  // its names known: a device that speaks MTP
+  ASSERT_FALSE(id.empty());
+  qp::ReleaseIdleDevices();
+  ObjectValues byLibmtp, fromList;
+  ASSERT_NO_FATAL_FAILURE(ReadTopLevelValues(id, &byLibmtp));
+  qp::ReleaseIdleDevices();
+  const auto before = OperationCounts();
+  qp::OpenDeviceAhead(id);
+  ASSERT_NO_FATAL_FAILURE(ReadTopLevelValues(id, &fromList));
+  EXPECT_EQ(CountOf(OperationCounts(), kGetObjectInfo), CountOf(before, kGetObjectInfo))
+      << "the top level was read object by object";
+  ASSERT_EQ(byLibmtp.size(), 9u);  // six folders, three files
+  ASSERT_EQ(fromList.size(), byLibmtp.size());
+  for (const auto& [object, values] : byLibmtp) {
+    auto it = fromList.find(object);
+    ASSERT_NE(it, fromList.end()) << object << " is missing";
+    ASSERT_EQ(it->second.size(), values.size()) << object;
+    for (size_t i = 0; i < values.size(); ++i) {
+      EXPECT_EQ(it->second[i].first, values[i].first) << object << " property " << i;
+      EXPECT_TRUE(SameValue(it->second[i].second, values[i].second))
+          << object << " property " << values[i].first.pid << " differs: " << Text(it->second[i].second) << " against "
+          << Text(values[i].second);
+    }
+  }
+  qp::ReleaseIdleDevices();
 }
 
 // A session kept after a close holds the device for this process only until

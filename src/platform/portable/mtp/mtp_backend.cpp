@@ -161,7 +161,6 @@ std::atomic<bool> g_askNamesOnly{false};
 void RememberFormatProperties(const std::string& pnpId, const ProbedDevice& probed) {
   if (probed.propertiesOfFormat.empty()) return;
   static constexpr std::pair<LIBMTP_property_t, uint16_t> kRead[] = {
-      {LIBMTP_PROPERTY_PersistantUniqueObjectIdentifier, 0xDC41},
       {LIBMTP_PROPERTY_ProtectionStatus, 0xDC03},
       {LIBMTP_PROPERTY_Hidden, 0xDC0D},
       {LIBMTP_PROPERTY_DateCreated, 0xDC08},
@@ -263,6 +262,11 @@ void RememberDevice(const std::string& pnpId, const MtpDeviceFacts& facts, uint3
   d.protocol = facts.protocol;
   d.serial = facts.serialNumber;
   Remember(d);
+}
+
+bool RememberedAsMtp(const std::string& pnpId) {
+  Learned d;
+  return Recall(pnpId, &d) && d.protocol == ProtocolText(true);
 }
 
 void RecordDeviceHolder(const std::string& pnpId) { ReplaceFile(HolderFile(pnpId), std::to_string(getpid()) + "\n"); }

@@ -76,13 +76,6 @@ bool ParentHandleOf(const MtpObjectRef& parent, uint32_t* parentHandle) {
 
 uint32_t SendParentHandle(uint32_t parentHandle) { return parentHandle == 0 ? 0xFFFFFFFFu : parentHandle; }
 
-std::string PersistentIdFromDevice(uint64_t puoidLow) {
-  char buf[40];
-  std::snprintf(buf, sizeof buf, "{%08X-%04X-%04X-0000-000000000000}", static_cast<uint32_t>(puoidLow),
-                static_cast<uint32_t>((puoidLow >> 32) & 0xFFFF), static_cast<uint32_t>(puoidLow >> 48));
-  return buf;
-}
-
 std::string PersistentIdFallback(const std::string& serial, uint32_t storageId, uint32_t handle) {
   char buf[32];
   std::snprintf(buf, sizeof buf, ":%08X:%08X", storageId, handle);

@@ -34,11 +34,10 @@ bool ParentHandleOf(const MtpObjectRef& parent, uint32_t* parentHandle);
 // into the device's default folder for its type, e.g. the pictures folder).
 uint32_t SendParentHandle(uint32_t parentHandle);
 
-// Persistent unique ids. From the device's 128-bit persistent unique object
-// identifier (the part libmtp hands over, its low 64 bits), or, when the
-// device lacks that property, a form stable for the object's life on this
-// device: "<serial>:<storage>:<handle>".
-std::string PersistentIdFromDevice(uint64_t puoidLow);
+// Persistent unique ids, stable for the object's life on this device:
+// "<serial>:<storage>:<handle>". Not the device's own persistent unique
+// object identifier: that is a 128-bit value, which libmtp 1.1.20 does not
+// read (it hands over whatever its memory held).
 std::string PersistentIdFallback(const std::string& serial, uint32_t storageId, uint32_t handle);
 std::string StoragePersistentId(const std::string& serial, uint32_t storageId);
 

@@ -21,6 +21,8 @@ LIBMTP_error_number_t DetectMtpDevices(LIBMTP_raw_device_t** devices, int* count
 // names, and the table's facts for as long as it stays at `bus`/`address`.
 void RememberDevice(const std::string& pnpId, const MtpDeviceFacts& facts, uint32_t bus, uint32_t address,
                     size_t storageCount);
+// Whether the device was last found to speak MTP (its names are known).
+bool RememberedAsMtp(const std::string& pnpId);
 // Which of our processes holds a device open (a file beside its names):
 // another process that cannot open the device then knows that waiting will
 // not help. Written when a session opens, removed when it closes; a holder

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/portable/mtp/mtp_probe.h"
 #include "platform/portable/mtp/mtp_values.h"
 
 namespace qb::portable::mtp {
@@ -55,6 +56,8 @@ struct KeptDevice {
   MtpDeviceFacts facts;
   // The closed session's readings; only those still fresh are known.
   MtpReadings readings;
+  // Its top level as read before libmtp opened the device (may be empty).
+  PtpObjectList topLevel;
 };
 
 // Takes over `device.handle`; it is released after kKeepFor unless taken.

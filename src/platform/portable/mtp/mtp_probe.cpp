@@ -1,6 +1,7 @@
 // A few PTP requests straight over USB bulk transfers, for a device's names.
 #include "platform/portable/mtp/mtp_probe.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "common/strings.h"
@@ -38,6 +39,11 @@ class DatasetReader {
     pos_ += 2;
     return true;
   }
+  bool Read8(uint8_t* v) {
+    if (size_ - pos_ < 1) return false;
+    *v = data_[pos_++];
+    return true;
+  }
   bool Read32(uint32_t* v) {
     if (size_ - pos_ < 4) return false;
     *v = U32(data_ + pos_);
@@ -50,6 +56,7 @@ class DatasetReader {
     pos_ += used;
     return true;
   }
+  size_t Left() const { return size_ - pos_; }
   bool ReadArray16(std::vector<uint16_t>* values) { return ReadArray(values, &DatasetReader::Read16); }
   bool ReadArray32(std::vector<uint32_t>* values) { return ReadArray(values, &DatasetReader::Read32); }
 
@@ -83,6 +90,64 @@ bool ParsePtpString(const uint8_t* data, size_t size, std::string* text, size_t*
   return true;
 }
 
+namespace {
+
+}  // namespace
+
+size_t IntegerWidthOf(uint16_t type) {
+  const uint16_t element = type & 0x0FFF;
+  if ((type & 0xF000) != 0 && (type & 0xF000) != 0x4000) return 0;
+  switch (element) {
+    case 0x1: case 0x2: return 1;
+    case 0x3: case 0x4: return 2;
+    case 0x5: case 0x6: return 4;
+    case 0x7: case 0x8: return 8;
+    case 0x9: case 0xA: return 16;
+    default: return 0;
+  }
+}
+
+namespace {
+
+bool ReadPropValue(DatasetReader* r, uint16_t type, PtpPropValue* value) {
+  value->type = type;
+  if (type == 0xFFFF) return r->ReadString(&value->text);
+  const size_t width = IntegerWidthOf(type);
+  if (width == 0) return false;
+  if (type & 0x4000) {  // an array: a count, then the elements
+    uint32_t count = 0;
+    return r->Read32(&count) && r->Left() / width >= count && r->Skip(count * width);
+  }
+  uint64_t v = 0;
+  for (size_t i = 0; i < std::min<size_t>(width, 8); ++i) {
+    uint8_t byte = 0;
+    if (!r->Read8(&byte)) return false;
+    v |= static_cast<uint64_t>(byte) << (8 * i);
+  }
+  value->number = v;
+  return width < 16 || r->Skip(8);
+}
+
+}  // namespace
+
+bool ParseObjectPropList(const uint8_t* data, size_t size, PtpObjectList* objects) {
+  DatasetReader r(data, size);
+  uint32_t count = 0;
+  if (!r.Read32(&count) || r.Left() / 8 < count) return false;  // each element takes 8 bytes and its value
+  objects->clear();
+  std::map<uint32_t, size_t> where;
+  for (uint32_t i = 0; i < count; ++i) {
+    uint32_t handle = 0;
+    uint16_t code = 0, type = 0;
+    PtpPropValue value;
+    if (!r.Read32(&handle) || !r.Read16(&code) || !r.Read16(&type) || !ReadPropValue(&r, type, &value)) return false;
+    auto [it, added] = where.emplace(handle, objects->size());
+    if (added) objects->push_back({handle, {}});
+    (*objects)[it->second].second[code] = std::move(value);
+  }
+  return true;
+}
+
 bool ParsePtpDeviceInfo(const uint8_t* data, size_t size, PtpDeviceInfo* info) {
   DatasetReader r(data, size);
   std::vector<uint16_t> events, captureFormats, playbackFormats;
@@ -100,10 +165,14 @@ namespace {
 constexpr const char* kTag = "MT14@ProbeDevice: ";
 constexpr unsigned kTransferTimeoutMs = 3000;
 constexpr size_t kHeaderSize = 12;
-constexpr size_t kLargestAnswer = 1 << 20;  // a device's names and storage ids fit many times over
+// A device's names and storage ids fit many times over; so does the list of
+// a top level of some hundred thousand objects.
+constexpr size_t kLargestAnswer = 64 << 20;
 constexpr uint16_t kCommandBlock = 1, kDataBlock = 2, kResponseBlock = 3;
 constexpr uint16_t kGetDeviceInfo = 0x1001, kOpenSession = 0x1002, kCloseSession = 0x1003,
-                   kGetStorageIds = 0x1004, kGetDevicePropValue = 0x1015, kGetObjectPropsSupported = 0x9801;
+                   kGetStorageIds = 0x1004, kGetDevicePropValue = 0x1015, kGetObjectPropsSupported = 0x9801,
+                   kGetObjPropList = 0x9805;
+constexpr uint32_t kAllProperties = 0xFFFFFFFFu;
 constexpr uint16_t kResponseOk = 0x2001, kSessionAlreadyOpen = 0x201E;
 constexpr uint16_t kDeviceFriendlyName = 0xD402;
 
@@ -283,9 +352,10 @@ bool AskInSession(PtpLink* link, const std::vector<uint16_t>& formats, ProbedDev
   return true;
 }
 
-}  // namespace
-
-bool ProbeDevice(uint32_t bus, uint32_t address, const std::vector<uint16_t>& formats, ProbedDevice* device) {
+// Runs `ask` in a session of its own with the device at `bus`/`address`;
+// false when the device cannot be claimed, opens no session or `ask` fails.
+template <typename Ask>
+bool InSessionOf(uint32_t bus, uint32_t address, Ask ask) {
   libusb_context* context = nullptr;
   if (libusb_init(&context) != 0) return false;
   bool ok = false;
@@ -294,19 +364,42 @@ bool ProbeDevice(uint32_t bus, uint32_t address, const std::vector<uint16_t>& fo
     uint16_t response = 0;
     if (link.Open(bus, address) && link.Transact(kOpenSession, {1}, nullptr, &response) &&
         (response == kResponseOk || response == kSessionAlreadyOpen)) {
-      ok = AskInSession(&link, formats, device);
+      ok = ask(&link);
       if (response == kResponseOk) link.Transact(kCloseSession, {}, nullptr, &response);
     }
   }
   libusb_exit(context);
+  return ok;
+}
+
+}  // namespace
+
+bool ProbeDevice(uint32_t bus, uint32_t address, const std::vector<uint16_t>& formats, ProbedDevice* device) {
+  const bool ok = InSessionOf(bus, address, [&](PtpLink* link) { return AskInSession(link, formats, device); });
   Trace(kTag, "%u:%u %s: \"%s\", %zu storages", bus, address, ok ? "answered" : "did not answer",
         device->friendlyName.c_str(), device->storages);
+  return ok;
+}
+
+bool ReadTopLevel(uint32_t bus, uint32_t address, PtpObjectList* objects) {
+  objects->clear();
+  const bool ok = InSessionOf(bus, address, [&](PtpLink* link) {
+    std::vector<uint8_t> data;
+    uint16_t response = 0;
+    // Object 0 with depth 1: the children of the root, of every storage.
+    return link->Transact(kGetObjPropList, {0, 0, kAllProperties, 0, 1}, &data, &response) &&
+           response == kResponseOk && ParseObjectPropList(data.data(), data.size(), objects);
+  });
+  Trace("MT15@ReadTopLevel: ", "%u:%u %s: %zu objects", bus, address, ok ? "answered" : "did not answer",
+        ok ? objects->size() : 0);
+  if (!ok) objects->clear();
   return ok;
 }
 
 #else  // !QUILLBOX_HAVE_LIBMTP
 
 bool ProbeDevice(uint32_t, uint32_t, const std::vector<uint16_t>&, ProbedDevice*) { return false; }
+bool ReadTopLevel(uint32_t, uint32_t, PtpObjectList*) { return false; }
 
 #endif  // QUILLBOX_HAVE_LIBMTP
 

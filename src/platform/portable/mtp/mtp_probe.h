@@ -30,6 +30,28 @@ bool ParsePtpDeviceInfo(const uint8_t* data, size_t size, PtpDeviceInfo* info);
 // the units); *used is the number of bytes it took. False when cut short.
 bool ParsePtpString(const uint8_t* data, size_t size, std::string* text, size_t* used);
 
+// One property value of an object as a device lists it: integers in
+// `number` (signed ones as their two's complement; of 128-bit ones the low
+// 64 bits, as libmtp keeps them), strings in `text`; arrays are read past
+// and left empty.
+struct PtpPropValue {
+  uint16_t type = 0;  // PTP data type code
+  uint64_t number = 0;
+  std::string text;
+};
+// An object's properties by property code.
+using PtpObjectProps = std::map<uint16_t, PtpPropValue>;
+// Objects in the order the list names them first, with their properties.
+using PtpObjectList = std::vector<std::pair<uint32_t, PtpObjectProps>>;
+
+// The width in bytes of an integer of PTP data type `type` (of an element,
+// for arrays); 0 for strings and types PTP does not have.
+size_t IntegerWidthOf(uint16_t type);
+
+// Reads an ObjectPropList dataset; false when it is cut short, names a data
+// type PTP does not have, or holds more elements than its size allows.
+bool ParseObjectPropList(const uint8_t* data, size_t size, PtpObjectList* objects);
+
 struct ProbedDevice {
   std::string friendlyName;  // the device's own name; empty when it has none
   std::string manufacturer;
@@ -50,5 +72,13 @@ struct ProbedDevice {
 // cannot be claimed (another program holds it) or does not answer as PTP;
 // nothing of the device is changed either way.
 bool ProbeDevice(uint32_t bus, uint32_t address, const std::vector<uint16_t>& formats, ProbedDevice* device);
+
+// Reads the top level of every storage of the device at `bus`/`address`,
+// every property of every object, in one request of a session of its own
+// (OpenSession, GetObjPropList for the children of the root, CloseSession):
+// listing it through libmtp costs two requests an object. False when the
+// device cannot be claimed or does not give such a list; nothing of the
+// device is changed either way.
+bool ReadTopLevel(uint32_t bus, uint32_t address, PtpObjectList* objects);
 
 }  // namespace qb::portable::mtp

@@ -79,7 +79,7 @@ HRESULT MtpSession::Open(const std::string& pnpId, bool readOnly, std::shared_pt
       return S_OK;
     }
   }
-  const HRESULT hr = OpenOnUsb(pnpId, readOnly, true, out);
+  const HRESULT hr = OpenOnUsb(pnpId, readOnly, false, out);
   Trace("MT1@MtpSession::Open: ", "RETURN: RC=0x%08X (%s)", static_cast<uint32_t>(hr), CodeToName(hr));
   return hr;
 }
@@ -88,12 +88,12 @@ void MtpSession::OpenToKeep(const std::string& pnpId) {
   Trace("MT1@MtpSession::OpenToKeep: ", "ENTER %s", pnpId.c_str());
   EnsureLibmtp();
   std::shared_ptr<MtpSession> session;
-  const HRESULT hr = OpenOnUsb(pnpId, false, false, &session);
+  const HRESULT hr = OpenOnUsb(pnpId, false, true, &session);
   if (SUCCEEDED(hr)) session->Close();  // kept: nothing was read into it
   Trace("MT1@MtpSession::OpenToKeep: ", "RETURN: RC=0x%08X (%s)", static_cast<uint32_t>(hr), CodeToName(hr));
 }
 
-HRESULT MtpSession::OpenOnUsb(const std::string& pnpId, bool readOnly, bool listen,
+HRESULT MtpSession::OpenOnUsb(const std::string& pnpId, bool readOnly, bool ahead,
                               std::shared_ptr<MtpSession>* out) {
   uint16_t vid = 0, pid = 0;
   std::string serialPart;
@@ -120,11 +120,14 @@ HRESULT MtpSession::OpenOnUsb(const std::string& pnpId, bool readOnly, bool list
     s->deviceAddress_ = r.devnum;
     s->vendorId_ = vid;
     s->productId_ = pid;
+    // A drive lists the top level first; libmtp would ask two requests an
+    // object for it.
+    if (ahead && RememberedAsMtp(pnpId)) ReadTopLevel(r.bus_location, r.devnum, &s->topLevel_);
     hr = s->OpenRaw(&raw[i]);
     if (SUCCEEDED(hr)) {
       s->ReadFacts(usb.product);
       s->RememberForTable();
-      if (listen) {
+      if (!ahead) {
         s->pump_ = std::make_unique<MtpEventPump>(s.get());
         s->pump_->Start();
       }
@@ -171,6 +174,8 @@ bool MtpSession::TakeOverKept() {
     std::lock_guard<std::mutex> c(cacheMutex_);
     readings_ = kept.readings;
     readings_.storagesRead.changes = readings_.powerRead.changes = changes_.load();
+    topLevel_ = std::move(kept.topLevel);
+    topLevelChanges_ = changes_.load();
   }
   std::vector<MtpStorageFacts> storages;
   StoragesLocked(handle_, &storages);  // as a new open reads them, unless read a moment ago
@@ -196,6 +201,7 @@ bool MtpSession::KeepLocked() {
   {
     std::lock_guard<std::mutex> c(cacheMutex_);
     kept.readings = readings_;
+    kept.topLevel = topLevel_;
     kept.readings.storagesRead.known = Fresh(readings_.storagesRead);
     kept.readings.powerRead.known = Fresh(readings_.powerRead);
   }
@@ -533,12 +539,7 @@ void MtpSession::LoadExtrasLocked(LIBMTP_mtpdevice_t* device, MtpObjectFacts* o)
       return;
     }
   }
-  uint64_t puoid = 0;
-  if (puoidWorks_ && PropertySupportedLocked(device, LIBMTP_PROPERTY_PersistantUniqueObjectIdentifier, o->formatCode)) {
-    puoid = LIBMTP_Get_u64_From_Object(device, o->handle, LIBMTP_PROPERTY_PersistantUniqueObjectIdentifier, 0);
-    if (puoid == 0) puoidWorks_ = false;  // one silent answer: the device does not keep them
-  }
-  o->persistentId = puoid ? PersistentIdFromDevice(puoid) : PersistentIdFallback(facts_.serialNumber, o->storageId, o->handle);
+  o->persistentId = PersistentIdFallback(facts_.serialNumber, o->storageId, o->handle);
   if (PropertySupportedLocked(device, LIBMTP_PROPERTY_ProtectionStatus, o->formatCode)) {
     o->hasProtection = true;
     o->protectionStatus = LIBMTP_Get_u16_From_Object(device, o->handle, LIBMTP_PROPERTY_ProtectionStatus, 0);
@@ -577,9 +578,75 @@ void MtpSession::PrimeForListingLocked(uint32_t parentHandle) {
   PrimeObjectCopyLocked();
 }
 
+MtpObjectFacts MtpSession::FactsFromList(uint32_t handle, const PtpObjectProps& props) {
+  // What libmtp would make of the same properties (see FactsOf and
+  // LoadExtrasLocked): its file type for the format, 64-bit sizes.
+  constexpr uint16_t kStorage = 0xDC01, kFormat = 0xDC02, kProtection = 0xDC03, kSize = 0xDC04, kName = 0xDC07,
+                     kCreated = 0xDC08, kModified = 0xDC09, kParent = 0xDC0B, kHidden = 0xDC0D;
+  const auto has = [&props](uint16_t code) { return props.count(code) != 0; };
+  const auto number = [&props](uint16_t code) { return props.at(code).number; };
+  const auto date = [&props](uint16_t code, int64_t* t) {
+    auto it = props.find(code);
+    return it != props.end() && ParseMtpDate(it->second.text, t);
+  };
+  MtpObjectFacts o;
+  o.handle = handle;
+  o.parentHandle = static_cast<uint32_t>(number(kParent));
+  o.storageId = static_cast<uint32_t>(number(kStorage));
+  o.fileName = props.at(kName).text;
+  o.size = has(kSize) ? number(kSize) : 0;
+  o.formatCode = FormatCodeOfFiletype(FiletypeOfFormatCode(static_cast<uint16_t>(number(kFormat))));
+  o.hasModified = date(kModified, &o.modified);
+  o.persistentId = PersistentIdFallback(facts_.serialNumber, o.storageId, o.handle);
+  o.hasProtection = has(kProtection);
+  if (o.hasProtection) o.protectionStatus = static_cast<uint16_t>(number(kProtection));
+  o.hasHidden = has(kHidden);
+  if (o.hasHidden) o.hidden = number(kHidden) != 0;
+  o.hasCreated = date(kCreated, &o.created);
+  return o;
+}
+
+// The storage's top level from the list read before libmtp opened the
+// device; false (the list dropped) when there is none, the device has
+// reported a change since, or an object lacks what a listing needs.
+bool MtpSession::TopLevelFromListLocked(uint32_t storageId, std::vector<MtpObjectFacts>* children) {
+  if (topLevel_.empty()) return false;
+  if (changes_.load() != topLevelChanges_) {
+    topLevel_.clear();
+    return false;
+  }
+  constexpr uint16_t kNeeded[] = {0xDC01, 0xDC02, 0xDC07, 0xDC0B};  // storage, format, name, parent
+  for (const auto& [handle, props] : topLevel_) {
+    if (std::any_of(std::begin(kNeeded), std::end(kNeeded), [&](uint16_t c) { return !props.count(c); })) {
+      topLevel_.clear();
+      return false;
+    }
+  }
+  bool any = false;
+  for (auto it = topLevel_.begin(); it != topLevel_.end();) {
+    const uint32_t storage = static_cast<uint32_t>(it->second.at(0xDC01).number);
+    const uint32_t parent = static_cast<uint32_t>(it->second.at(0xDC0B).number);
+    if (storage != storageId || (parent != 0 && parent != LIBMTP_FILES_AND_FOLDERS_ROOT)) {
+      ++it;
+      continue;
+    }
+    children->push_back(FactsFromList(it->first, it->second));
+    CacheObjectWithExtras(children->back());
+    it = topLevel_.erase(it);
+    any = true;
+  }
+  return any;
+}
+
 HRESULT MtpSession::ChildrenLocked(LIBMTP_mtpdevice_t** device, uint32_t storageId, uint32_t parentHandle,
                                    std::vector<MtpObjectFacts>* children) {
   children->clear();
+  *device = handle_;
+  if (parentHandle == LIBMTP_FILES_AND_FOLDERS_ROOT && TopLevelFromListLocked(storageId, children)) {
+    std::lock_guard<std::mutex> c(cacheMutex_);
+    listedFolders_.insert({storageId, parentHandle});
+    return S_OK;
+  }
   PrimeForListingLocked(parentHandle);
   if (!handle_) return WIA_ERROR_OFFLINE;
   *device = handle_;

@@ -23,6 +23,7 @@
 #include "platform/portable/mtp/mtp_ids.h"
 #include "platform/portable/mtp/mtp_init.h"
 #include "platform/portable/mtp/mtp_keeper.h"
+#include "platform/portable/mtp/mtp_probe.h"
 #include "platform/portable/mtp/mtp_values.h"
 #include "platform/portable/portable.h"
 
@@ -150,7 +151,9 @@ class MtpSession {
   MtpSession() = default;
   HRESULT OpenRaw(LIBMTP_raw_device_t* raw);
   // Finds the device on USB and opens a session of its own.
-  static HRESULT OpenOnUsb(const std::string& pnpId, bool readOnly, bool listen, std::shared_ptr<MtpSession>* out);
+  // `ahead`: opened ahead of its use, so the top level is read first in one
+  // list (when the device is known to speak MTP) and no events are read.
+  static HRESULT OpenOnUsb(const std::string& pnpId, bool readOnly, bool ahead, std::shared_ptr<MtpSession>* out);
   // Takes over the session kept from an earlier close of the device.
   bool TakeOverKept();
   // Hands the libmtp session to the keeper when it is as good as fresh
@@ -190,7 +193,13 @@ class MtpSession {
   LIBMTP_mtpdevice_t* handle_ = nullptr;
   PropertySupport propertySupport_;  // keyed by property and format code
   bool propertySupportRecalled_ = false;  // what earlier sessions learned is in propertySupport_
-  bool puoidWorks_ = true;  // cleared when the device answers without one
+  // The top level read in one list before libmtp opened the device: each
+  // storage's first top-level listing is taken from it while the device
+  // has reported no change since.
+  PtpObjectList topLevel_;
+  uint64_t topLevelChanges_ = 0;
+  bool TopLevelFromListLocked(uint32_t storageId, std::vector<MtpObjectFacts>* children);
+  MtpObjectFacts FactsFromList(uint32_t handle, const PtpObjectProps& props);
   bool primeTried_ = false;  // PrimeObjectCopyLocked ran in this libmtp session
   bool primed_ = false;      // and libmtp's copy came from one whole-device list
   bool copyUsed_ = false;    // libmtp's copy may hold objects of this libmtp session

@@ -1,5 +1,6 @@
-// The DeviceInfo dataset a device answers with when it is asked for its
-// names, read field by field; a dataset cut anywhere is refused.
+// The datasets a device answers with when it is asked for its names
+// (DeviceInfo) and for its top level (an object property list), read field
+// by field; a dataset cut anywhere is refused.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -90,6 +91,56 @@ TEST(PtpString, CountsUnitsWithTheTerminatorAndRefusesACountPastTheEnd) {
   EXPECT_EQ(used, name.size());
   EXPECT_FALSE(ParsePtpString(name.data(), name.size() - 1, &text, &used));
   EXPECT_FALSE(ParsePtpString(name.data(), 0, &text, &used));
+}
+
+// Two objects of the top level as a phone lists them: properties of every
+// PTP type the list may carry, the objects' elements interleaved.
+std::vector<uint8_t> TopLevelList() {
+  Dataset d;
+  d.U32(8);
+  d.U32(0x100).U16(0xDC07).U16(0xFFFF).Str(u"DCIM");                  // name
+  d.U32(0x100).U16(0xDC02).U16(0x0004).U16(0x3001);                   // format, UINT16
+  d.U32(0x101).U16(0xDC07).U16(0xFFFF).Str(u"big.bin");
+  d.U32(0x100).U16(0xDC01).U16(0x0006).U32(0x00010001);               // storage, UINT32
+  d.U32(0x101).U16(0xDC04).U16(0x0008).U32(0x00000003).U32(0x00000001);  // size, UINT64: 4 GiB + 3
+  d.U32(0x101).U16(0xDC41).U16(0x000A).U32(0x44332211).U32(0x88776655).U32(0xCCBBAA99).U32(0x00FFEEDD);  // UINT128
+  d.U32(0x101).U16(0xDC0D).U16(0x0002);                               // hidden as UINT8 ...
+  d.bytes.push_back(1);
+  d.U32(0x101).U16(0xDC90).U16(0x4004).Array({7, 8});                 // an array of UINT16
+  return d.bytes;
+}
+
+TEST(PtpObjectPropList, ObjectsKeepTheOrderTheyFirstAppearInWithEveryValueRead) {
+  const std::vector<uint8_t> data = TopLevelList();
+  PtpObjectList objects;
+  ASSERT_TRUE(ParseObjectPropList(data.data(), data.size(), &objects));
+  ASSERT_EQ(objects.size(), 2u);
+  EXPECT_EQ(objects[0].first, 0x100u);
+  EXPECT_EQ(objects[1].first, 0x101u);
+  const PtpObjectProps& folder = objects[0].second;
+  const PtpObjectProps& file = objects[1].second;
+  EXPECT_EQ(folder.at(0xDC07).text, "DCIM");
+  EXPECT_EQ(folder.at(0xDC02).number, 0x3001u);
+  EXPECT_EQ(folder.at(0xDC01).number, 0x00010001u);
+  EXPECT_EQ(file.at(0xDC07).text, "big.bin");
+  EXPECT_EQ(file.at(0xDC04).number, (1ull << 32) + 3);
+  EXPECT_EQ(file.at(0xDC41).number, 0x8877665544332211ull) << "not the low half of the 128-bit value";
+  EXPECT_EQ(file.at(0xDC0D).number, 1u);
+  EXPECT_EQ(file.at(0xDC90).type, 0x4004);
+}
+
+TEST(PtpObjectPropList, AListCutAnywhereOrOfUnknownTypesOrClaimingTooMuchIsRefused) {
+  const std::vector<uint8_t> data = TopLevelList();
+  PtpObjectList objects;
+  for (size_t size = 0; size < data.size(); ++size)
+    EXPECT_FALSE(ParseObjectPropList(data.data(), size, &objects)) << "cut at " << size;
+  const std::vector<uint8_t> unknownType = Dataset().U32(1).U32(0x100).U16(0xDC02).U16(0x000B).U16(0x3001).bytes;
+  EXPECT_FALSE(ParseObjectPropList(unknownType.data(), unknownType.size(), &objects));
+  const std::vector<uint8_t> tooMany = Dataset().U32(0x20000000).U32(0x100).U16(0xDC02).U16(0x0004).U16(1).bytes;
+  EXPECT_FALSE(ParseObjectPropList(tooMany.data(), tooMany.size(), &objects));
+  const std::vector<uint8_t> longArray =
+      Dataset().U32(1).U32(0x100).U16(0xDC90).U16(0x4006).U32(0x40000000).U32(1).bytes;
+  EXPECT_FALSE(ParseObjectPropList(longArray.data(), longArray.size(), &objects));
 }
 
 }  // namespace
