@@ -156,33 +156,12 @@ bool LearnByOpening(const std::string& pnpId, Learned* learned) {
 
 std::atomic<bool> g_askNamesOnly{false};
 
-// Stores which of the properties a session reads of every object (mtp_session's
-// LoadExtrasLocked) the device supports for the formats it was asked about.
-void RememberFormatProperties(const std::string& pnpId, const ProbedDevice& probed) {
-  if (probed.propertiesOfFormat.empty()) return;
-  static constexpr std::pair<LIBMTP_property_t, uint16_t> kRead[] = {
-      {LIBMTP_PROPERTY_ProtectionStatus, 0xDC03},
-      {LIBMTP_PROPERTY_Hidden, 0xDC0D},
-      {LIBMTP_PROPERTY_DateCreated, 0xDC08},
-  };
-  PropertySupport support = RecallPropertySupport(pnpId, probed.firmwareVersion);
-  for (const auto& [format, properties] : probed.propertiesOfFormat)
-    for (const auto& [property, code] : kRead)
-      support[{property, format}] = std::find(properties.begin(), properties.end(), code) != properties.end();
-  RememberPropertySupport(pnpId, probed.firmwareVersion, support);
-}
-
 // Asks the device for its names and the table's facts in a few requests of
 // a session of its own, which ends at once. False when it does not answer
 // so (another program holds it, or it speaks PTP in a way we do not follow).
 bool LearnByAsking(const std::string& pnpId, const UsbPortInfo& usb, Learned* learned) {
-  // Folders and files of no known format fill a phone's top level, which
-  // the serving instance lists first: what their objects support is asked
-  // here, one request per format instead of one per property there.
-  constexpr uint16_t kFolder = 0x3001, kUndefined = 0x3000;
   ProbedDevice probed;
-  if (!ProbeDevice(usb.busNumber, usb.deviceAddress, {kFolder, kUndefined}, &probed)) return false;
-  RememberFormatProperties(pnpId, probed);
+  if (!ProbeDevice(usb.busNumber, usb.deviceAddress, &probed)) return false;
   MtpDeviceFacts facts;
   facts.friendlyName = DeviceName(probed.friendlyName, probed.model, usb.product);
   facts.manufacturer = probed.manufacturer;

@@ -170,8 +170,7 @@ constexpr size_t kHeaderSize = 12;
 constexpr size_t kLargestAnswer = 64 << 20;
 constexpr uint16_t kCommandBlock = 1, kDataBlock = 2, kResponseBlock = 3;
 constexpr uint16_t kGetDeviceInfo = 0x1001, kOpenSession = 0x1002, kCloseSession = 0x1003,
-                   kGetStorageIds = 0x1004, kGetDevicePropValue = 0x1015, kGetObjectPropsSupported = 0x9801,
-                   kGetObjPropList = 0x9805;
+                   kGetStorageIds = 0x1004, kGetDevicePropValue = 0x1015, kGetObjPropList = 0x9805;
 constexpr uint32_t kAllProperties = 0xFFFFFFFFu;
 constexpr uint16_t kResponseOk = 0x2001, kSessionAlreadyOpen = 0x201E;
 constexpr uint16_t kDeviceFriendlyName = 0xD402;
@@ -315,7 +314,7 @@ class PtpLink {
 };
 
 // The device's answers within one session of its own.
-bool AskInSession(PtpLink* link, const std::vector<uint16_t>& formats, ProbedDevice* device) {
+bool AskInSession(PtpLink* link, ProbedDevice* device) {
   std::vector<uint8_t> data;
   uint16_t response = 0;
   PtpDeviceInfo info;
@@ -341,14 +340,6 @@ bool AskInSession(PtpLink* link, const std::vector<uint16_t>& formats, ProbedDev
   // A storage id with a zero low half is a slot without media.
   device->storages = static_cast<size_t>(
       std::count_if(storages.begin(), storages.end(), [](uint32_t id) { return (id & 0xFFFFu) != 0; }));
-  const auto& ops = info.operations;
-  if (std::find(ops.begin(), ops.end(), kGetObjectPropsSupported) == ops.end()) return true;
-  for (uint16_t format : formats) {
-    std::vector<uint16_t> properties;
-    if (!link->Transact(kGetObjectPropsSupported, {format}, &data, &response)) return false;
-    if (response == kResponseOk && DatasetReader(data.data(), data.size()).ReadArray16(&properties))
-      device->propertiesOfFormat[format] = std::move(properties);
-  }
   return true;
 }
 
@@ -374,8 +365,8 @@ bool InSessionOf(uint32_t bus, uint32_t address, Ask ask) {
 
 }  // namespace
 
-bool ProbeDevice(uint32_t bus, uint32_t address, const std::vector<uint16_t>& formats, ProbedDevice* device) {
-  const bool ok = InSessionOf(bus, address, [&](PtpLink* link) { return AskInSession(link, formats, device); });
+bool ProbeDevice(uint32_t bus, uint32_t address, ProbedDevice* device) {
+  const bool ok = InSessionOf(bus, address, [&](PtpLink* link) { return AskInSession(link, device); });
   Trace(kTag, "%u:%u %s: \"%s\", %zu storages", bus, address, ok ? "answered" : "did not answer",
         device->friendlyName.c_str(), device->storages);
   return ok;
@@ -398,7 +389,7 @@ bool ReadTopLevel(uint32_t bus, uint32_t address, PtpObjectList* objects) {
 
 #else  // !QUILLBOX_HAVE_LIBMTP
 
-bool ProbeDevice(uint32_t, uint32_t, const std::vector<uint16_t>&, ProbedDevice*) { return false; }
+bool ProbeDevice(uint32_t, uint32_t, ProbedDevice*) { return false; }
 bool ReadTopLevel(uint32_t, uint32_t, PtpObjectList*) { return false; }
 
 #endif  // QUILLBOX_HAVE_LIBMTP

@@ -61,17 +61,13 @@ struct ProbedDevice {
   bool speaksMtp = false;  // a vendor extension of microsoft.com or android.com
   bool android = false;
   size_t storages = 0;     // storages with media in them
-  // The object properties the device supports for each format asked
-  // about; formats it would not tell are left out.
-  std::map<uint16_t, std::vector<uint16_t>> propertiesOfFormat;
 };
 
 // Asks the device at `bus`/`address` (OpenSession, GetDeviceInfo, the
-// friendly name, GetStorageIDs, GetObjectPropsSupported for each of
-// `formats` when the device has that request, CloseSession). False when it
-// cannot be claimed (another program holds it) or does not answer as PTP;
-// nothing of the device is changed either way.
-bool ProbeDevice(uint32_t bus, uint32_t address, const std::vector<uint16_t>& formats, ProbedDevice* device);
+// friendly name, GetStorageIDs, CloseSession). False when it cannot be
+// claimed (another program holds it) or does not answer as PTP; nothing of
+// the device is changed either way.
+bool ProbeDevice(uint32_t bus, uint32_t address, ProbedDevice* device);
 
 // Reads the top level of every storage of the device at `bus`/`address`,
 // every property of every object, in one request of a session of its own
