@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <libmtp.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -240,6 +241,30 @@ TEST_F(EmulatedMtpDevice, TheTopLevelReadAheadInOneListIsWhatLibmtpListsObjectBy
     }
   }
   qp::ReleaseIdleDevices();
+}
+
+// The top level read ahead stands only while the device reports no change:
+// a file made on the device after it was read, and reported before the
+// first listing, is listed.
+TEST_F(EmulatedMtpDevice, AChangeReportedBeforeTheFirstListingSetsTheTopLevelReadAheadAside) {
+  ASSERT_TRUE(StartEmulator());
+  const std::string id = FindMtpDevice();
+  ASSERT_FALSE(id.empty());
+  qp::ReleaseIdleDevices();
+  qp::OpenDeviceAhead(id);
+  mtp_ = OpenDevice();
+  ASSERT_TRUE(mtp_);
+  auto sink = std::make_shared<RecordingSink>();
+  std::string cookie;
+  ASSERT_EQ(mtp_->Advise(0, sink, nullptr, &cookie), S_OK);
+  std::ofstream(Storage("late.txt")) << "made after the top level was read";
+  ASSERT_TRUE(sink->WaitFor([](const SeenEvent& e) { return e.name == "late.txt"; })) << "no event for the new file";
+  ASSERT_EQ(mtp_->Content(&content_), S_OK);
+  ChildNames(content_.get(), WPD_DEVICE_OBJECT_ID, &storages_);
+  ASSERT_FALSE(storages_.empty());
+  const auto names = ChildNames(content_.get(), storages_[0]);
+  EXPECT_NE(std::find(names.begin(), names.end(), "late.txt"), names.end()) << "listed as read before the change";
+  mtp_->Unadvise(cookie);
 }
 
 // A session kept after a close holds the device for this process only until
