@@ -140,7 +140,10 @@ class MtpContent : public IPortableDeviceContent, public std::enable_shared_from
       target.hasModified = true;
       target.modified = t;
     }
-    hr = MakeMtpDataStream(s_, target, stream);
+    uint64_t size = 0;
+    hr = SUCCEEDED(values.GetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, &size))
+             ? MakeMtpUploadStream(s_, target, size, stream)
+             : MakeMtpDataStream(s_, target, stream);
     if (SUCCEEDED(hr) && optimalBufferSize) *optimalBufferSize = kOptimalBufferSize;
     return hr;
   }

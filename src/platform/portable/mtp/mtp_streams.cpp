@@ -28,12 +28,6 @@ constexpr auto kPartialRetryDelay = std::chrono::milliseconds(200);
 // USB 2 speed, so a waiting reader and the device lock are not held long.
 constexpr uint64_t kMaxPiece = 8u << 20;
 
-// libmtp's progress callback inside one long transfer: data moved, so the
-// calling worker is not stuck. Never cancels.
-int ReportProgress(uint64_t const /*sent*/, uint64_t const /*total*/, void const* const /*data*/) {
-  NoteProgress();
-  return 0;
-}
 
 // An unlinked temporary file: gone from the disk whatever happens.
 int OpenScratchFile() {
@@ -228,7 +222,7 @@ class MtpReadStream : public IStream {
     }
     FileSink sink{fd, 0};
     s_->NoteCopyUsedLocked();
-    if (LIBMTP_Get_File_To_Handler(device, object_.handle, PutToFile, &sink, ReportProgress, nullptr) != 0) {
+    if (LIBMTP_Get_File_To_Handler(device, object_.handle, PutToFile, &sink, ReportTransferProgress, nullptr) != 0) {
       close(fd);
       return s_->FailedLocked(device, "MT31@MtpReadStream::FetchWhole: ", "LIBMTP_Get_File_To_Handler");
     }
@@ -269,24 +263,16 @@ class MtpDataStream : public IPortableDeviceDataStream {
     LIBMTP_mtpdevice_t* device = nullptr;
     HRESULT hr = s_->Acquire(&lock, &device);
     if (FAILED(hr)) return hr;
-    LIBMTP_file_t* file = LIBMTP_new_file_t();
+    LIBMTP_file_t* file = NewFileFor(object_, size_);
     if (!file) return E_OUTOFMEMORY;
-    file->filename = strdup(object_.fileName.c_str());
-    file->filesize = size_;
-    file->parent_id = SendParentHandle(object_.parentHandle);
-    file->storage_id = object_.storageId;
-    file->filetype = FiletypeOfFormatCode(object_.formatCode);
-    file->modificationdate = object_.hasModified ? static_cast<time_t>(object_.modified) : time(nullptr);
     FileSource src{fd_, 0};
     s_->NoteCopyUsedLocked();
-    int rc = LIBMTP_Send_File_From_Handler(device, GetFromFile, &src, file, ReportProgress, nullptr);
+    int rc = LIBMTP_Send_File_From_Handler(device, GetFromFile, &src, file, ReportTransferProgress, nullptr);
     if (rc != 0) {
       LIBMTP_destroy_file_t(file);
       return s_->FailedLocked(device, "MT32@MtpDataStream::Commit: ", "LIBMTP_Send_File_From_Handler");
     }
-    MtpObjectFacts facts = MtpSession::FactsOf(*file);
-    facts.size = size_;
-    facts.formatCode = object_.formatCode;
+    MtpObjectFacts facts = SentFacts(*file, object_, size_);
     LIBMTP_destroy_file_t(file);
     s_->CacheObject(facts);
     lock.unlock();
@@ -327,6 +313,30 @@ class MtpDataStream : public IPortableDeviceDataStream {
 };
 
 }  // namespace
+
+int ReportTransferProgress(uint64_t const, uint64_t const, void const* const) {
+  NoteProgress();
+  return 0;
+}
+
+LIBMTP_file_t* NewFileFor(const MtpNewObject& object, uint64_t size) {
+  LIBMTP_file_t* file = LIBMTP_new_file_t();
+  if (!file) return nullptr;
+  file->filename = strdup(object.fileName.c_str());
+  file->filesize = size;
+  file->parent_id = SendParentHandle(object.parentHandle);
+  file->storage_id = object.storageId;
+  file->filetype = FiletypeOfFormatCode(object.formatCode);
+  file->modificationdate = object.hasModified ? static_cast<time_t>(object.modified) : time(nullptr);
+  return file;
+}
+
+MtpObjectFacts SentFacts(const LIBMTP_file_t& file, const MtpNewObject& object, uint64_t size) {
+  MtpObjectFacts facts = MtpSession::FactsOf(file);
+  facts.size = size;
+  facts.formatCode = object.formatCode;
+  return facts;
+}
 
 std::unique_ptr<IStream> MakeMtpReadStream(std::shared_ptr<MtpSession> session, const MtpObjectFacts& object) {
   return std::make_unique<MtpReadStream>(std::move(session), object);
