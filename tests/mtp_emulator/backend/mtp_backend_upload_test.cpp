@@ -105,10 +105,12 @@ TEST_F(EmulatedMtpUpload, AFileGivenUpBeforeItsCommitDoesNotStayOnTheDevice) {
   }
   EXPECT_FALSE(fs::exists(Storage("short.bin"))) << "a Commit short of the declared size left its file";
   {
-    auto stream = NewFile("toolong.bin", 4);
+    auto stream = NewFile("toolong.bin", data.size());
     ASSERT_TRUE(stream);
+    const std::string more = data + "x";
     uint32_t written = 0;
-    EXPECT_EQ(stream->Write("12345", 5, &written), E_INVALIDARG) << "more than the declared size was taken";
+    EXPECT_EQ(stream->Write(more.data(), static_cast<uint32_t>(more.size()), &written), E_INVALIDARG)
+        << "more than the declared size was taken";
   }
   ASSERT_NO_FATAL_FAILURE(ExpectAnotherUploadWorks());
 }

@@ -141,7 +141,7 @@ class MtpContent : public IPortableDeviceContent, public std::enable_shared_from
       target.modified = t;
     }
     uint64_t size = 0;
-    hr = SUCCEEDED(values.GetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, &size))
+    hr = SUCCEEDED(values.GetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, &size)) && size >= kStreamedUploadFrom
              ? MakeMtpUploadStream(s_, target, size, stream)
              : MakeMtpDataStream(s_, target, stream);
     if (SUCCEEDED(hr) && optimalBufferSize) *optimalBufferSize = kOptimalBufferSize;

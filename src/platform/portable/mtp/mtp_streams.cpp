@@ -239,12 +239,10 @@ class MtpReadStream : public IStream {
   std::future<Piece> next_;  // the piece after it, on its way (waited for when destroyed)
 };
 
-class MtpDataStream : public IPortableDeviceDataStream {
+class MtpDataStream : public MtpNewObjectStream {
  public:
   MtpDataStream(std::shared_ptr<MtpSession> s, const MtpNewObject& o, int fd) : s_(std::move(s)), object_(o), fd_(fd) {}
   ~MtpDataStream() override { close(fd_); }
-
-  HRESULT Read(void*, uint32_t, uint32_t*) override { return E_ACCESSDENIED; }
 
   HRESULT Write(const void* buffer, uint32_t count, uint32_t* written) override {
     if (!buffer && count) return E_POINTER;
@@ -276,8 +274,7 @@ class MtpDataStream : public IPortableDeviceDataStream {
     LIBMTP_destroy_file_t(file);
     s_->CacheObject(facts);
     lock.unlock();
-    committed_ = true;
-    objectId_ = ContentObjectId(facts.handle);
+    NoteCommitted(facts.handle);
     s_->Announce(WPD_EVENT_OBJECT_ADDED, facts);
     return S_OK;
   }
@@ -286,13 +283,6 @@ class MtpDataStream : public IPortableDeviceDataStream {
     if (committed_) return E_UNEXPECTED;
     size_ = 0;
     return ftruncate(fd_, 0) == 0 ? S_OK : E_FAIL;
-  }
-
-  HRESULT GetObjectID(std::string* objectId) override {
-    if (!objectId) return E_POINTER;
-    if (!committed_) return E_WPD_OBJECT_NOT_COMMITED;
-    *objectId = objectId_;
-    return S_OK;
   }
 
   HRESULT Cancel() override {
@@ -307,9 +297,7 @@ class MtpDataStream : public IPortableDeviceDataStream {
   MtpNewObject object_;
   int fd_;
   uint64_t size_ = 0;
-  bool committed_ = false;
   bool cancelled_ = false;
-  std::string objectId_;
 };
 
 }  // namespace

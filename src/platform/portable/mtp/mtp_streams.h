@@ -24,15 +24,46 @@ struct MtpNewObject {
   int64_t modified = 0;
 };
 
-// For a new object of no declared size: writes go to an unlinked temporary
-// file; Commit sends it (LIBMTP_Send_File_From_Handler) and the object
-// exists from then on. Destroyed without Commit: the file goes and the
-// device never saw it.
+// What the data streams of a new object share: they cannot be read, and
+// tell the new object's id once committed.
+class MtpNewObjectStream : public IPortableDeviceDataStream {
+ public:
+  HRESULT Read(void*, uint32_t, uint32_t*) override { return E_ACCESSDENIED; }
+  HRESULT GetObjectID(std::string* objectId) override {
+    if (!objectId) return E_POINTER;
+    if (!committed_) return E_WPD_OBJECT_NOT_COMMITED;
+    *objectId = objectId_;
+    return S_OK;
+  }
+
+ protected:
+  void NoteCommitted(uint32_t handle) {
+    committed_ = true;
+    objectId_ = ContentObjectId(handle);
+  }
+  bool committed_ = false;
+
+ private:
+  std::string objectId_;
+};
+
+// The size from which a new object's data goes to the device as it is
+// written: below it, the data is at hand in a write or two, and a copy of
+// it costs less than handing it to a transfer thread (about 1 ms a file:
+// copying 1,000 small files in took 7.3-7.9 s streamed, 6.3-6.8 s sent at
+// Commit).
+inline constexpr uint64_t kStreamedUploadFrom = 1u << 20;
+
+// For a new object of no declared size, or a small one: writes go to an
+// unlinked temporary file; Commit sends it (LIBMTP_Send_File_From_Handler)
+// and the object exists from then on. Destroyed without Commit: the file
+// goes and the device never saw it.
 HRESULT MakeMtpDataStream(std::shared_ptr<MtpSession> session, const MtpNewObject& object,
                           std::unique_ptr<IPortableDeviceDataStream>* stream);
-// For a new object of `size` bytes: the data goes to the device as it is
-// written (mtp_upload.cpp); Commit of fewer bytes fails, and a stream given
-// up before its Commit deletes the object again.
+// For a new object of `size` bytes (kStreamedUploadFrom or more, as used):
+// the data goes to the device as it is written (mtp_upload.cpp); Commit of
+// fewer bytes fails, and a stream given up before its Commit deletes the
+// object again.
 HRESULT MakeMtpUploadStream(std::shared_ptr<MtpSession> session, const MtpNewObject& object, uint64_t size,
                             std::unique_ptr<IPortableDeviceDataStream>* stream);
 

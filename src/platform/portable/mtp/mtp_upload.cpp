@@ -33,13 +33,11 @@ constexpr auto kStallLimit = std::chrono::seconds(60);
 // Commit (destroyed, cancelled, or committed short of its declared size)
 // ends the transfer with zeros, as a transfer cannot be broken off without
 // leaving the device out of step, and deletes the object again.
-class MtpUploadStream : public IPortableDeviceDataStream {
+class MtpUploadStream : public MtpNewObjectStream {
  public:
   MtpUploadStream(std::shared_ptr<MtpSession> s, const MtpNewObject& o, uint64_t size)
       : s_(std::move(s)), object_(o), size_(size), progress_(CurrentProgressReporter()) {}
   ~MtpUploadStream() override { GiveUp(); }
-
-  HRESULT Read(void*, uint32_t, uint32_t*) override { return E_ACCESSDENIED; }
 
   HRESULT Write(const void* buffer, uint32_t count, uint32_t* written) override {
     if (!buffer && count) return E_POINTER;
@@ -73,20 +71,12 @@ class MtpUploadStream : public IPortableDeviceDataStream {
     if (!sender_.joinable()) sender_ = std::thread([this] { Send(); });  // nothing to write: an empty file
     sender_.join();
     if (FAILED(result_)) return result_;
-    committed_ = true;
-    objectId_ = ContentObjectId(facts_.handle);
+    NoteCommitted(facts_.handle);
     s_->Announce(WPD_EVENT_OBJECT_ADDED, facts_);
     return S_OK;
   }
 
   HRESULT Revert() override { return accepted_ == 0 && !committed_ ? S_OK : E_UNEXPECTED; }
-
-  HRESULT GetObjectID(std::string* objectId) override {
-    if (!objectId) return E_POINTER;
-    if (!committed_) return E_WPD_OBJECT_NOT_COMMITED;
-    *objectId = objectId_;
-    return S_OK;
-  }
 
   HRESULT Cancel() override {
     if (committed_) return E_UNEXPECTED;
@@ -184,11 +174,9 @@ class MtpUploadStream : public IPortableDeviceDataStream {
   const uint64_t size_;
   const ProgressReporter progress_;
   uint64_t accepted_ = 0;  // bytes Write took
-  bool committed_ = false;
   bool givenUp_ = false;
   std::thread sender_;
   MtpObjectFacts facts_;  // of the object sent, once the transfer ended well
-  std::string objectId_;
 
   std::mutex m_;
   std::condition_variable moved_;  // data queued or taken, the stream given up, the transfer ended
