@@ -34,6 +34,11 @@ std::string TakeString(char* s) {
   return out;
 }
 
+// Object property codes of the top level read in one list.
+constexpr uint16_t kPropStorage = 0xDC01, kPropFormat = 0xDC02, kPropProtection = 0xDC03, kPropSize = 0xDC04,
+                   kPropName = 0xDC07, kPropCreated = 0xDC08, kPropModified = 0xDC09, kPropParent = 0xDC0B,
+                   kPropHidden = 0xDC0D;
+
 // A storage id no device hands out (logical storage numbers start at 1 and
 // 0xFFFFFFFF means all storages).
 constexpr uint32_t kNoStorage = 0xFFFF0000u;
@@ -581,8 +586,6 @@ void MtpSession::PrimeForListingLocked(uint32_t parentHandle) {
 MtpObjectFacts MtpSession::FactsFromList(uint32_t handle, const PtpObjectProps& props) {
   // What libmtp would make of the same properties (see FactsOf and
   // LoadExtrasLocked): its file type for the format, 64-bit sizes.
-  constexpr uint16_t kStorage = 0xDC01, kFormat = 0xDC02, kProtection = 0xDC03, kSize = 0xDC04, kName = 0xDC07,
-                     kCreated = 0xDC08, kModified = 0xDC09, kParent = 0xDC0B, kHidden = 0xDC0D;
   const auto has = [&props](uint16_t code) { return props.count(code) != 0; };
   const auto number = [&props](uint16_t code) { return props.at(code).number; };
   const auto date = [&props](uint16_t code, int64_t* t) {
@@ -591,18 +594,18 @@ MtpObjectFacts MtpSession::FactsFromList(uint32_t handle, const PtpObjectProps& 
   };
   MtpObjectFacts o;
   o.handle = handle;
-  o.parentHandle = static_cast<uint32_t>(number(kParent));
-  o.storageId = static_cast<uint32_t>(number(kStorage));
-  o.fileName = props.at(kName).text;
-  o.size = has(kSize) ? number(kSize) : 0;
-  o.formatCode = FormatCodeOfFiletype(FiletypeOfFormatCode(static_cast<uint16_t>(number(kFormat))));
-  o.hasModified = date(kModified, &o.modified);
+  o.parentHandle = static_cast<uint32_t>(number(kPropParent));
+  o.storageId = static_cast<uint32_t>(number(kPropStorage));
+  o.fileName = props.at(kPropName).text;
+  o.size = has(kPropSize) ? number(kPropSize) : 0;
+  o.formatCode = FormatCodeOfFiletype(FiletypeOfFormatCode(static_cast<uint16_t>(number(kPropFormat))));
+  o.hasModified = date(kPropModified, &o.modified);
   o.persistentId = PersistentIdFallback(facts_.serialNumber, o.storageId, o.handle);
-  o.hasProtection = has(kProtection);
-  if (o.hasProtection) o.protectionStatus = static_cast<uint16_t>(number(kProtection));
-  o.hasHidden = has(kHidden);
-  if (o.hasHidden) o.hidden = number(kHidden) != 0;
-  o.hasCreated = date(kCreated, &o.created);
+  o.hasProtection = has(kPropProtection);
+  if (o.hasProtection) o.protectionStatus = static_cast<uint16_t>(number(kPropProtection));
+  o.hasHidden = has(kPropHidden);
+  if (o.hasHidden) o.hidden = number(kPropHidden) != 0;
+  o.hasCreated = date(kPropCreated, &o.created);
   return o;
 }
 
@@ -615,7 +618,7 @@ bool MtpSession::TopLevelFromListLocked(uint32_t storageId, std::vector<MtpObjec
     topLevel_.clear();
     return false;
   }
-  constexpr uint16_t kNeeded[] = {0xDC01, 0xDC02, 0xDC07, 0xDC0B};  // storage, format, name, parent
+  constexpr uint16_t kNeeded[] = {kPropStorage, kPropFormat, kPropName, kPropParent};
   for (const auto& [handle, props] : topLevel_) {
     if (std::any_of(std::begin(kNeeded), std::end(kNeeded), [&](uint16_t c) { return !props.count(c); })) {
       topLevel_.clear();
@@ -624,8 +627,8 @@ bool MtpSession::TopLevelFromListLocked(uint32_t storageId, std::vector<MtpObjec
   }
   bool any = false;
   for (auto it = topLevel_.begin(); it != topLevel_.end();) {
-    const uint32_t storage = static_cast<uint32_t>(it->second.at(0xDC01).number);
-    const uint32_t parent = static_cast<uint32_t>(it->second.at(0xDC0B).number);
+    const uint32_t storage = static_cast<uint32_t>(it->second.at(kPropStorage).number);
+    const uint32_t parent = static_cast<uint32_t>(it->second.at(kPropParent).number);
     if (storage != storageId || (parent != 0 && parent != LIBMTP_FILES_AND_FOLDERS_ROOT)) {
       ++it;
       continue;
