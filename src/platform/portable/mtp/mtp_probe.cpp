@@ -164,6 +164,10 @@ namespace {
 
 constexpr const char* kTag = "MT14@ProbeDevice: ";
 constexpr unsigned kTransferTimeoutMs = 3000;
+// A phone may gather the list of a large top level for some seconds before
+// it answers (libmtp allows 20 s); a read given up in the middle would
+// leave the device out of step for the libmtp session that follows.
+constexpr unsigned kListTimeoutMs = 20000;
 constexpr size_t kHeaderSize = 12;
 // A device's names and storage ids fit many times over; so does the list of
 // a top level of some hundred thousand objects.
@@ -187,6 +191,7 @@ void Put16(std::vector<uint8_t>* out, uint16_t v) {
 class PtpLink {
  public:
   explicit PtpLink(libusb_context* context) : context_(context) {}
+  void SetTimeout(unsigned milliseconds) { timeoutMs_ = milliseconds; }
   ~PtpLink() {
     if (claimed_) libusb_release_interface(handle_, interface_);
     if (handle_) libusb_close(handle_);
@@ -219,7 +224,7 @@ class PtpLink {
     for (uint32_t p : params) Put32(&block, p);
     int sent = 0;
     if (libusb_bulk_transfer(handle_, out_, block.data(), static_cast<int>(block.size()), &sent,
-                             kTransferTimeoutMs) != 0 ||
+                             timeoutMs_) != 0 ||
         sent != static_cast<int>(block.size()))
       return false;
     if (data) data->clear();
@@ -299,7 +304,7 @@ class PtpLink {
     block->resize(before + ask);
     int got = 0;
     const int rc = libusb_bulk_transfer(handle_, in_, block->data() + before, static_cast<int>(ask), &got,
-                                        kTransferTimeoutMs);
+                                        timeoutMs_);
     block->resize(before + (rc == 0 ? static_cast<size_t>(got) : 0));
     return rc == 0;
   }
@@ -311,6 +316,7 @@ class PtpLink {
   size_t packet_ = 512;
   bool claimed_ = false;
   uint32_t transaction_ = 0;
+  unsigned timeoutMs_ = kTransferTimeoutMs;
 };
 
 // The device's answers within one session of its own.
@@ -378,6 +384,7 @@ bool ReadTopLevel(uint32_t bus, uint32_t address, PtpObjectList* objects) {
     std::vector<uint8_t> data;
     uint16_t response = 0;
     // Object 0 with depth 1: the children of the root, of every storage.
+    link->SetTimeout(kListTimeoutMs);
     return link->Transact(kGetObjPropList, {0, 0, kAllProperties, 0, 1}, &data, &response) &&
            response == kResponseOk && ParseObjectPropList(data.data(), data.size(), objects);
   });
