@@ -97,6 +97,11 @@ std::map<uint16_t, uint64_t> EmulatedMtpDevice::OperationCounts() const {
   return counts;
 }
 
+uint64_t CountOf(const std::map<uint16_t, uint64_t>& counts, uint16_t code) {
+  auto it = counts.find(code);
+  return it == counts.end() ? 0 : it->second;
+}
+
 uint64_t OperationsBetween(const std::map<uint16_t, uint64_t>& before, const std::map<uint16_t, uint64_t>& after) {
   uint64_t total = 0;
   for (const auto& [code, count] : after) {

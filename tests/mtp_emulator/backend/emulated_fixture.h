@@ -55,6 +55,8 @@ class EmulatedMtpDevice : public ::testing::Test {
 
 // Operations counted in `after` but not in `before`, all codes together.
 uint64_t OperationsBetween(const std::map<uint16_t, uint64_t>& before, const std::map<uint16_t, uint64_t>& after);
+// How often operation `code` was counted in `counts`.
+uint64_t CountOf(const std::map<uint16_t, uint64_t>& counts, uint16_t code);
 
 // Names of the children of `parentId` ("" on failure).
 std::vector<std::string> ChildNames(qb::portable::IPortableDeviceContent* content, const std::string& parentId,

@@ -19,11 +19,6 @@ namespace qp = qb::portable;
 
 constexpr uint16_t kGetPartialObject64 = 0x95C1;
 
-uint64_t CountOf(const std::map<uint16_t, uint64_t>& counts, uint16_t code) {
-  auto it = counts.find(code);
-  return it == counts.end() ? 0 : it->second;
-}
-
 // Opening the device and listing a 500-file folder with every child's
 // properties (what the drive does) costs a handful of operations, and the
 // facts are those of the files: sizes (also one over 4 GiB, which a

@@ -32,11 +32,6 @@ constexpr uint16_t kGetDevicePropValue = 0x1015;
 constexpr uint16_t kGetObjectPropsSupported = 0x9801;
 constexpr uint16_t kGetObjectPropDesc = 0x9802;
 
-uint64_t CountOf(const std::map<uint16_t, uint64_t>& counts, uint16_t code) {
-  auto it = counts.find(code);
-  return it == counts.end() ? 0 : it->second;
-}
-
 // Reads every property of the objects at a storage's top level, as the
 // drive does when it lists them.
 void ReadEveryPropertyOfTheTopLevel(qp::IPortableDeviceContent* content, const std::string& storage) {

@@ -18,11 +18,6 @@ namespace qp = qb::portable;
 constexpr uint16_t kSendObjectInfo = 0x100C;
 constexpr uint32_t kBlock = 256 * 1024;
 
-uint64_t CountOf(const std::map<uint16_t, uint64_t>& counts, uint16_t code) {
-  auto it = counts.find(code);
-  return it == counts.end() ? 0 : it->second;
-}
-
 std::string Pattern(size_t size) {
   std::string data(size, '\0');
   for (size_t i = 0; i < size; ++i) data[i] = static_cast<char>((i * 7919) >> 9);

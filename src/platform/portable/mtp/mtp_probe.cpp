@@ -92,8 +92,8 @@ bool ParsePtpString(const uint8_t* data, size_t size, std::string* text, size_t*
 
 namespace {
 
-}  // namespace
-
+// The width in bytes of an integer of PTP data type `type` (of an element,
+// for arrays); 0 for strings and types PTP does not have.
 size_t IntegerWidthOf(uint16_t type) {
   const uint16_t element = type & 0x0FFF;
   if ((type & 0xF000) != 0 && (type & 0xF000) != 0x4000) return 0;
@@ -106,8 +106,6 @@ size_t IntegerWidthOf(uint16_t type) {
     default: return 0;
   }
 }
-
-namespace {
 
 bool ReadPropValue(DatasetReader* r, uint16_t type, PtpPropValue* value) {
   value->type = type;

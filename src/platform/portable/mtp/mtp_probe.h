@@ -44,10 +44,6 @@ using PtpObjectProps = std::map<uint16_t, PtpPropValue>;
 // Objects in the order the list names them first, with their properties.
 using PtpObjectList = std::vector<std::pair<uint32_t, PtpObjectProps>>;
 
-// The width in bytes of an integer of PTP data type `type` (of an element,
-// for arrays); 0 for strings and types PTP does not have.
-size_t IntegerWidthOf(uint16_t type);
-
 // Reads an ObjectPropList dataset; false when it is cut short, names a data
 // type PTP does not have, or holds more elements than its size allows.
 bool ParseObjectPropList(const uint8_t* data, size_t size, PtpObjectList* objects);

@@ -206,7 +206,7 @@ bool MtpSession::KeepLocked() {
   {
     std::lock_guard<std::mutex> c(cacheMutex_);
     kept.readings = readings_;
-    kept.topLevel = topLevel_;
+    kept.topLevel = std::move(topLevel_);  // the session closes
     kept.readings.storagesRead.known = Fresh(readings_.storagesRead);
     kept.readings.powerRead.known = Fresh(readings_.powerRead);
   }
