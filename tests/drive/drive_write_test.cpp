@@ -248,8 +248,12 @@ TEST_F(DriveWriteTest, DeviceThatStopsTakingWritesIsNoticedAtItsFirstRefusal) {
   ASSERT_TRUE(Mount());
   std::string out;
   ASSERT_EQ(Sh("ls \"$D\" >/dev/null"), 0);
-  // One shell, so that all of it falls in the while the yes is kept.
-  ASSERT_EQ(Sh("{ echo ok > \"$D/ok.txt\" && " + Simdev() + " fault drivephone no-write >/dev/null && "
+  // One shell, so that all of it falls in the while the yes is kept. The
+  // close queues ok.txt's upload; the fault waits until the device holds
+  // it (at most 10 s), or a busy machine lets the fault overtake it.
+  ASSERT_EQ(Sh("{ echo ok > \"$D/ok.txt\" && "
+               "for i in $(seq 200); do [ \"$(cat \"$S/ok.txt\" 2>/dev/null)\" = ok ] && break; sleep 0.05; done && " +
+               Simdev() + " fault drivephone no-write >/dev/null && "
                "{ echo first | cat > \"$D/first.txt\" || echo 'first refused'; } && ls \"$D\" >/dev/null && "
                "{ echo second | cat > \"$D/second.txt\" || echo 'second refused'; }; } 2>&1",
                &out),
